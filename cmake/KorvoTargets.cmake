@@ -1,0 +1,58 @@
+# How every library and program of this project is built.
+
+include(CheckCXXCompilerFlag)
+
+# Hardening that the compiler at hand may lack (cross compilers differ), asked for once.
+set(KORVO_HARDENING_FLAGS)
+foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection)
+  string(MAKE_C_IDENTIFIER "KORVO_HAS${flag}" has)
+  check_cxx_compiler_flag(${flag} ${has})
+  if(${has})
+    list(APPEND KORVO_HARDENING_FLAGS ${flag})
+  endif()
+endforeach()
+
+# korvo_build_settings(TARGET): language level, warnings, hardening and 64-bit file offsets of one target.
+function(korvo_build_settings target)
+  target_compile_features(${target} PUBLIC cxx_std_17)
+  # Said twice: the feature is for those who link the target, the standard puts a flag on every command line, which
+  # tools that read the compilation database need.
+  set_target_properties(${target} PROPERTIES
+    CXX_STANDARD 17
+    CXX_EXTENSIONS OFF
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON
+    POSITION_INDEPENDENT_CODE ON)
+  # 64-bit time_t needs 64-bit file offsets, and a C library that has no such choice ignores both.
+  target_compile_definitions(${target} PRIVATE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wconversion -Wshadow ${KORVO_HARDENING_FLAGS})
+  if(KORVO_WARNINGS_AS_ERRORS)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+  # Fortification needs an optimised build, and sanitizers bring their own checks.
+  if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
+    target_compile_options(${target} PRIVATE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+    target_link_options(${target} PRIVATE -Wl,-z,defs)
+  endif()
+  target_link_options(${target} PRIVATE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
+endfunction()
+
+# korvo_add_library(NAME SOURCES ... [PUBLIC_LINK ...] [PRIVATE_LINK ...])
+# The library libkorvo_NAME with the target korvo::NAME; its public headers stand under include/ of its folder.
+function(korvo_add_library name)
+  cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC_LINK;PRIVATE_LINK" ${ARGN})
+  set(target korvo_${name})
+  add_library(${target} ${arg_SOURCES})
+  add_library(korvo::${name} ALIAS ${target})
+  korvo_build_settings(${target})
+  set_target_properties(${target} PROPERTIES
+    EXPORT_NAME ${name}
+    VERSION ${PROJECT_VERSION}
+    SOVERSION ${PROJECT_VERSION_MAJOR})
+  target_include_directories(${target} PUBLIC
+    $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_link_libraries(${target} PUBLIC ${arg_PUBLIC_LINK} PRIVATE ${arg_PRIVATE_LINK})
+  set_property(GLOBAL APPEND PROPERTY KORVO_LIBRARIES ${target})
+  set_property(GLOBAL APPEND PROPERTY KORVO_INCLUDE_DIRS ${CMAKE_CURRENT_SOURCE_DIR}/include/)
+endfunction()
