@@ -1,0 +1,25 @@
+/**
+ * @file
+ * Where the device's fixed paths are found: normally at "/", or below a folder that holds another device's
+ * tree, such as a mounted firmware image or a test's sample device.
+ */
+#pragma once
+
+#include <string>
+
+#include "korvo/utils/export.h"
+
+namespace korvo::utils {
+
+/**
+ * Sets the folder that stands in front of every fixed device path; the empty text, the default, means the
+ * real paths. It holds for the whole process. Call it once, before anything else of these libraries and
+ * before starting threads. Nothing reads the root from the environment, so that no user can redirect a
+ * service.
+ */
+KORVO_UTILS_EXPORT void setDeviceRoot(const std::string& directory);
+
+/** The path to use for the fixed device path @p path, which begins with "/". */
+KORVO_UTILS_EXPORT std::string devicePath(const char* path);
+
+}  // namespace korvo::utils

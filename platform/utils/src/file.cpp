@@ -1,0 +1,102 @@
+#include "korvo/utils/file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace korvo::utils {
+namespace {
+
+/** Repeats a system call for as long as a signal interrupts it. */
+template <class Call>
+auto uninterrupted(Call call) {
+    auto result = call();
+    while (result == -1 && errno == EINTR) result = call();
+    return result;
+}
+
+/** Empties the file behind a descriptor just opened for writing, unless it is not ours alone to write. */
+bool claimForWriting(int descriptor) {
+    struct stat status {};
+    if (::fstat(descriptor, &status) != 0) return false;
+    if (!S_ISREG(status.st_mode) || status.st_nlink != 1 || status.st_uid != ::geteuid()) {
+        errno = EPERM;
+        return false;
+    }
+    return status.st_size == 0 || ::ftruncate(descriptor, 0) == 0;
+}
+
+}  // namespace
+
+File::~File() {
+    (void)Close();
+}
+
+bool File::Initialize(const std::string& path, FILE_OPEN_MODE mode) {
+    (void)Close();
+    if (path.find('\0') != std::string::npos) {
+        errno = EINVAL;
+        return false;
+    }
+    if (mode == FILE_OPEN_MODE_READ) {
+        descriptor = uninterrupted([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); });
+        return descriptor >= 0;
+    }
+    // Not O_TRUNC, which would empty a planted file before it can be looked at; O_NONBLOCK, because opening a
+    // planted pipe would wait for a reader forever.
+    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    descriptor = uninterrupted([&] { return ::open(path.c_str(), flags, S_IRUSR | S_IWUSR); });
+    if (descriptor < 0) return false;
+    if (claimForWriting(descriptor)) return true;
+    const int error = errno;
+    (void)Close();
+    errno = error;
+    return false;
+}
+
+bool File::ReadStringAll(std::string& text) {
+    struct stat status {};
+    if (::fstat(descriptor, &status) != 0) return false;
+    // One byte more than the file claims, so that the end is seen without growing the buffer.
+    std::string content(status.st_size > 0 ? static_cast<std::size_t>(status.st_size) + 1 : 4096, '\0');
+    std::size_t length = 0;
+    for (;;) {
+        if (length == content.size()) content.resize(content.size() * 2);
+        const ssize_t got =
+            uninterrupted([&] { return ::read(descriptor, &content[length], content.size() - length); });
+        if (got < 0) return false;
+        if (got == 0) break;
+        length += static_cast<std::size_t>(got);
+    }
+    content.resize(length);
+    text = std::move(content);
+    return true;
+}
+
+bool File::ReadStringAll(const std::string& path, std::string& text) {
+    File file;
+    return file.Initialize(path, FILE_OPEN_MODE_READ) && file.ReadStringAll(text);
+}
+
+bool File::WriteString(const std::string& text) {
+    std::size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t count =
+            uninterrupted([&] { return ::write(descriptor, &text[written], text.size() - written); });
+        if (count < 0) return false;
+        written += static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+bool File::Close() {
+    if (descriptor < 0) return true;
+    const int closing = descriptor;
+    descriptor = -1;
+    // Not repeated on EINTR: the descriptor is gone either way, and another thread may have it by then.
+    return ::close(closing) == 0 || errno == EINTR;
+}
+
+}  // namespace korvo::utils
