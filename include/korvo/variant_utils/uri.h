@@ -1,0 +1,116 @@
+/**
+ * @file
+ * URIs of the schemas a camera speaks: file, http, https, rtsp, rtmp, rtmpt, rtmpte, rtmps, rtmpe, websock,
+ * websocks; others too, when the text names a port.
+ *
+ * @code
+ * korvo::variant::URI uri;
+ * if (korvo::variant::URI::FromString("rtsp://cam:8554/live/ch0?a=1", false, uri)) connect(uri.host(),
+ * uri.port());
+ * @endcode
+ *
+ * Threads: distinct records may be used from distinct threads, the first use included. One record needs the
+ * caller's lock even for reading, since getters may store defaults. Errors: failures are logged and returned
+ * as false; nothing is thrown but std::bad_alloc.
+ */
+#pragma once
+
+#include <string>
+
+#include "korvo/variant/variant.h"
+#include "korvo/variant_utils/export.h"
+
+namespace korvo::variant {
+
+/**
+ * One parsed URI: a Variant map with a member for each piece.
+ *
+ * | member                           | type           | for rtsp://user:pw@10.0.0.2:8554/live/ch0?a=1&b |
+ * |----------------------------------|----------------|--------------------------------------------------------|
+ * | "originalUri"                    | string         | the text without white space around it | | "fullUri"
+ * | string         | rtsp://10.0.0.2:8554/live/ch0?a=1&b                    | | "fullUriWithAuth" | string |
+ * the text exactly as given                              | | "schema"                         | string | rtsp
+ * (in lower case)                                   | | "userName", "password"           | string         |
+ * user, pw (empty when not given)                        | | "host"                           | string
+ * | 10.0.0.2 (always empty for file)                       | | "port"                           | unsigned
+ * short | 8554 (the schema's default when not given; 0 for file) | | "portSpecified"                  | bool
+ * | true                                                   | | "fullDocumentPathWithParameters" | string |
+ * /live/ch0?a=1&b                                        | | "fullDocumentPath"               | string |
+ * /live/ch0                                              | | "fullParameters"                 | string |
+ * a=1&b                                                  | | "documentPath"                   | string |
+ * /live/                                                 | | "document"                       | string | ch0
+ * | | "documentWithFullParameters"     | string         | ch0?a=1&b | | "parameters"                     |
+ * map of strings | a = 1, b = (empty)                                     | | "ip" | string         | the
+ * resolved address; FromString() only                |
+ *
+ * Nothing is decoded or escaped. The record holds no state beside the map, so it may be copied, exported and
+ * changed like any Variant.
+ */
+class KORVO_VARIANT_UTILS_EXPORT URI : public Variant {
+  public:
+    /** @name Setters
+     * Each stores its member, after making the record a map when it is something else.
+     * @{ */
+    void originalUri(std::string value);
+    void schema(std::string value);
+    void userName(std::string value);
+    void host(std::string value);
+    void document(std::string value);
+    void documentWithFullParameters(std::string value);
+    /** @} */
+
+    /** @name Getters
+     * Each returns its member. A member that is missing or has another type is first replaced by its default
+     * (empty, 0 or false), which stays in the record. Any number is accepted as a port and taken modulo
+     * 65536.
+     * @{ */
+    std::string schema();
+    std::string userName();
+    std::string password();
+    std::string host();
+    std::string documentPath();
+    std::string fullParameters();
+    unsigned short port();
+    bool portSpecified();
+    /** @} */
+
+    /**
+     * The URI of the folder that the document stands in, composed from the members: schema, user name and
+     * password when both are there, host, the port when one was given, and the document path. Empty when the
+     * schema, the host or the document path is, so always for file.
+     */
+    std::string baseURI();
+
+    /**
+     * The URI of another document in the same folder: baseURI() and @p documentName, with nothing put between
+     * them. With @p withParameters the parsed URI's "fullParameters" follow; a "?" in front of them is the
+     * caller's to put at the end of @p documentName.
+     */
+    std::string derivedURI(std::string documentName, bool withParameters);
+
+    /**
+     * Parses @p text into @p target as parseURI() does and, when @p resolveHost asks for it, looks up the
+     * host's address and stores it as "ip". Without a look-up, and for file, "ip" is the empty string.
+     *
+     * Waits for the name service as long as that takes.
+     *
+     * @return false when the text is no URI or its host cannot be resolved; @p target is then null
+     */
+    static bool FromString(const std::string& text, bool resolveHost, URI& target);
+};
+
+}  // namespace korvo::variant
+
+/**
+ * Parses `schema://[user[:password]@]host[:port][/path][?query]` into @p uri.
+ *
+ * A port is a decimal number from 1 to 65535 without sign or leading zeros; it may be left out where the
+ * schema has a default. For schemas that begin with "rtmp", a document name begins behind the last "/" before
+ * the path's first ":" and may itself contain "/". Any bytes are survived. Bracketed IPv6 addresses are not
+ * supported.
+ *
+ * @param text  the URI
+ * @param uri   what it held before is dropped; afterwards it holds all members but "ip", or nothing
+ * @return false, with one error logged, when the text is no URI; @p uri is then null
+ */
+KORVO_VARIANT_UTILS_EXPORT bool parseURI(std::string text, korvo::variant::URI& uri);

@@ -1,0 +1,154 @@
+#include "korvo/variant_utils/commandline.h"
+
+#include <charconv>
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "korvo/utils/text.h"
+#include "log.h"
+
+namespace korvo::variant {
+namespace {
+
+const char sourceFile[] = "src/commandline";
+
+unsigned shortNameIndex(char shortName) {
+    return static_cast<unsigned char>(shortName);
+}
+
+/** printf's "%.3f" with a "." whatever the locale. */
+void printThreeDecimals(double value) {
+    char digits[400];  // the largest double has 309 digits before the point
+    const auto result = std::to_chars(digits, digits + sizeof digits, value, std::chars_format::fixed, 3);
+    std::printf(" [=%.*s]", static_cast<int>(result.ptr - digits), digits);
+}
+
+void printDefault(const Variant& value) {
+    const VariantType type = value;
+    if ((type & TypeDouble) == TypeDouble) {
+        printThreeDecimals(value);
+    } else if ((type & TypeBool) == TypeBool) {
+        std::printf(" [=%d]", static_cast<bool>(value) ? 1 : 0);
+    } else if ((type & TypeNumeric) != 0) {
+        std::printf(" [=%lld]", static_cast<long long>(value));
+    } else if ((type & TypeString) == TypeString) {
+        std::printf(" [=\"%s\"]", static_cast<const char*>(value));
+    }
+}
+
+/** Whether a double can be held as a signed 64-bit integer without losing anything. */
+bool isWhole(double value) {
+    constexpr double limit = 9223372036854775808.0;  // 2^63
+    return value >= -limit && value < limit && std::trunc(value) == value;
+}
+
+Variant convertFraction(const std::string& text) {
+    const char* end = nullptr;
+    const double value = utils::toDouble(text.c_str(), &end);
+    if (end != text.c_str() + text.size()) return Variant(text);
+    return isWhole(value) ? Variant(static_cast<long long>(value)) : Variant(value);
+}
+
+Variant convertInteger(const std::string& text) {
+    char* end = nullptr;
+    const long long value = std::strtoll(text.c_str(), &end, 0);
+    if (end != text.c_str() + text.size()) return Variant(text);
+    return text[0] == '-' ? Variant(value) : Variant(static_cast<unsigned long long>(value));
+}
+
+/** An option's value from its text, which is not empty: a number where it is written like one, else a string.
+ */
+Variant convertValue(const std::string& text) {
+    if (text.find_first_not_of("-+.x0123456789abcdefABCDEF") != std::string::npos) return Variant(text);
+    return text.find('.') != std::string::npos ? convertFraction(text) : convertInteger(text);
+}
+
+/** The declaration that an argument's name, with its dashes, stands for; null when there is none. */
+const Variant* findDeclaration(const Variant& definitions, const std::string& name) {
+    std::string path;
+    if (name.compare(0, 2, "--") == 0) {
+        path = "byLongName/" + name.substr(2);
+    } else if (name.size() == 2 && name[0] == '-') {
+        path = utils::format("byShortName/[%u]", shortNameIndex(name[1]));
+    } else {
+        return nullptr;
+    }
+    // A long name with "/" in it leads into the declarations; only a whole declaration counts.
+    const Variant* found = definitions.GetKeyChain(TypeMap, path.c_str(), false);
+    const bool isDeclaration = found != nullptr &&
+                               found->GetKeyChain(TypeString, "longName", false) != nullptr &&
+                               found->GetKeyChain(TypeAny, "defaultValue", false) != nullptr;
+    return isDeclaration ? found : nullptr;
+}
+
+/** Stores the option that one argument gives; false when it matches no declaration. */
+bool parseOption(const std::string& argument, const Variant& definitions, Variant& result) {
+    const std::size_t equals = argument.find('=');
+    const Variant* declaration = findDeclaration(definitions, argument.substr(0, equals));
+    if (declaration == nullptr) return false;
+    const std::string& longName = *declaration->GetKeyChain(TypeString, "longName", false);
+    Variant& target = result["parameters"][longName];
+    if (equals == std::string::npos || equals + 1 == argument.size()) {
+        target = *declaration->GetKeyChain(TypeAny, "defaultValue", false);
+    } else {
+        target = convertValue(argument.substr(equals + 1));
+    }
+    return true;
+}
+
+}  // namespace
+
+void AddParameter(Variant& definitions, char shortName, const char* longName, const char* description,
+                  const Variant& defaultValue) {
+    Variant record;
+    record["longName"] = longName;
+    record["shortName"] = static_cast<signed char>(shortName);
+    record["description"] = description;
+    record["defaultValue"] = defaultValue;
+    definitions["byShortName"][shortNameIndex(shortName)] = record;
+    definitions["byLongName"][longName] = record;
+    definitions["all"][-1] = std::move(record);
+}
+
+void PrintHelp(const char* programName, Variant& definitions) {
+    definitions.IsArray(false);
+    Variant& all = definitions["all"];
+    all.IsArray(true);
+    std::printf("%s <option>[=<value>]\n", programName);
+    for (auto element = all.num_begin(); element != all.num_end(); ++element) {
+        Variant& parameter = element->second;
+        parameter.IsArray(false);
+        const signed char shortName = parameter["shortName"];
+        const char* longName = parameter["longName"];
+        const char* description = parameter["description"];
+        std::printf("\t-%c\t--%s", shortName, longName);
+        printDefault(parameter["defaultValue"]);
+        std::printf(" - %s\n", description);
+    }
+    std::putchar('\n');
+}
+
+void ParseCommandLine(int argc, const char** argv, Variant& definitions, Variant& result) {
+    definitions.IsArray(false);
+    definitions["byShortName"].IsArray(false);
+    definitions["byLongName"].IsArray(false);
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (parseOption(argument, definitions, result)) continue;
+        KORVO_LOG(logger::LevelWarning, "unknown parameter detected: `%s`", argument.c_str());
+        result["unknownParameters"][-1] = argument;
+    }
+    result.Compact();
+    const char* executed = argc > 0 ? argv[0] : nullptr;
+    char fullPath[PATH_MAX];
+    Variant& commandLine = result["commandLine"];
+    commandLine["executed"] = executed;
+    commandLine["fullPath"] = executed != nullptr ? ::realpath(executed, fullPath) : nullptr;
+}
+
+}  // namespace korvo::variant

@@ -1,0 +1,29 @@
+/** @file What the records of this library, which are Variant maps with fixed keys, have in common. */
+#pragma once
+
+#include "korvo/variant/variant.h"
+
+namespace korvo::variant {
+
+/** Makes a record an empty map, unless it is in map form already; then it keeps its members. */
+inline void ensureMapForm(Variant& record) {
+    const VariantType type = record;
+    if (type == TypeMap || type == TypeTypedMap) return;
+    record.Free();
+    record.IsArray(false);
+}
+
+/**
+ * The member of a record under @p key, which belongs to @p category afterwards: one that is missing or of
+ * another type is replaced by @p defaultValue first.
+ */
+template <class Default>
+Variant& memberOrDefault(Variant& record, const char* key, VariantType category, Default defaultValue) {
+    ensureMapForm(record);
+    Variant& member = record[key];
+    const VariantType type = member;
+    if ((type & category) != category) member = defaultValue;
+    return member;
+}
+
+}  // namespace korvo::variant

@@ -1,0 +1,349 @@
+#include "korvo/variant_utils/uri.h"
+
+#include <algorithm>
+#include <optional>
+#include <string_view>
+#include <tuple>
+#include <utility>
+
+#include "korvo/utils/host.h"
+#include "korvo/utils/text.h"
+#include "log.h"
+#include "record.h"
+
+namespace korvo::variant {
+namespace {
+
+const char sourceFile[] = "src/uri";
+
+std::string stringMember(URI& uri, const char* key) {
+    const std::string& text = memberOrDefault(uri, key, TypeString, "");
+    return text;
+}
+
+void storeMember(URI& uri, const char* key, std::string value) {
+    ensureMapForm(uri);
+    uri[key] = std::move(value);
+}
+
+}  // namespace
+
+void URI::originalUri(std::string value) {
+    storeMember(*this, "originalUri", std::move(value));
+}
+
+void URI::schema(std::string value) {
+    storeMember(*this, "schema", std::move(value));
+}
+
+void URI::userName(std::string value) {
+    storeMember(*this, "userName", std::move(value));
+}
+
+void URI::host(std::string value) {
+    storeMember(*this, "host", std::move(value));
+}
+
+void URI::document(std::string value) {
+    storeMember(*this, "document", std::move(value));
+}
+
+void URI::documentWithFullParameters(std::string value) {
+    storeMember(*this, "documentWithFullParameters", std::move(value));
+}
+
+std::string URI::schema() {
+    return stringMember(*this, "schema");
+}
+
+std::string URI::userName() {
+    return stringMember(*this, "userName");
+}
+
+std::string URI::password() {
+    return stringMember(*this, "password");
+}
+
+std::string URI::host() {
+    return stringMember(*this, "host");
+}
+
+std::string URI::documentPath() {
+    return stringMember(*this, "documentPath");
+}
+
+std::string URI::fullParameters() {
+    return stringMember(*this, "fullParameters");
+}
+
+unsigned short URI::port() {
+    return memberOrDefault(*this, "port", TypeNumeric, 0);
+}
+
+bool URI::portSpecified() {
+    return memberOrDefault(*this, "portSpecified", TypeBool, false);
+}
+
+std::string URI::baseURI() {
+    // The getters leave defaults behind, so the order of these calls shows in the record.
+    std::string base = schema();
+    if (base.empty()) return {};
+    const std::string hostName = host();
+    if (hostName.empty()) return {};
+    const std::string folder = documentPath();
+    if (folder.empty()) return {};
+
+    base += "://";
+    const std::string user = userName();
+    const std::string secret = user.empty() ? std::string() : password();
+    if (!secret.empty()) base.append(user).append(":").append(secret).append("@");
+    base += hostName;
+    if (portSpecified()) base += utils::format(":%u", static_cast<unsigned>(port()));
+    return base += folder;
+}
+
+std::string URI::derivedURI(std::string documentName, bool withParameters) {
+    documentName.insert(0, baseURI());
+    const std::string parameters = fullParameters();
+    if (withParameters) documentName += parameters;
+    return documentName;
+}
+
+bool URI::FromString(const std::string& text, bool resolveHost, URI& target) {
+    if (!parseURI(text, target)) {
+        target.Reset();
+        return false;
+    }
+    std::string address;
+    if (resolveHost && target.schema() != "file") {
+        const std::string hostName = target.host();
+        address = utils::getHostByName(hostName);
+        if (address.empty()) {
+            KORVO_LOG(logger::LevelError, "Unable to resolve host: %s", hostName.c_str());
+            target.Reset();
+            return false;
+        }
+    }
+    storeMember(target, "ip", std::move(address));
+    return true;
+}
+
+namespace {
+
+struct DefaultPort {
+    std::string_view schema;
+    unsigned short port;
+};
+
+constexpr DefaultPort defaultPorts[] = {
+    {"file", 0},   {"http", 80},   {"rtmpt", 80},   {"rtmpte", 80},    {"https", 443},     {"rtmps", 443},
+    {"rtsp", 554}, {"rtmp", 1935}, {"rtmpe", 1935}, {"websock", 7080}, {"websocks", 7443},
+};
+
+/** The port that a schema stands for, 0 when there is none. */
+unsigned short defaultPort(std::string_view schema) {
+    for (const DefaultPort& row : defaultPorts) {
+        if (row.schema == schema) return row.port;
+    }
+    return 0;
+}
+
+/** Reads a port written in decimal without sign, blanks or leading zeros. */
+bool parsePort(std::string_view text, unsigned short& port) {
+    if (text.empty() || text.size() > 5 || (text[0] == '0' && text.size() > 1)) return false;
+    unsigned number = 0;
+    for (const char digit : text) {
+        if (digit < '0' || digit > '9') return false;
+        number = number * 10 + static_cast<unsigned>(digit - '0');
+    }
+    if (number > 0xffff) return false;
+    port = static_cast<unsigned short>(number);
+    return true;
+}
+
+/** What stands before and behind the first occurrence of a character; the second is empty when there is none.
+ */
+std::pair<std::string_view, std::string_view> splitAt(std::string_view text, char separator) {
+    const std::size_t found = text.find(separator);
+    if (found == std::string_view::npos) return {text, {}};
+    return {text.substr(0, found), text.substr(found + 1)};
+}
+
+/** Logs the message as parseURI()'s; false, for the caller to return. */
+#define KORVO_URI_ERROR(...) (KORVO_LOG_FROM("parseURI", logger::LevelError, 0, __VA_ARGS__), false)
+
+/**
+ * One URI text, taken apart from the left to the right by the grammar
+ *
+ *   uri       = schema "://" [ user-info "@" ] location      the "@" stands before the first "/" behind the
+ * schema user-info = user-name [ ":" password ] location  = host [ ":" port ] [ path ] [ "?" query ]     for
+ * every schema but file | [ path ] [ "?" query ]                       for file
+ */
+class UriParser {
+  public:
+    /** @p trimmedText must outlive the parser. */
+    explicit UriParser(const std::string& trimmedText) : text(trimmedText) {}
+
+    /** False, with the error logged, when the text is no URI. */
+    bool parse();
+
+    /** Stores every member but the whole texts. To be called once: texts that were made are moved. */
+    void store(URI& uri);
+
+    /** The text without its user-info, when it has one. */
+    std::optional<std::string> textWithoutUserInfo() const;
+
+  private:
+    void splitUserInfo();
+    bool splitLocation();
+    bool splitHostAndPort(std::string_view hostAndPort);
+    void splitPath();
+    std::size_t documentBegin() const;
+    Variant parameters() const;
+
+    const std::string_view text;
+    std::string schema;
+    std::size_t schemaEnd = 0;      ///< behind the "://"
+    std::size_t locationBegin = 0;  ///< behind the "@" too, when there is one
+    std::string_view userName;
+    std::string_view password;
+    std::string host;
+    unsigned short port = 0;
+    bool portSpecified = false;
+    std::string pathAndQuery = "/";
+    std::string_view path;  ///< points into pathAndQuery
+    std::string query;
+    std::size_t documentAt = 0;  ///< where in the path the document begins
+};
+
+bool UriParser::parse() {
+    if (text.empty()) return KORVO_URI_ERROR("Empty uri");
+    const std::size_t separator = text.find("://");
+    if (separator == std::string_view::npos) return KORVO_URI_ERROR("Unable to determine schema");
+    schema = utils::lowerCase(std::string(text.substr(0, separator)));
+    schemaEnd = separator + 3;
+    port = defaultPort(schema);
+    splitUserInfo();
+    if (!splitLocation()) return false;
+    splitPath();
+    if (port == 0 && schema != "file") {
+        return KORVO_URI_ERROR("Invalid URI. No port specified and the schema `%s` is unknown",
+                               schema.c_str());
+    }
+    return true;
+}
+
+void UriParser::splitUserInfo() {
+    locationBegin = schemaEnd;
+    const std::size_t at = text.find('@', schemaEnd);
+    if (at == std::string_view::npos || text.find('/', schemaEnd) < at) return;
+    std::tie(userName, password) = splitAt(text.substr(schemaEnd, at - schemaEnd), ':');
+    locationBegin = at + 1;
+}
+
+bool UriParser::splitLocation() {
+    const std::string_view location = text.substr(locationBegin);
+    if (schema == "file") {
+        if (location.find_first_of("/?") != std::string_view::npos) pathAndQuery = location;
+        return true;
+    }
+    std::size_t end = location.find('/');
+    if (end == std::string_view::npos) end = location.find('?');
+    if (end != std::string_view::npos) {
+        // A query without a path is one of the root.
+        if (location[end] == '?')
+            pathAndQuery.append(location, end);
+        else
+            pathAndQuery = location.substr(end);
+    }
+    return splitHostAndPort(location.substr(0, end));
+}
+
+bool UriParser::splitHostAndPort(std::string_view hostAndPort) {
+    host = hostAndPort;
+    utils::trim(host);
+    if (host.empty()) return KORVO_URI_ERROR("Invalid host:port specified");
+    const std::size_t colon = host.find(':');
+    if (colon == std::string::npos) return true;
+    const std::string portText = host.substr(colon + 1);
+    if (!parsePort(portText, port))
+        return KORVO_URI_ERROR("Invalid port number specified: `%s`", portText.c_str());
+    portSpecified = true;
+    host.resize(colon);
+    utils::trim(host);
+    return true;
+}
+
+void UriParser::splitPath() {
+    const auto [before, behind] = splitAt(pathAndQuery, '?');
+    path = before;
+    query = behind;
+    utils::trim(query);
+    documentAt = documentBegin();
+}
+
+std::size_t UriParser::documentBegin() const {
+    std::size_t slash = path.rfind('/');
+    if (schema.compare(0, 4, "rtmp") == 0) {
+        // A stream name such as mp4:folder/clip.mp4 is one document, slashes and all.
+        const std::size_t colon = path.find(':');
+        const std::size_t before = colon != std::string_view::npos ? path.rfind('/', colon) : colon;
+        if (before != std::string_view::npos) slash = before;
+    }
+    // The first character belongs to the folder, whatever it is.
+    return slash == std::string_view::npos ? std::min<std::size_t>(path.size(), 1) : slash + 1;
+}
+
+Variant UriParser::parameters() const {
+    Variant map;
+    map.IsArray(false);
+    for (std::string_view rest = query; !rest.empty();) {
+        const auto [piece, behind] = splitAt(rest, '&');
+        const auto [name, value] = splitAt(piece, '=');
+        if (!name.empty()) map[std::string(name)] = std::string(value);
+        rest = behind;
+    }
+    return map;
+}
+
+std::optional<std::string> UriParser::textWithoutUserInfo() const {
+    if (locationBegin == schemaEnd) return std::nullopt;
+    std::string rest(text.substr(0, schemaEnd));
+    return rest.append(text, locationBegin);
+}
+
+void UriParser::store(URI& uri) {
+    std::string document(path.substr(documentAt));
+    std::string documentWithParameters = document;
+    if (!query.empty()) documentWithParameters.append("?").append(query);
+    uri.schema(std::move(schema));
+    uri.userName(std::string(userName));
+    uri["password"] = std::string(password);
+    uri.host(std::move(host));
+    uri["port"] = port;
+    uri["portSpecified"] = portSpecified;
+    uri["parameters"] = parameters();
+    uri["fullParameters"] = std::move(query);
+    uri["documentPath"] = std::string(path.substr(0, documentAt));
+    uri["fullDocumentPath"] = std::string(path);
+    uri["fullDocumentPathWithParameters"] = std::move(pathAndQuery);
+    uri.document(std::move(document));
+    uri.documentWithFullParameters(std::move(documentWithParameters));
+}
+
+}  // namespace
+}  // namespace korvo::variant
+
+bool parseURI(std::string text, korvo::variant::URI& uri) {
+    uri.Reset();
+    std::string trimmed = text;
+    korvo::utils::trim(trimmed);
+    korvo::variant::UriParser parser(trimmed);
+    if (!parser.parse()) return false;
+    std::optional<std::string> withoutUserInfo = parser.textWithoutUserInfo();
+    parser.store(uri);
+    uri["fullUri"] = withoutUserInfo ? std::move(*withoutUserInfo) : text;
+    uri["fullUriWithAuth"] = std::move(text);
+    uri.originalUri(std::move(trimmed));
+    return true;
+}
