@@ -1,0 +1,36 @@
+// korvoctl, the operator's tool: uses the library's facilities from the command line.
+
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "actions.h"
+
+namespace korvoctl {
+namespace {
+
+ExitStatus run(int argc, const char** argv) {
+    Options options(argc, argv);
+    if (!options.ok()) return WrongUsage;
+    if (options.action() == "uri") return parseAndPrintUri(options);
+    options.printHelp();
+    return Done;
+}
+
+}  // namespace
+}  // namespace korvoctl
+
+int main(int argc, char** argv) {
+    int status = korvoctl::Failed;
+    try {
+        status = korvoctl::run(argc, const_cast<const char**>(argv));
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "korvoctl: %s\n", error.what());
+    }
+    // Results that did not reach their reader, as on a full disk, must not pass for done.
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        std::perror("korvoctl: standard output");
+        if (status == korvoctl::Done) status = korvoctl::Failed;
+    }
+    return status;
+}
