@@ -1,0 +1,139 @@
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <string>
+#include <utility>
+
+#include "korvo/variant/variant.h"
+#include "support/cases.h"
+#include "support/locales.h"
+#include "support/temporary_directory.h"
+#include "support/variant_printer.h"
+
+using namespace korvo::variant;
+using namespace std::string_literals;
+
+namespace {
+
+std::string exported(const Variant& tree) {
+    std::string text = "refused";
+    (void)tree.ToKVP(text, "=", "\n");
+    return text;
+}
+
+TEST(KeyValueText, ReadsLinesAndWritesThemInKeyOrder) {
+    for (const auto& [text, written] : test::readCases("key_value_lines.txt")) {
+        SCOPED_TRACE(text);
+        Variant tree, again;
+        ASSERT_TRUE(tree.FromKVP(text, true, true, true));
+        EXPECT_EQ(VariantType(tree), TypeMap);
+        EXPECT_EQ(exported(tree), written);
+        ASSERT_TRUE(again.FromKVP(written, true, true, true));
+        EXPECT_EQ(again, tree);
+    }
+}
+
+TEST(KeyValueText, RefusesWhatItCouldNotGiveBackAndKeepsTheValue) {
+    const std::string manyDots(300000, '.');
+    std::string sixtyFive = "k";
+    for (int i = 0; i < 64; ++i) sixtyFive += ".k";
+    for (const std::string& text :
+         {"a\n"s, "a=1\nnonsense\n"s, "a=1\na.b=2\n"s, "a.b=2\na=1\n"s, "a.b=1\na.b.c=2\n"s, "a=1\r\r\n"s,
+          "a=1\r"s, manyDots, manyDots + "=1", sixtyFive + "=1"}) {
+        SCOPED_TRACE(text.substr(0, 40));
+        Variant tree(7);
+        EXPECT_FALSE(tree.FromKVP(text, true, true, true));
+        EXPECT_EQ(tree, Variant(7));
+    }
+    Variant deep;
+    EXPECT_TRUE(deep.FromKVP(sixtyFive.substr(2) + "=1", true, true, true));
+    Variant deeper;
+    deeper["k"] = deep;
+    EXPECT_EQ(exported(deeper), "refused");
+}
+
+TEST(KeyValueText, HoldsAsNumberOnlyWhatReadsBackAsTyped) {
+    test::inEveryLocale([] {
+        for (const auto& [text, held] : test::readCases("key_value_numbers.txt")) {
+            Variant tree;
+            ASSERT_TRUE(tree.FromKVP("k=" + text, false, false, true));
+            EXPECT_EQ(test::shown(tree["k"]), held) << text;
+            EXPECT_EQ(exported(tree), "k=" + text + "\n");
+        }
+    });
+}
+
+TEST(KeyValueText, WritesEveryTypeAndLeavesOutWhatHasNoText) {
+    test::inEveryLocale([] {
+        Variant tree;
+        tree["bool"][0] = true;
+        tree["bool"][10] = false;
+        tree["bool"][9] = "nine";
+        tree["double"] = 1.0;
+        tree["half"] = 0.5;
+        tree["int8"] = static_cast<signed char>(-8);
+        tree["inf"] = std::numeric_limits<double>::infinity();
+        tree["null"] = Variant();
+        tree["none"].IsArray(true);
+        tree["u64"] = ~0ULL;
+        EXPECT_EQ(exported(tree),
+                  "bool.0=1\nbool.9=nine\nbool.10=0\ndouble=1.0\nhalf=0.5\ninf=inf\nint8=-8\nu64="
+                  "18446744073709551615\n");
+        EXPECT_EQ(exported(Variant()), "");
+    });
+}
+
+TEST(KeyValueText, DoesNotWriteWhatWouldReadBackAsAnotherTree) {
+    const auto withKey = [](const std::string& key) {
+        Variant tree;
+        tree["ok"] = 1;
+        tree[key] = 1;
+        return tree;
+    };
+    const auto withValue = [](const std::string& value) {
+        Variant tree;
+        tree["ok"]["k"] = value;
+        return tree;
+    };
+    Variant twice;
+    twice["x"][1] = "index";
+    twice["x"]["1"] = "text";
+    for (const Variant& tree : {withKey("a=b"), withKey("a\nb"), withKey("a.b"), withKey("#a"),
+                                withValue("a\nb"), withValue("a\r"), twice, Variant(5), Variant("text")}) {
+        EXPECT_EQ(exported(tree), "refused");
+    }
+    std::string text = "untouched";
+    EXPECT_FALSE(withValue("a;b").ToKVP(text, ": ", ";"));
+    EXPECT_FALSE(withKey("a: b").ToKVP(text, ": ", ";"));
+    EXPECT_EQ(text, "untouched");
+    EXPECT_TRUE(withValue("a: b").ToKVP(text, ": ", ";"));
+    EXPECT_EQ(text, "ok.k: a: b;");
+}
+
+TEST(KeyValueText, ReadsFilesAndReportsThoseItCannotRead) {
+    const test::TemporaryDirectory directory;
+    Variant tree;
+    EXPECT_TRUE(tree.FromKVPFile(directory.write("good", "a.b=1\n"), true, false, true));
+    EXPECT_EQ(tree["a"]["b"], Variant(1));
+    const Variant before = tree;
+    EXPECT_FALSE(tree.FromKVPFile(directory.write("bad", "nonsense"), true, true, true));
+    EXPECT_FALSE(tree.FromKVPFile(directory.path() / "missing", true, true, true));
+    EXPECT_FALSE(tree.FromKVPFile(directory.path(), true, true, true));
+    EXPECT_EQ(tree, before);
+}
+
+TEST(KeyValueText, TenThousandKeysInAnyOrderRoundTrip) {
+    Variant tree;
+    std::string text;
+    for (unsigned i = 0; i < 10000; ++i) {
+        text += "group" + std::to_string(i * 7919 % 97) + ".key" + std::to_string(i * 104729 % 10007) + '=' +
+                std::to_string(i) + '\n';
+    }
+    ASSERT_TRUE(tree.FromKVP(text, true, false, true));
+    Variant again;
+    ASSERT_TRUE(again.FromKVP(exported(tree), true, false, true));
+    EXPECT_EQ(again, tree);
+    EXPECT_EQ(exported(again), exported(tree));
+}
+
+}  // namespace

@@ -1,0 +1,34 @@
+#include "korvo/logger/logger.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+
+#include "support/log_capture.h"
+
+namespace {
+
+TEST(Logger, WritesOneLineToStandardErrorWhateverTheArguments) {
+    testing::internal::CaptureStderr();
+    errno = 5;
+    logInternal("module", "src/x", "f", 7, 3, 2, 0, "%s|%d", "a\nerror forged\r\t\x1b[0m%s \xc3\xa9", 1);
+    EXPECT_EQ(errno, 5);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "error module src/x:7 f: a\\nerror forged\\r\\t\\x1b[0m%s \xc3\xa9|1 (error 2)\n");
+}
+
+TEST(Logger, SendsMessagesOfAnyLengthToTheHostsSinkUntilItIsTakenBack) {
+    const std::string text(100000, 'x');
+    {
+        test::LogCapture log;
+        logInternal("module", "src/x", "f", 7, 4, 0, 0, "%s", text.c_str());
+        const auto lines = log.take();
+        ASSERT_EQ(lines.size(), 1U);
+        EXPECT_EQ(lines[0].level, korvo::logger::LevelWarning);
+        EXPECT_EQ(lines[0].message, text);
+    }
+    EXPECT_EQ(korvo::logger::setSink(nullptr), korvo::logger::standardErrorSink);
+}
+
+}  // namespace

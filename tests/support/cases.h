@@ -1,0 +1,43 @@
+/** @file Tables of cases, one `input => expected` line each, with C escapes; blank lines and # lines are
+ * skipped. */
+#pragma once
+
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace test {
+
+inline std::string unescaped(const std::string& text) {
+    std::string result;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '\\') {
+            result += text[i];
+        } else if (text[++i] == 'x') {
+            result += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            result += text[i] == 'n' ? '\n' : text[i] == 'r' ? '\r' : text[i] == 't' ? '\t' : text[i];
+        }
+    }
+    return result;
+}
+
+/** The cases of tests/data/NAME. A file that is missing or has none is an error, so that no test runs empty.
+ */
+inline std::vector<std::pair<std::string, std::string>> readCases(const std::string& name) {
+    std::vector<std::pair<std::string, std::string>> cases;
+    std::ifstream file(TEST_DATA "/" + name);
+    for (std::string line; std::getline(file, line);) {
+        const std::size_t arrow = line.find(" => ");
+        if (line.empty() || line[0] == '#') continue;
+        if (arrow == std::string::npos) throw std::runtime_error(name + ": " + line);
+        cases.emplace_back(unescaped(line.substr(0, arrow)), unescaped(line.substr(arrow + 4)));
+    }
+    if (cases.empty()) throw std::runtime_error("no cases in " + name);
+    return cases;
+}
+
+}  // namespace test

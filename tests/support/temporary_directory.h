@@ -1,0 +1,44 @@
+/** @file A fresh folder that is gone, with all that is in it, when the object is. */
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+
+namespace test {
+
+class TemporaryDirectory {
+  public:
+    TemporaryDirectory() {
+        std::string name = (std::filesystem::temp_directory_path() / "korvo-test-XXXXXX").string();
+        if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+        directory = name;
+    }
+    ~TemporaryDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(directory, ignored);
+    }
+
+    const std::filesystem::path& path() const { return directory; }
+
+    /** Writes a file below the folder, with the folders on the way to it. */
+    std::filesystem::path write(const std::string& name, const std::string& content) const {
+        std::filesystem::path file = directory / name;
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file, std::ios::binary) << content;
+        return file;
+    }
+
+    std::string read(const std::string& name) const {
+        std::ifstream file(directory / name, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+  private:
+    std::filesystem::path directory;
+};
+
+}  // namespace test

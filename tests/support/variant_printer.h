@@ -1,0 +1,36 @@
+/** @file Shows a value in a test's failure message, and in tables of cases: `TYPE-TAG TEXT`. */
+#pragma once
+
+#include <ostream>
+#include <sstream>
+#include <string>
+
+#include "korvo/variant/variant.h"
+
+namespace korvo::variant {
+
+inline void PrintTo(const Variant& value, std::ostream* out) {
+    const VariantType type = value;
+    const bool isContainer = type == TypeMap || type == TypeArray;
+    Variant tree;
+    tree[""] = value;
+    std::string text;
+    *out << std::hex << static_cast<int>(type) << std::dec << ' ';
+    *out << ((isContainer ? value : tree).ToKVP(text, isContainer ? "=" : "", "\n")
+                 ? text
+                 : "(no key=value text)\n");
+}
+
+}  // namespace korvo::variant
+
+namespace test {
+
+inline std::string shown(const korvo::variant::Variant& value) {
+    std::ostringstream out;
+    PrintTo(value, &out);
+    std::string text = out.str();
+    if (text.back() == '\n') text.pop_back();
+    return text;
+}
+
+}  // namespace test

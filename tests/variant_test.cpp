@@ -1,0 +1,277 @@
+#include "korvo/variant/variant.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/cases.h"
+#include "support/variant_printer.h"
+
+using namespace korvo::variant;
+
+namespace {
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+
+Variant sampleTree() {
+    Variant tree;
+    tree["text"] = "a text that is too long for the small string optimisation";
+    tree["number"] = 7;
+    tree["nan"] = nan;
+    tree["list"][-1] = "first";
+    tree["list"][-1]["nested"] = 2.5;
+    tree["empty"].IsArray(false);
+    return tree;
+}
+
+TEST(Variant, EveryIntegerTypeHasATagOfItsOwnInNoOtherCategory) {
+    std::set<VariantType> tags;
+    for (const Variant& integer : {Variant(static_cast<signed char>(1)), Variant(1), Variant(1U),
+                                   Variant(static_cast<unsigned short>(1)), Variant(1LL), Variant(1ULL)}) {
+        const VariantType type = integer;
+        EXPECT_TRUE(tags.insert(type).second);
+        EXPECT_NE(type & TypeNumeric, 0);
+        for (const VariantType other : {TypeNull, TypeBool, TypeDouble, TypeString, TypeMap, TypeArray}) {
+            EXPECT_NE(type & other, other);
+        }
+    }
+}
+
+/** All conversions of a value: bool, signed char, int, unsigned short, long long, double, text. */
+std::string conversions(const Variant& value) {
+    std::ostringstream out;
+    out << static_cast<bool>(value) << ' ' << static_cast<int>(static_cast<signed char>(value)) << ' '
+        << static_cast<int>(value) << ' ' << static_cast<unsigned short>(value) << ' '
+        << static_cast<long long>(value) << ' ' << static_cast<double>(value) << ' '
+        << static_cast<const char*>(value);
+    EXPECT_EQ(static_cast<const std::string&>(value), static_cast<const char*>(value));
+    return out.str();
+}
+
+TEST(Variant, ConvertsEveryKindToEveryOther) {
+    EXPECT_EQ(conversions(Variant()), "0 0 0 0 0 0 ");
+    EXPECT_EQ(conversions(sampleTree()), "0 0 0 0 0 0 ");
+    EXPECT_EQ(conversions("12"), "0 0 0 0 0 0 12");
+    EXPECT_EQ(conversions(true), "1 1 1 1 1 1 ");
+    EXPECT_EQ(conversions(300), "1 44 300 300 300 300 ");
+    EXPECT_EQ(conversions(static_cast<signed char>(-1)), "1 -1 -1 65535 -1 -1 ");
+    EXPECT_EQ(conversions(0xffffffffU), "1 -1 -1 65535 4294967295 4.29497e+09 ");
+    EXPECT_EQ(conversions(std::numeric_limits<long long>::min()),
+              "1 0 0 0 -9223372036854775808 -9.22337e+18 ");
+    EXPECT_EQ(conversions(~0ULL), "1 -1 -1 65535 -1 1.84467e+19 ");
+    EXPECT_EQ(conversions(-0.9), "1 0 0 0 0 -0.9 ");
+    EXPECT_EQ(conversions(-129.5), "1 -128 -129 0 -129 -129.5 ");
+    EXPECT_EQ(conversions(70000.5), "1 127 70000 65535 70000 70000.5 ");
+    EXPECT_EQ(conversions(9223372036854775808.0), "1 127 2147483647 65535 9223372036854775807 9.22337e+18 ");
+    EXPECT_EQ(conversions(-infinity), "1 -128 -2147483648 0 -9223372036854775808 -inf ");
+    EXPECT_EQ(conversions(nan), "0 0 0 0 0 nan ");
+}
+
+TEST(Variant, CopiesAreDeepAndMovesLeaveNull) {
+    Variant original = sampleTree();
+    Variant copy = original;
+    EXPECT_EQ(copy, original);
+    copy["list"][1]["nested"] = 3.5;
+    EXPECT_NE(copy, original);
+    EXPECT_EQ(original, sampleTree());
+
+    for (Variant value :
+         {sampleTree(), Variant("a text that is too long to be held inside of the value"), Variant(2.5)}) {
+        const Variant expected = value;
+        Variant moved(std::move(value));
+        EXPECT_EQ(moved, expected);
+        EXPECT_EQ(value, Variant());  // NOLINT(bugprone-use-after-move): that state is promised
+        value = std::move(moved);
+        EXPECT_EQ(value, expected);
+        EXPECT_EQ(moved, Variant());  // NOLINT(bugprone-use-after-move)
+    }
+}
+
+TEST(Variant, MayBeAssignedFromItselfAndFromWhatIsInsideOfIt) {
+    const Variant tree = sampleTree();
+    const auto after = [&](auto assign) {
+        Variant value = tree;
+        assign(value);
+        return value;
+    };
+    EXPECT_EQ(after([](Variant& v) { v = *&v; }), tree);
+    EXPECT_EQ(after([](Variant& v) { v = std::move(*&v); }), tree);
+    EXPECT_EQ(after([](Variant& v) { v = v["list"]; }), Variant(tree)["list"]);
+    EXPECT_EQ(after([](Variant& v) { v = std::move(v["list"]); }), Variant(tree)["list"]);
+    EXPECT_EQ(after([](Variant& v) { v = static_cast<const std::string&>(v["text"]); }),
+              Variant(tree)["text"]);
+    EXPECT_EQ(after([](Variant& v) { v = static_cast<const char*>(v["text"]); }), Variant(tree)["text"]);
+
+    Variant nested = tree;
+    nested["copy"] = nested;
+    Variant expected = tree;
+    expected["copy"] = Variant();
+    EXPECT_EQ(nested["copy"], expected) << "the copy is of the value with its new, still empty member";
+
+    Variant text("a text that is too long for the small string optimisation");
+    text = static_cast<const char*>(text) + 2;
+    EXPECT_EQ(text, Variant("text that is too long for the small string optimisation"));
+    const std::string key = text;
+    text[static_cast<const std::string&>(text)] = 1;
+    EXPECT_NE(text.GetKeyChain(TypeNumeric, key.c_str(), false), nullptr);
+
+    Variant keyValues("a=1\nb=2\n");
+    EXPECT_TRUE(keyValues.FromKVP(keyValues, true, true, true));
+    EXPECT_EQ(keyValues["b"], Variant("2"));
+}
+
+TEST(Variant, ReferencesStayValidWhileMembersAreAdded) {
+    Variant value;
+    Variant& named = value["k500"];
+    Variant& indexed = value[500];
+    named = "named";
+    indexed = "indexed";
+    std::vector<int> order(1000);
+    for (int i = 0; i < 1000; ++i) order[static_cast<std::size_t>(i)] = i;
+    std::shuffle(order.begin(), order.end(), std::mt19937(1));
+    for (const int i : order) {
+        if (i == 500) continue;
+        value["k" + std::to_string(i)] = i;
+        value[i] = i;
+    }
+    EXPECT_EQ(&value["k500"], &named);
+    EXPECT_EQ(&value[500], &indexed);
+    EXPECT_EQ(named, Variant("named"));
+    const Variant moved = std::move(value);
+    EXPECT_EQ(moved.GetKeyChain(TypeString, "k500", false), &named);
+
+    long long expected = 0;
+    for (auto member = moved.num_begin(); member != moved.num_end(); ++member)
+        EXPECT_EQ(member->first, expected++);
+    EXPECT_EQ(expected, 1000);
+    std::string last;
+    int count = 0;
+    for (const auto& member : moved) {
+        EXPECT_LT(last, member.first);
+        last = member.first;
+        ++count;
+    }
+    EXPECT_EQ(count, 1000);
+    Variant copy = moved;
+    EXPECT_EQ(copy, moved);
+    copy["k500"] = 1;
+    EXPECT_NE(copy, moved);
+}
+
+TEST(Variant, OrdersKeysByBytes) {
+    using namespace std::string_literals;
+    const std::vector<std::string> sorted = {"",      "\0"s,      "\0a"s,        "a",         "a\0"s,
+                                             "a\0b"s, "abcdefgh", "abcdefgh\0"s, "abcdefghi", "abcdefghij",
+                                             "abd",   "\x7f",     "\x80",        "\xff"};
+    Variant map;
+    for (std::size_t i = sorted.size(); i-- > 0;) map[sorted[i]] = static_cast<int>(i);
+    std::vector<std::string> found;
+    for (const auto& member : map) found.emplace_back(member.first);
+    EXPECT_EQ(found, sorted);
+    for (std::size_t i = 0; i < sorted.size(); ++i)
+        EXPECT_EQ(static_cast<int>(map[sorted[i]]), static_cast<int>(i));
+}
+
+TEST(Variant, AppendsAfterTheLastIndex) {
+    constexpr long long max = std::numeric_limits<long long>::max();
+    Variant value;
+    value[-1] = "zero";
+    value[7] = "seven";
+    value[-1] = "eight";
+    value[-5] = "negative";
+    EXPECT_EQ(VariantType(value), TypeArray);
+    EXPECT_EQ(value[0], Variant("zero"));
+    EXPECT_EQ(value[8LL], Variant("eight"));
+    EXPECT_EQ(value.num_begin()->first, -5);
+    value[max] = "last";
+    EXPECT_EQ(&value[-1], &value[max]) << "there is no index after the largest";
+    Variant negative;
+    negative[-5] = 1;
+    negative[-1] = 2;
+    EXPECT_EQ(negative[0], Variant(2));
+}
+
+TEST(Variant, MarkingTheKindKeepsMembersAndDropsAnythingElse) {
+    Variant value = sampleTree();
+    value.IsArray(true);
+    EXPECT_NE(value, sampleTree());
+    value.IsArray(false);
+    EXPECT_EQ(value, sampleTree());
+    for (Variant other : {Variant(), Variant(5), Variant("text")}) {
+        other.IsArray(false);
+        EXPECT_EQ(VariantType(other), TypeMap);
+        EXPECT_EQ(other.begin(), other.end());
+    }
+}
+
+TEST(Variant, KeyChainsFindWhatTheyNameAndCreateNothing) {
+    Variant tree;
+    tree["a"]["b"] = 1;
+    tree["a"][""] = "empty name";
+    tree["a"][5] = "index";
+    tree["a"][-5] = "negative";
+    tree["a"]["5"] = "digits";
+    tree["a"]["x"] = 2.5;
+    tree["null"] = Variant();
+    const Variant before = tree;
+    for (const auto& [path, expected] : test::readCases("key_chains.txt")) {
+        const Variant* found = tree.GetKeyChain(TypeAny, path.c_str(), false);
+        EXPECT_EQ(found != nullptr ? test::shown(*found) : "nothing", expected) << path;
+    }
+    EXPECT_EQ(tree.GetKeyChain(TypeNumeric, "a/x", true), &tree["a"]["x"]);
+    EXPECT_EQ(tree.GetKeyChain(TypeString, "a/b", true), nullptr);
+    EXPECT_EQ(tree.GetKeyChain(TypeMap, "a", true), &tree["a"]);
+    EXPECT_EQ(tree.GetKeyChain(TypeAny, nullptr, true), nullptr);
+    EXPECT_EQ(tree, before);
+}
+
+TEST(Variant, ComparesTypeAndValue) {
+    EXPECT_NE(Variant(1), Variant(1LL));
+    EXPECT_NE(Variant(1), Variant(true));
+    EXPECT_NE(Variant(0), Variant());
+    EXPECT_EQ(Variant(nan), Variant(nan));
+    EXPECT_EQ(Variant(static_cast<const char*>(nullptr)), Variant());
+    Variant map, array;
+    map.IsArray(false);
+    array.IsArray(true);
+    EXPECT_NE(map, array);
+    array[0] = 1;
+    map[0] = 1;
+    map["b"] = 2;
+    array.IsArray(false);
+    EXPECT_NE(map, array);
+    array["c"] = 2;
+    EXPECT_NE(map, array);
+}
+
+TEST(Variant, CompactChangesNothingThatCanBeSeen) {
+    Variant value = sampleTree();
+    value["text"] = std::string(1000, 'x') + "y";
+    value["text"] = "short";
+    Variant& reference = value["list"][1];
+    const Variant before = value;
+    value.Compact();
+    EXPECT_EQ(value, before);
+    EXPECT_EQ(&value["list"][1], &reference);
+}
+
+TEST(Variant, TreesDeeperThanTheStackAreCopiedComparedAndDestroyed) {
+    Variant deep;
+    for (int level = 0; level < 300000; ++level) {
+        Variant outer;
+        outer["inner"] = std::move(deep);
+        deep = std::move(outer);
+    }
+    Variant copy = deep;
+    copy.Compact();
+    EXPECT_TRUE(copy == deep);
+}
+
+}  // namespace
