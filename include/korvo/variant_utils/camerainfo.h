@@ -1,0 +1,84 @@
+/**
+ * @file
+ * What a program can know about the device it runs on: board, features, host name, load, firmware.
+ *
+ * @code
+ * korvo::variant::CameraInfo info;
+ * if (info.Init() && info.feature_wifi() != 0) startWifi(info["hwaddrColons"]);
+ * @endcode
+ *
+ * Threads: distinct records may be used from distinct threads. One record needs the caller's lock even for
+ * reading, since the accessors may store defaults. Errors: failures are returned as false; nothing is thrown
+ * but std::bad_alloc.
+ */
+#pragma once
+
+#include <string>
+
+#include "korvo/variant/variant.h"
+#include "korvo/variant_utils/export.h"
+
+namespace korvo::variant {
+
+/**
+ * The facts about a device: a Variant map with a member for each.
+ *
+ * | member          | type         | meaning, and where it is from                                   |
+ * |-----------------|--------------|-----------------------------------------------------------------|
+ * | "hwaddr"        | string       | hardware address as written in the board file: 021b2ca1b2c3     |
+ * | others          | as written   | whatever else the board file has in its group "board"           |
+ * | "hwaddrColons"  | string       | its first twelve characters in pairs: 02:1b:2c:a1:b2:c3         |
+ * | "feature_mic"   | signed char  | board file: 0 without a microphone; likewise "feature_ir",      |
+ * |                 |              | "feature_rtc", "feature_wifi", "feature_sdmmc", "feature_video" |
+ * | "hostName"      | string       | first line of /proc/sys/kernel/hostname                         |
+ * | "upTime"        | double       | /proc/uptime: seconds since the start                           |
+ * | "idleTime"      | double       | /proc/uptime: idle seconds, summed over the processors          |
+ * | "totalLoad"     | double       | 1 - idleTime / upTime; missing when idleTime is 0               |
+ * | "fullVersion"   | string       | /lib/version: AB1.xyz.v4.0.1.34.4f2a1b3.170101.1200             |
+ * | "version"       | string       | without its second field: AB1.v4.0.1.34.4f2a1b3.170101.1200     |
+ * | "deviceModel"   | string       | its first field: AB1                                            |
+ * | "protocolVer"   | unsigned int | the fourth number of its version: 34                            |
+ *
+ * The board file is /etc/board.info, key=value text as Variant::FromKVP() reads it, in which "board" is a
+ * group of dotted keys and the features are keys of their own. The record holds no state beside the map, so
+ * it may be copied, exported and changed like any Variant.
+ */
+class KORVO_VARIANT_UTILS_EXPORT CameraInfo : public Variant {
+  public:
+    /**
+     * Gathers the facts anew, in this order: board and features, host name, times, firmware version, hardware
+     * address with colons. All but the first is in the record also where a later step fails; what the record
+     * held before is gone as soon as the board file has been read.
+     *
+     * A full version is the model, a second field of letters and digits, "v" with four numbers, the last of
+     * which may have a suffix such as "-beta2", a build identifier in lower-case hexadecimal digits, with or
+     * without "M_" in front, six digits and four digits; dots stand between them. A protocol version that
+     * does not fit is the largest unsigned int.
+     *
+     * The same files give the same record in every locale.
+     *
+     * @return false at the first step that fails: a file that cannot be read or, after "deviceModel", a full
+     *         version of another form. One error is logged, unless the file is the board file, which leaves
+     *         the record as it was, or /lib/version.
+     */
+    bool Init();
+
+    /** @name Accessors
+     * Each returns its member. A member that is missing or has another type is first replaced by a default,
+     * which stays in the record: false for a feature, the int 0 for a time, the empty string for the version.
+     * Any number is accepted as a feature or a time and converted as Variant does. A record that is no map
+     * becomes an empty one first.
+     * @{ */
+    signed char feature_mic();
+    signed char feature_ir();
+    signed char feature_rtc();
+    signed char feature_wifi();
+    signed char feature_sdmmc();
+    signed char feature_video();
+    double idleTime();
+    double upTime();
+    std::string fullVersion();
+    /** @} */
+};
+
+}  // namespace korvo::variant

@@ -1,0 +1,241 @@
+#include "korvo/variant_utils/camerainfo.h"
+
+#include <locale.h>
+#include <regex.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "korvo/utils/device_root.h"
+#include "korvo/utils/file.h"
+#include "korvo/utils/text.h"
+#include "log.h"
+#include "record.h"
+
+namespace korvo::variant {
+namespace {
+
+const char sourceFile[] = "src/camerainfo";
+
+signed char feature(CameraInfo& info, const char* key) {
+    return memberOrDefault(info, key, TypeNumeric, false);
+}
+
+double seconds(CameraInfo& info, const char* key) {
+    return memberOrDefault(info, key, TypeNumeric, 0);
+}
+
+}  // namespace
+
+signed char CameraInfo::feature_mic() {
+    return feature(*this, "feature_mic");
+}
+
+signed char CameraInfo::feature_ir() {
+    return feature(*this, "feature_ir");
+}
+
+signed char CameraInfo::feature_rtc() {
+    return feature(*this, "feature_rtc");
+}
+
+signed char CameraInfo::feature_wifi() {
+    return feature(*this, "feature_wifi");
+}
+
+signed char CameraInfo::feature_sdmmc() {
+    return feature(*this, "feature_sdmmc");
+}
+
+signed char CameraInfo::feature_video() {
+    return feature(*this, "feature_video");
+}
+
+double CameraInfo::idleTime() {
+    return seconds(*this, "idleTime");
+}
+
+double CameraInfo::upTime() {
+    return seconds(*this, "upTime");
+}
+
+std::string CameraInfo::fullVersion() {
+    const std::string& version = memberOrDefault(*this, "fullVersion", TypeString, "");
+    return version;
+}
+
+namespace {
+
+/** Logs the message as CameraInfo::Init()'s; false, for the caller to return. */
+#define KORVO_INIT_ERROR(errorCode, ...) \
+    (KORVO_LOG_FROM("Init", logger::LevelError, errorCode, __VA_ARGS__), false)
+
+/** Replaces the record by the board's description. */
+bool readBoard(Variant& record) {
+    const std::string path = utils::devicePath("/etc/board.info");
+    CameraInfo description;
+    if (!description.FromKVPFile(path, false, false, true)) return false;
+    Variant texts;
+    if (!texts.FromKVPFile(path, true, true, true)) return false;
+    // An address of digits only is still a text.
+    const Variant* address = texts.GetKeyChain(TypeAny, "board/hwaddr", false);
+    if (address != nullptr) description["board"]["hwaddr"] = *address;
+
+    record = std::move(description["board"]);
+    ensureMapForm(record);
+    record["feature_sdmmc"] = description.feature_sdmmc();
+    record["feature_mic"] = description.feature_mic();
+    record["feature_video"] = description.feature_video();
+    record["feature_ir"] = description.feature_ir();
+    record["feature_rtc"] = description.feature_rtc();
+    record["feature_wifi"] = description.feature_wifi();
+    return true;
+}
+
+bool readFirstLine(const char* path, std::string& line) {
+    if (!utils::File::ReadStringAll(utils::devicePath(path), line))
+        return KORVO_INIT_ERROR(0, "Unable to open %s", path);
+    line.resize(std::min(line.find('\n'), line.size()));
+    utils::trim(line);
+    return true;
+}
+
+bool readHostName(Variant& record) {
+    std::string name;
+    if (!readFirstLine("/proc/sys/kernel/hostname", name)) return false;
+    record["hostName"] = std::move(name);
+    return true;
+}
+
+/**
+ * The part of the time that the device was busy; minus infinity when the time is 0. Dividing by 0 is left
+ * open by the language, but not by the floating-point standard that compilers follow.
+ */
+__attribute__((no_sanitize("float-divide-by-zero"))) double loadOf(double idleTime, double upTime) {
+    static_assert(std::numeric_limits<double>::is_iec559);
+    return 1.0 - idleTime / upTime;
+}
+
+bool readTimes(CameraInfo& info) {
+    std::string line;
+    if (!readFirstLine("/proc/uptime", line)) return false;
+    std::vector<std::string> fields;
+    utils::split(line, " ", fields);
+    if (!fields.empty()) info["upTime"] = utils::toDouble(fields[0].c_str());
+    if (fields.size() >= 2) info["idleTime"] = utils::toDouble(fields[1].c_str());
+    const double idleTime = info.idleTime();
+    if (idleTime != 0.0) info["totalLoad"] = loadOf(idleTime, info.upTime());
+    return true;
+}
+
+bool readFirmwareVersion(Variant& record) {
+    std::string version;
+    if (!utils::File::ReadStringAll(utils::devicePath("/lib/version"), version)) return false;
+    utils::trim(version);
+    const std::size_t firstDot = version.find('.');
+    if (firstDot != std::string::npos) {
+        const std::size_t secondDot = version.find('.', firstDot + 1);
+        if (secondDot != std::string::npos)
+            record["version"] = version.substr(0, firstDot) + version.substr(secondDot);
+    }
+    if (!version.empty()) record["deviceModel"] = version.substr(0, firstDot);
+    record["fullVersion"] = std::move(version);
+    return true;
+}
+
+/** Gives the calling thread the "C" locale: in others, [a-z] and [0-9] match more than ASCII. */
+class CLocale {
+  public:
+    CLocale() : locale(::newlocale(LC_ALL_MASK, "C", nullptr)), previous(::uselocale(locale)) {}
+    CLocale(const CLocale&) = delete;
+    CLocale& operator=(const CLocale&) = delete;
+    ~CLocale() {
+        (void)::uselocale(previous);
+        if (locale != nullptr) ::freelocale(locale);
+    }
+
+  private:
+    const locale_t locale;
+    const locale_t previous;
+};
+
+/** The form of a full firmware version, as a compiled pattern. */
+class VersionPattern {
+  public:
+    enum Group { ProtocolVersion = 6, GroupCount = 10 };
+
+    VersionPattern() : error(::regcomp(&pattern, text, REG_EXTENDED)) {}
+    VersionPattern(const VersionPattern&) = delete;
+    VersionPattern& operator=(const VersionPattern&) = delete;
+    ~VersionPattern() {
+        if (compiled()) ::regfree(&pattern);
+    }
+
+    bool compiled() const { return error == 0; }
+
+    std::string errorText() const {
+        char buffer[1024];
+        (void)::regerror(error, &pattern, buffer, sizeof buffer);
+        return buffer;
+    }
+
+    bool matches(const std::string& version, regmatch_t (&groups)[GroupCount]) const {
+        return ::regexec(&pattern, version.c_str(), GroupCount, groups, 0) == 0;
+    }
+
+  private:
+    static constexpr char text[] =
+        "^([a-zA-Z0-9]+)[.]([a-zA-Z0-9]+)"               // model, second field
+        "[.]v([0-9]+)[.]([0-9]+)[.]([0-9]+)[.]([0-9]+)"  // version, its last number the protocol's
+        "(-[a-z]+[1-9]?)?"                               // suffix
+        "[.]((M_)?[a-f0-9]+)[.][0-9]{6}[.][0-9]{4}$";    // build
+
+    regex_t pattern;
+    const int error;
+};
+
+bool storeProtocolVersion(CameraInfo& info) {
+    const CLocale locale;
+    const VersionPattern pattern;
+    if (!pattern.compiled())
+        return KORVO_INIT_ERROR(0, "Failed to compile FW version regex: %s", pattern.errorText().c_str());
+    const std::string version = info.fullVersion();
+    regmatch_t groups[VersionPattern::GroupCount];
+    if (!pattern.matches(version, groups))
+        return KORVO_INIT_ERROR(errno, "Failed to match FW version regex, fw=%s", version.c_str());
+
+    const regmatch_t& digits = groups[VersionPattern::ProtocolVersion];
+    unsigned int protocolVersion = std::numeric_limits<unsigned int>::max();
+    (void)std::from_chars(&version[static_cast<std::size_t>(digits.rm_so)],
+                          &version[static_cast<std::size_t>(digits.rm_eo)], protocolVersion);
+    info["protocolVer"] = protocolVersion;
+    return true;
+}
+
+/** Stores the address in pairs; a short one ends where its characters do, behind a colon if need be. */
+void storeAddressWithColons(Variant& record) {
+    const Variant* member = record.GetKeyChain(TypeString, "hwaddr", false);
+    const std::string address = member != nullptr ? static_cast<const std::string&>(*member) : std::string();
+    std::string pairs;
+    for (std::size_t i = 0; i < 12; ++i) {
+        if (i > 0 && i % 2 == 0) pairs += ':';
+        if (i >= address.size() || address[i] == '\0') break;
+        pairs += address[i];
+    }
+    record["hwaddrColons"] = std::move(pairs);
+}
+
+}  // namespace
+
+bool CameraInfo::Init() {
+    if (!readBoard(*this) || !readHostName(*this) || !readTimes(*this)) return false;
+    if (!readFirmwareVersion(*this) || !storeProtocolVersion(*this)) return false;
+    storeAddressWithColons(*this);
+    return true;
+}
+
+}  // namespace korvo::variant
