@@ -184,7 +184,10 @@ class VersionPattern {
     }
 
     bool matches(const std::string& version, regmatch_t (&groups)[GroupCount]) const {
-        return ::regexec(&pattern, version.c_str(), GroupCount, groups, 0) == 0;
+        // The matcher reads up to the first zero byte, and would take what stands before it for the whole
+        // version.
+        return version.find('\0') == std::string::npos &&
+               ::regexec(&pattern, version.c_str(), GroupCount, groups, 0) == 0;
     }
 
   private:

@@ -46,9 +46,9 @@ namespace korvo::variant {
 class KORVO_VARIANT_UTILS_EXPORT CameraInfo : public Variant {
   public:
     /**
-     * Gathers the facts anew, in this order: board and features, host name, times, firmware version, hardware
-     * address with colons. All but the first is in the record also where a later step fails; what the record
-     * held before is gone as soon as the board file has been read.
+     * Gathers the facts anew: board and features, host name, times, firmware version, hardware address with
+     * colons. What the record held before is dropped once the board file has been read. A step that fails
+     * ends the gathering; what the steps before it found stays in the record.
      *
      * A full version is the model, a second field of letters and digits, "v" with four numbers, the last of
      * which may have a suffix such as "-beta2", a build identifier in lower-case hexadecimal digits, with or
@@ -57,9 +57,9 @@ class KORVO_VARIANT_UTILS_EXPORT CameraInfo : public Variant {
      *
      * The same files give the same record in every locale.
      *
-     * @return false at the first step that fails: a file that cannot be read or, after "deviceModel", a full
-     *         version of another form. One error is logged, unless the file is the board file, which leaves
-     *         the record as it was, or /lib/version.
+     * @return false when a file cannot be read or the full version has another form. A board file that cannot
+     *         be read leaves the record as it was. One error is logged, except for the board file and
+     *         /lib/version.
      */
     bool Init();
 
