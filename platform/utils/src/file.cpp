@@ -17,7 +17,7 @@ auto uninterrupted(Call call) {
     return result;
 }
 
-/** Empties the file behind a descriptor just opened for writing, unless it is not ours alone to write. */
+/** Empties a file that was there before, unless it is not ours alone to write. */
 bool claimForWriting(int descriptor) {
     struct stat status {};
     if (::fstat(descriptor, &status) != 0) return false;
@@ -44,10 +44,16 @@ bool File::Initialize(const std::string& path, FILE_OPEN_MODE mode) {
         descriptor = uninterrupted([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); });
         return descriptor >= 0;
     }
+    // A file made here is ours without a further look, and nothing can fail any more that would leave it
+    // behind.
+    const int flags = O_WRONLY | O_CLOEXEC | O_NOFOLLOW;
+    const auto create = [&] { return ::open(path.c_str(), flags | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR); };
+    descriptor = uninterrupted(create);
+    if (descriptor >= 0) return true;
+    if (errno != EEXIST) return false;
     // Not O_TRUNC, which would empty a planted file before it can be looked at; O_NONBLOCK, because opening a
     // planted pipe would wait for a reader forever.
-    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
-    descriptor = uninterrupted([&] { return ::open(path.c_str(), flags, S_IRUSR | S_IWUSR); });
+    descriptor = uninterrupted([&] { return ::open(path.c_str(), flags | O_NONBLOCK); });
     if (descriptor < 0) return false;
     if (claimForWriting(descriptor)) return true;
     const int error = errno;
@@ -89,6 +95,10 @@ bool File::WriteString(const std::string& text) {
         written += static_cast<std::size_t>(count);
     }
     return true;
+}
+
+bool File::Sync() {
+    return uninterrupted([&] { return ::fsync(descriptor); }) == 0;
 }
 
 bool File::Close() {

@@ -49,6 +49,9 @@ class KORVO_UTILS_EXPORT File {
     /** Writes all of @p text at the current position. After a failure part of it may have been written. */
     bool WriteString(const std::string& text);
 
+    /** Waits until everything written has reached the storage device. The file's name is not part of that. */
+    bool Sync();
+
     /** Closes the file. False when the system reports only now that something written was lost. */
     bool Close();
 
