@@ -1,0 +1,453 @@
+#include "korvo/variant_utils/system_cfg.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "korvo/utils/device_root.h"
+#include "korvo/utils/file.h"
+#include "korvo/utils/flash.h"
+#include "korvo/utils/inter_process_mutex.h"
+#include "korvo/utils/text.h"
+#include "log.h"
+
+namespace utils = korvo::utils;
+using korvo::logger::LevelError;
+using korvo::variant::TypeAny;
+using korvo::variant::TypeArray;
+using korvo::variant::TypeMap;
+using korvo::variant::TypeNull;
+using korvo::variant::TypeNumeric;
+using korvo::variant::TypeString;
+using korvo::variant::TypeUInt64;
+using korvo::variant::Variant;
+using korvo::variant::VariantType;
+
+namespace {
+
+const char sourceFile[] = "src/system_cfg";
+const char configurationPath[] = "/tmp/system.cfg";
+const char flashCyclesKey[] = "system.flash.cycles";
+constexpr std::size_t maxKeyComponents = 64;  // what key=value text can hold
+
+// The file's text and the tree's
+
+/** Collects replacements in a text, from the left to the right, and copies nothing while there are none. */
+class Replacements {
+  public:
+    explicit Replacements(std::string& target) : text(target) {}
+
+    void replace(std::size_t begin, std::size_t length, std::string_view replacement) {
+        result.append(text, done, begin - done).append(replacement);
+        done = begin + length;
+    }
+
+    void apply() {
+        if (done == 0) return;
+        result.append(text, done, std::string::npos);
+        text = std::move(result);
+    }
+
+  private:
+    std::string& text;
+    std::string result;
+    std::size_t done = 0;  ///< so much of the text has been dealt with
+};
+
+/** Calls @p visit with the places of a pair's key, its "=" and the end of its value, for each line that is a
+ * pair. */
+template <class Visit>
+void forEachPair(std::string_view text, Visit visit) {
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t lineFeed = text.find('\n', begin);
+        const std::size_t lineEnd = std::min(lineFeed, text.size());
+        const std::string_view line = text.substr(begin, lineEnd - begin);
+        const std::size_t equals = line.find('=');
+        if (equals != std::string_view::npos && line[0] != '#') {
+            const bool carriageReturn = lineFeed != std::string_view::npos && line.back() == '\r';
+            visit(begin, begin + equals, carriageReturn ? lineEnd - 1 : lineEnd);
+        }
+        begin = lineEnd + 1;
+    }
+}
+
+/** Calls @p visit with the place and the underscores in front of each component behind a dot that begins with
+ * 1 to 4. */
+template <class Visit>
+void forEachIndexComponent(std::string_view key, Visit visit) {
+    for (std::size_t dot = key.find('.'); dot != std::string_view::npos; dot = key.find('.', dot + 1)) {
+        const std::size_t digit = key.find_first_not_of('_', dot + 1);
+        if (digit != std::string_view::npos && key[digit] >= '1' && key[digit] <= '4')
+            visit(dot + 1, digit - dot - 1);
+    }
+}
+
+/** The digit that a boolean word stands for; nothing for any other text. */
+std::string_view booleanDigit(std::string_view word) {
+    if (word == "enabled" || word == "enable" || word == "on") return "1";
+    if (word == "disabled" || word == "disable" || word == "off") return "0";
+    return {};
+}
+
+/** Turns the file's text into that of the tree. */
+void rewriteLoaded(std::string& text, bool escapeIndexKeys) {
+    const std::string_view all = text;
+    Replacements replacements(text);
+    forEachPair(text, [&](std::size_t begin, std::size_t equals, std::size_t end) {
+        if (escapeIndexKeys) {
+            forEachIndexComponent(all.substr(begin, equals - begin),
+                                  [&](std::size_t at, std::size_t /*underscores*/) {
+                                      replacements.replace(begin + at, 0, "_");
+                                  });
+        }
+        const std::string_view digit = booleanDigit(all.substr(equals + 1, end - equals - 1));
+        if (!digit.empty()) replacements.replace(equals + 1, end - equals - 1, digit);
+    });
+    replacements.apply();
+}
+
+/** Whether no two lines of a text get in each other's way when it is loaded. */
+bool loadsWhole(const std::string& text) {
+    Variant tree;
+    std::string again;
+    return tree.FromKVP(text, true, true, true) && tree.ToKVP(again, "=", "\n") &&
+           again.size() == text.size();
+}
+
+/** Turns the tree's text into that of the file. False when two keys of the tree would be one in the file. */
+bool rewriteForFile(std::string& text) {
+    const std::string_view all = text;
+    bool unescaped = false;
+    Replacements replacements(text);
+    forEachPair(text, [&](std::size_t begin, std::size_t equals, std::size_t /*end*/) {
+        forEachIndexComponent(all.substr(begin, equals - begin),
+                              [&](std::size_t at, std::size_t underscores) {
+                                  if (underscores == 0) {
+                                      unescaped = true;
+                                  } else {
+                                      replacements.replace(begin + at, 1, "");
+                                  }
+                              });
+    });
+    replacements.apply();
+    // Only a host that fills the tree itself leaves an index component unescaped.
+    return !unescaped || loadsWhole(text);
+}
+
+// Keys and values
+
+bool isControl(char character) {
+    const auto code = static_cast<unsigned char>(character);
+    return code < 0x20 || code == 0x7f;
+}
+
+/** Appends the components of a key; false when the key is refused. */
+bool splitKey(const std::string& key, std::vector<std::string>& components) {
+    if (key.find_first_of("/[]=") != std::string::npos || std::any_of(key.begin(), key.end(), isControl))
+        return false;
+    utils::split(key, ".", components);
+    if (components.empty() || components.size() > maxKeyComponents) return false;
+    return std::none_of(components.begin(), components.end(), [](const std::string& component) {
+        return component.empty() || component.front() == '#';
+    });
+}
+
+bool isContainer(const Variant& node) {
+    const VariantType type = node;
+    return type == TypeMap || type == TypeArray;
+}
+
+/** Whether a node can have a member of that name and still be written. */
+bool canHold(const Variant& node, const std::string& name) {
+    if (!isContainer(node)) return static_cast<VariantType>(node) == TypeNull;
+    // In a tree that a host filled, an indexed member may have a line of that name already.
+    const Variant* indexed = node.GetKeyChain(TypeAny, ("[" + name + "]").c_str(), true);
+    return indexed == nullptr || indexed == node.GetKeyChain(TypeAny, name.c_str(), true);
+}
+
+int clampToInt(long long number) {
+    return static_cast<int>(std::clamp<long long>(number, INT_MIN, INT_MAX));
+}
+
+/** The integer that a number or a text stands for, the same whatever the width of long. */
+int toInt(const Variant& value) {
+    const VariantType type = value;
+    if (type == TypeString) return clampToInt(std::strtoll(static_cast<const char*>(value), nullptr, 10));
+    const long long number = value;
+    return type == TypeUInt64 && number < 0 ? INT_MAX : clampToInt(number);
+}
+
+/** Gives a new file the access of the one that it is to replace. */
+bool keepAccess(const std::string& newPath, const std::string& oldPath) {
+    struct stat oldStatus {};
+    struct stat newStatus {};
+    if (::stat(oldPath.c_str(), &oldStatus) != 0) return errno == ENOENT;
+    if (::lstat(newPath.c_str(), &newStatus) != 0) return false;
+    if (oldStatus.st_uid != newStatus.st_uid || oldStatus.st_gid != newStatus.st_gid) {
+        // Only a privileged process may give a file away; what the others write becomes their own.
+        [[maybe_unused]] const int ignored = ::lchown(newPath.c_str(), oldStatus.st_uid, oldStatus.st_gid);
+    }
+    const mode_t bits = oldStatus.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO);
+    return bits == (newStatus.st_mode & 07777) || ::chmod(newPath.c_str(), bits) == 0;
+}
+
+}  // namespace
+
+SystemCfgManager::SystemCfgManager() : SystemCfgManager(nullptr, false, true, true) {
+    variant = new Variant;
+    variantBorrowed = false;
+}
+
+SystemCfgManager::SystemCfgManager(Variant* tree, bool escape, bool asStrings, bool lastKvpFlag)
+    : initialized(false),
+      changed(false),
+      variantBorrowed(true),
+      escapeIndexKeys(escape),
+      valuesAsStrings(asStrings),
+      fromKvpFlag(lastKvpFlag),
+      variant(tree),
+      mutex(std::make_unique<InterProcessMutex>("system.cfg", true)),
+      initializedBy(0) {}
+
+SystemCfgManager::~SystemCfgManager() {
+    try {
+        if (initialized && initializedBy == ::getpid()) (void)close(false, false);
+    } catch (const std::bad_alloc&) {
+        // The file stays as it was, which is all that can be done for it here.
+    }
+    if (!variantBorrowed) delete variant;
+}
+
+bool SystemCfgManager::checkInitialized(const char* function) {
+    if (initialized && initializedBy == ::getpid()) return true;
+    KORVO_LOG_FROM(function, LevelError, 0, "SystemCfgManager not initialized");
+    return false;
+}
+
+bool SystemCfgManager::init() {
+    const int process = ::getpid();
+    if (initialized && initializedBy == process) {
+        KORVO_LOG(LevelError, "SystemCfgManager already initialized");
+        return false;
+    }
+    initialized = false;
+    changed = false;
+    const int result = mutex->acquire();
+    if (result != 0) {
+        KORVO_LOG(LevelError, "Failed to acquire system.cfg mutex, res=%d", result);
+        return false;
+    }
+    if (!read()) {
+        (void)mutex->release();
+        KORVO_LOG(LevelError, "Failed to read system.cfg into variant");
+        return false;
+    }
+    initializedBy = process;
+    initialized = true;
+    return true;
+}
+
+bool SystemCfgManager::read() {
+    utils::File file;
+    if (!file.Initialize(utils::devicePath(configurationPath), utils::FILE_OPEN_MODE_READ)) {
+        KORVO_LOG(LevelError, "Failed to open system.cfg file");
+        return false;
+    }
+    std::string text;
+    if (!file.ReadStringAll(text)) {
+        KORVO_LOG(LevelError, "Failed to read system.cfg file");
+        return false;
+    }
+    (void)file.Close();
+    rewriteLoaded(text, escapeIndexKeys);
+    variant->Reset();
+    if (!variant->FromKVP(text, true, valuesAsStrings, fromKvpFlag)) {
+        KORVO_LOG(LevelError, "Failed to deserialize system.cfg file");
+        return false;
+    }
+    return true;
+}
+
+bool SystemCfgManager::serialize(std::string& text) const {
+    return variant->ToKVP(text, "=", "\n") && (!escapeIndexKeys || rewriteForFile(text));
+}
+
+bool SystemCfgManager::write() {
+    if (!checkInitialized(__func__)) return false;
+    std::string text;
+    if (!serialize(text)) {
+        KORVO_LOG(LevelError, "Failed to serialize variant to key-value pairs");
+        return false;
+    }
+    char temporaryName[128];
+    std::snprintf(temporaryName, sizeof temporaryName, "%s.%d", configurationPath,
+                  static_cast<int>(::getpid()));
+    const std::string temporary = utils::devicePath(temporaryName);
+    const std::string target = utils::devicePath(configurationPath);
+    utils::File file;
+    if (!file.Initialize(temporary, utils::FILE_OPEN_MODE_TRUNCATE)) {
+        KORVO_LOG(LevelError, "Failed to open system.cfg");
+        return false;
+    }
+    if (!file.WriteString(text) || !file.Close() || !keepAccess(temporary, target)) {
+        (void)::unlink(temporary.c_str());
+        KORVO_LOG(LevelError, "Failed to write system.cfg");
+        return false;
+    }
+    if (std::rename(temporary.c_str(), target.c_str()) != 0) {
+        (void)::unlink(temporary.c_str());
+        KORVO_LOG(LevelError, "Failed to move %s to /tmp/system.cfg", temporaryName);
+        return false;
+    }
+    return true;
+}
+
+bool SystemCfgManager::getVariant(Variant& out) {
+    if (!checkInitialized(__func__)) return false;
+    out = *variant;
+    return true;
+}
+
+void SystemCfgManager::markChanged() {
+    if (checkInitialized(__func__)) changed = true;
+}
+
+void SystemCfgManager::getLastNode(const std::string& key, Variant*& node, std::string& lastKey) {
+    node = nullptr;
+    lastKey.clear();
+    bool escaped = true;
+    if (escapeIndexKeys) {
+        forEachIndexComponent(
+            key, [&](std::size_t, std::size_t underscores) { escaped = escaped && underscores > 0; });
+    }
+    std::vector<std::string> components;
+    if (!escaped || !splitKey(key, components)) return;
+    // Whatever refuses the key stands before the first missing member, so nothing has been made then.
+    Variant* parent = variant;
+    for (std::size_t i = 0;; ++i) {
+        if (!canHold(*parent, components[i])) return;
+        if (!isContainer(*parent)) parent->IsArray(false);
+        if (i + 1 == components.size()) break;
+        parent = &(*parent)[components[i]];
+    }
+    node = parent;
+    lastKey = std::move(components.back());
+}
+
+bool SystemCfgManager::getSystemCfgValue(const std::string& key, VariantType type, Variant** value) {
+    *value = nullptr;
+    std::vector<std::string> components;
+    if (!splitKey(key, components)) return false;
+    std::string path;
+    for (const std::string& component : components) {
+        if (!path.empty()) path += '/';
+        // Key chains read a bare letter as a short name.
+        const bool letter =
+            component.size() == 1 && std::isalpha(static_cast<unsigned char>(component[0])) != 0;
+        path += letter ? "[" + component + "]" : component;
+    }
+    *value = variant->GetKeyChain(type, path.c_str(), true);
+    return true;
+}
+
+bool SystemCfgManager::get(const std::string& key, int* value, bool* notFound) {
+    if (!checkInitialized(__func__)) return false;
+    if (value != nullptr) *value = -1;
+    Variant* node = nullptr;
+    if (!getSystemCfgValue(key, valuesAsStrings ? TypeString : TypeNumeric, &node)) {
+        KORVO_LOG(LevelError, "Failed to get system.cfg key %s", key.c_str());
+        return false;
+    }
+    if (notFound != nullptr) *notFound = node == nullptr;
+    if (value != nullptr && node != nullptr) *value = toInt(*node);
+    return true;
+}
+
+bool SystemCfgManager::get(const std::string& key, std::string* value, bool* notFound) {
+    if (!checkInitialized(__func__)) return false;
+    Variant* node = nullptr;
+    const bool accepted = getSystemCfgValue(key, TypeString, &node);
+    if (!accepted) KORVO_LOG(LevelError, "Failed to get system.cfg key %s", key.c_str());
+    // Only now, because the key may be the very text that receives the value.
+    if (value != nullptr) *value = node != nullptr ? static_cast<const std::string&>(*node) : std::string();
+    if (accepted && notFound != nullptr) *notFound = node == nullptr;
+    return accepted;
+}
+
+bool SystemCfgManager::set(const std::string& key, int value, bool* valueChanged) {
+    return setValue(key, valuesAsStrings ? Variant(utils::format("%d", value)) : Variant(value),
+                    valueChanged);
+}
+
+bool SystemCfgManager::set(const std::string& key, const std::string& value, bool* valueChanged) {
+    return setValue(key, Variant(value), valueChanged);
+}
+
+bool SystemCfgManager::setValue(const std::string& key, Variant value, bool* valueChanged) {
+    if (!checkInitialized("set")) return false;
+    const bool isText = static_cast<VariantType>(value) == TypeString;
+    const std::string& text = value;
+    Variant* parent = nullptr;
+    std::string lastKey;
+    if (text.find_first_of(std::string_view("\n\r\0", 3)) == std::string::npos)
+        getLastNode(key, parent, lastKey);
+    if (parent == nullptr) {
+        KORVO_LOG_FROM("set", LevelError, 0, "Failed to set system.cfg key %s", key.c_str());
+        return false;
+    }
+    const Variant* stored = parent->GetKeyChain(isText ? TypeString : TypeNumeric, lastKey.c_str(), true);
+    const bool differs = stored == nullptr || (isText ? *stored != value : toInt(*stored) != toInt(value));
+    if (differs) {
+        changed = true;
+        (*parent)[lastKey] = std::move(value);
+    }
+    if (valueChanged != nullptr) *valueChanged = differs;
+    return write();
+}
+
+bool SystemCfgManager::close(bool saveToFlash, bool forceSave) {
+    if (!checkInitialized(__func__)) return false;
+    if (forceSave || (changed && saveToFlash)) {
+        if (!saveCounted()) return false;
+    } else if (changed && !write()) {
+        KORVO_LOG(LevelError, "Failed to write system.cfg from variant");
+        return false;
+    }
+    initialized = false;
+    const int result = mutex->release();
+    if (result != 0) {
+        KORVO_LOG(LevelError, "Failed to release system.cfg mutex, res=%d", result);
+        return false;
+    }
+    return true;
+}
+
+/** The part of close() that saves to flash. */
+bool SystemCfgManager::saveCounted() {
+    int cycles = 0;
+    bool notFound = false;
+    const char* failure = nullptr;
+    if (!get(flashCyclesKey, &cycles, &notFound) || !set(flashCyclesKey,
+                                                         notFound           ? 1
+                                                         : cycles < INT_MAX ? cycles + 1
+                                                                            : cycles,
+                                                         nullptr)) {
+        failure = "Failed to read flash write cycles";
+    } else if (!write()) {
+        failure = "Failed to write system.cfg from variant";
+    } else if (!utils::saveToFlashRaw(false)) {
+        failure = "Failed to save to flash";
+    }
+    if (failure != nullptr) KORVO_LOG_FROM("close", LevelError, 0, "%s", failure);
+    return failure == nullptr;
+}
