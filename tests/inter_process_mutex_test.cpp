@@ -1,0 +1,237 @@
+#include "korvo/utils/inter_process_mutex.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "korvo/utils/device_root.h"
+#include "support/child_process.h"
+#include "support/temporary_directory.h"
+
+namespace {
+
+using test::ChildProcess;
+
+class InterProcessMutexTest : public testing::Test {
+  protected:
+    InterProcessMutexTest() {
+        std::filesystem::create_directory(root.path() / "tmp");
+        korvo::utils::setDeviceRoot(root.path());
+    }
+
+    /** The process that holds the lock, as the kernel tells another process; 0 when it is free. */
+    pid_t holder() const {
+        ChildProcess asker([this](const ChildProcess& self) {
+            struct flock request {};
+            request.l_type = F_WRLCK;
+            const int file = ::open((root.path() / "tmp/name.lock").c_str(), O_RDWR);
+            if (::fcntl(file, F_GETLK, &request) != 0) return 1;
+            self.tell(request.l_type == F_UNLCK ? 0 : request.l_pid);
+            return 0;
+        });
+        return static_cast<pid_t>(asker.hear());
+    }
+
+    test::TemporaryDirectory root;
+};
+
+/** Takes the lock, tells so, and keeps it until it is killed. */
+int holdForever(const ChildProcess& self) {
+    InterProcessMutex mutex("name", true);
+    self.tell(mutex.acquire());
+    for (;;) ::pause();
+}
+
+TEST_F(InterProcessMutexTest, RefusesNamesThatAreNoFileName) {
+    for (const char* name : {static_cast<const char*>(nullptr), "", "/", "../name", "a/b"}) {
+        InterProcessMutex mutex(name, true);
+        EXPECT_EQ(mutex.acquire(), EINVAL) << (name != nullptr ? name : "null");
+        EXPECT_EQ(mutex.release(), EINVAL);
+    }
+}
+
+TEST_F(InterProcessMutexTest, ReportsWhatIsPlantedInPlaceOfTheLockFileAndLeavesItAlone) {
+    const std::filesystem::path path = root.path() / "tmp/name.lock";
+    const std::filesystem::path target = root.write("target", "content");
+    const struct {
+        std::function<void()> plant;
+        int error;
+    } cases[] = {
+        {[&] { std::filesystem::create_symlink(target, path); }, ELOOP},
+        {[&] { std::filesystem::create_symlink("missing", path); }, ELOOP},
+        {[&] { std::filesystem::create_directory(path); }, EISDIR},
+        {[&] { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); }, EPERM},
+    };
+    InterProcessMutex mutex("name", true);
+    for (const auto& row : cases) {
+        row.plant();
+        EXPECT_EQ(mutex.acquire(), row.error);
+        EXPECT_EQ(mutex.release(), EPERM);
+        std::filesystem::remove(path);
+    }
+    EXPECT_EQ(root.read("target"), "content");
+    EXPECT_EQ(mutex.acquire(), 0);
+    struct stat status {};
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+}
+
+TEST_F(InterProcessMutexTest, BelongsToOneObjectAndRefusesToHangItsThread) {
+    InterProcessMutex first("name", true);
+    InterProcessMutex second("name", true);
+    InterProcessMutex other("other", true);
+    EXPECT_EQ(first.release(), EPERM);
+    ASSERT_EQ(first.acquire(), 0);
+    EXPECT_EQ(holder(), ::getpid());
+    EXPECT_EQ(first.acquire(), EDEADLK);
+    EXPECT_EQ(second.acquire(), EDEADLK);
+    EXPECT_EQ(second.release(), EPERM);
+    EXPECT_EQ(other.acquire(), 0);
+    EXPECT_EQ(holder(), ::getpid()) << "a refused call gave the lock away";
+    std::thread([&] { EXPECT_EQ(first.release(), 0); }).join();
+    EXPECT_EQ(holder(), 0);
+    {
+        InterProcessMutex third("name", true);
+        ASSERT_EQ(third.acquire(), 0);
+    }
+    EXPECT_EQ(holder(), 0) << "destroying the holder did not give the lock back";
+    EXPECT_EQ(second.acquire(), 0);
+}
+
+TEST_F(InterProcessMutexTest, ThreadThatEndedWithTheLockIsNotMistakenForALaterOne) {
+    InterProcessMutex kept("name", true);
+    std::thread([&] { ASSERT_EQ(kept.acquire(), 0); }).join();
+    int result = -1;
+    std::thread next([&] { result = InterProcessMutex("name", true).acquire(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_EQ(kept.release(), 0);
+    next.join();
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(InterProcessMutexTest, ThreadsTakeTurns) {
+    constexpr int rounds = 200;
+    int counter = 0;  // guarded by nothing but the lock
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            InterProcessMutex mutex("name", true);
+            for (int round = 0; round < rounds; ++round) {
+                ASSERT_EQ(mutex.acquire(), 0);
+                ++counter;
+                ASSERT_EQ(mutex.release(), 0);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(counter, 4 * rounds);
+}
+
+TEST_F(InterProcessMutexTest, KernelGivesTheLockOfAKilledProcessToTheNext) {
+    ChildProcess child(holdForever);
+    ASSERT_EQ(child.hear(), 0);
+    EXPECT_EQ(holder(), child.id());
+    std::thread killer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        child.kill();
+    });
+    InterProcessMutex mutex("name", true);
+    EXPECT_EQ(mutex.acquire(), 0);
+    EXPECT_EQ(holder(), ::getpid());
+    killer.join();
+}
+
+TEST_F(InterProcessMutexTest, WaitsOnThroughSignals) {
+    static volatile sig_atomic_t alarms;
+    alarms = 0;
+    struct sigaction action {};
+    action.sa_handler = [](int) { alarms = alarms + 1; };  // without SA_RESTART
+    ::sigaction(SIGALRM, &action, nullptr);
+    ChildProcess child([](const ChildProcess& self) {
+        InterProcessMutex mutex("name", true);
+        self.tell(mutex.acquire());
+        ::usleep(200000);
+        return mutex.release();
+    });
+    ASSERT_EQ(child.hear(), 0);
+    const itimerval every{{0, 10000}, {0, 10000}};
+    ::setitimer(ITIMER_REAL, &every, nullptr);
+    InterProcessMutex mutex("name", true);
+    EXPECT_EQ(mutex.acquire(), 0);
+    const itimerval never{};
+    ::setitimer(ITIMER_REAL, &never, nullptr);
+    EXPECT_GT(alarms, 0) << "nothing interrupted the wait";
+    EXPECT_EQ(child.exitStatus(), 0);
+}
+
+TEST_F(InterProcessMutexTest, ForkedChildNeitherKeepsNorGivesBackItsParentsLock) {
+    auto mutex = std::make_unique<InterProcessMutex>("name", true);
+    ASSERT_EQ(mutex->acquire(), 0);
+    ChildProcess child([&](const ChildProcess&) {
+        if (mutex->release() != EPERM) return 1;
+        mutex.reset();
+        return 0;
+    });
+    EXPECT_EQ(child.exitStatus(), 0);
+    EXPECT_EQ(holder(), ::getpid());
+
+    // A child's child that lives on, once by fork and once by exec, while the one that held the lock is gone.
+    mutex.reset();
+    for (const bool exec : {false, true}) {
+        ChildProcess parent([&](const ChildProcess& self) {
+            InterProcessMutex held("name", true);
+            if (held.acquire() != 0) return 1;
+            const pid_t survivor = ::fork();
+            if ((survivor == 0) != exec) {
+                self.tell(::getpid());
+                if (exec) ::execlp("sleep", "sleep", "60", nullptr);
+                for (;;) ::pause();
+            }
+            ::_exit(0);
+        });
+        const pid_t survivor = static_cast<pid_t>(parent.hear());
+        ASSERT_GT(survivor, 0);
+        InterProcessMutex next("name", true);
+        EXPECT_EQ(next.acquire(), 0) << (exec ? "exec" : "fork");
+        EXPECT_EQ(::kill(survivor, SIGKILL), 0) << "the survivor was to live on";
+    }
+}
+
+TEST_F(InterProcessMutexTest, ForkAtAnyMomentLeavesTheChildAUsableLock) {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2; ++i) {
+        threads.emplace_back([&] {
+            InterProcessMutex mutex("name", true);
+            while (!stop) {
+                EXPECT_EQ(mutex.acquire(), 0);
+                EXPECT_EQ(mutex.release(), 0);
+            }
+        });
+    }
+    for (int i = 0; i < 100; ++i) {
+        ChildProcess child([](const ChildProcess&) {
+            ::alarm(20);  // a child that hangs dies of it
+            InterProcessMutex mutex("name", true);
+            return mutex.acquire() == 0 && mutex.release() == 0 ? 0 : 1;
+        });
+        ASSERT_EQ(child.exitStatus(), 0);
+    }
+    stop = true;
+    for (std::thread& thread : threads) thread.join();
+}
+
+}  // namespace

@@ -1,0 +1,63 @@
+/** @file A forked process that runs a piece of the test, and is killed at the latest with the object. */
+#pragma once
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+namespace test {
+
+class ChildProcess {
+  public:
+    /** Runs `int body(const ChildProcess& self)`, whose result is the exit status; destructors of statics do
+     * not run. */
+    template <class Body>
+    explicit ChildProcess(Body body) {
+        if (::pipe(channel) != 0 || (process = ::fork()) < 0) throw std::runtime_error("fork failed");
+        if (process == 0) ::_exit(body(*this));
+        ::close(channel[1]);
+    }
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+    ~ChildProcess() {
+        kill();
+        (void)exitStatus();
+        ::close(channel[0]);
+    }
+
+    pid_t id() const { return process; }
+    void kill() const {
+        if (process > 0) ::kill(process, SIGKILL);
+    }
+
+    /** Sends a number to the parent. */
+    void tell(long long number) const {
+        EXPECT_EQ(::write(channel[1], &number, sizeof number), ssize_t{sizeof number});
+    }
+
+    /** Waits for the child's next number; -1 when it ends without one. */
+    long long hear() const {
+        long long number = -1;
+        return ::read(channel[0], &number, sizeof number) == ssize_t{sizeof number} ? number : -1;
+    }
+
+    /** Waits for the end; the exit status, or minus the signal that ended it. */
+    int exitStatus() {
+        if (process <= 0) return status;
+        int ended = 0;
+        while (::waitpid(process, &ended, 0) < 0 && errno == EINTR) {
+        }
+        process = 0;
+        return status = WIFEXITED(ended) ? WEXITSTATUS(ended) : -WTERMSIG(ended);
+    }
+
+  private:
+    int channel[2] = {-1, -1};
+    pid_t process = -1;
+    int status = -1;
+};
+
+}  // namespace test
