@@ -7,5 +7,9 @@
 namespace korvoctl {
 
 ExitStatus parseAndPrintUri(const Options& options);
+ExitStatus printConfigurationValue(const Options& options);
+ExitStatus setConfigurationValue(const Options& options);
+ExitStatus printConfiguration(const Options& options);
+ExitStatus printDeviceInformation(const Options& options);
 
 }  // namespace korvoctl

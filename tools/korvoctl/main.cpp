@@ -2,17 +2,36 @@
 
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <string>
 
 #include "actions.h"
+#include "korvo/utils/device_root.h"
 
 namespace korvoctl {
 namespace {
 
+struct Action {
+    const char* name;
+    ExitStatus (*perform)(const Options& options);
+};
+
+constexpr Action actions[] = {
+    {"uri", parseAndPrintUri},    {"get", printConfigurationValue}, {"set", setConfigurationValue},
+    {"dump", printConfiguration}, {"info", printDeviceInformation},
+};
+
 ExitStatus run(int argc, const char** argv) {
     Options options(argc, argv);
     if (!options.ok()) return WrongUsage;
-    if (options.action() == "uri") return parseAndPrintUri(options);
+    if (options.has("root")) {
+        const std::string& root = options.text("root");
+        if (!std::filesystem::is_directory(root)) return failed("there is no folder " + root);
+        korvo::utils::setDeviceRoot(root);
+    }
+    for (const Action& action : actions) {
+        if (options.action() == action.name) return action.perform(options);
+    }
     options.printHelp();
     return Done;
 }

@@ -9,30 +9,37 @@ namespace korvoctl {
 namespace {
 
 using korvo::variant::Variant;
+using korvo::variant::VariantType;
 
 enum class Takes { Text, Switch };
 
-/** One option. Without a main option of its own to go with, it is a main option itself: it says what to do.
- */
+const char* const isAction = nullptr;  ///< in place of what an option goes with: it says what to do
+const char* const always = "";         ///< it makes sense whatever is to be done
+
 struct Option {
     char shortName;
     const char* longName;
     Takes takes;
-    const char* goesWith;
+    const char* goesWith;  ///< the option that it makes sense with
     const char* description;
-
-    bool isAction() const { return goesWith == nullptr; }
 };
 
 constexpr Option allOptions[] = {
-    {'u', "uri", Takes::Text, nullptr, "Parse a URI and print its parts"},
+    {'u', "uri", Takes::Text, isAction, "Parse a URI and print its parts"},
     {'r', "resolve", Takes::Switch, "uri", "with --uri: look up the host's address too"},
     {'b', "base", Takes::Switch, "uri", "with --uri: print the base URI instead"},
     {'d', "derive", Takes::Text, "uri",
      "with --uri: print the URI of this document in the same folder instead"},
     {'w', "with-parameters", Takes::Switch, "derive", "with --derive: append the parsed URI's parameters"},
     {'P', "show-password", Takes::Switch, "uri", "with --uri: print the password instead of ***"},
-    {'h', "help", Takes::Switch, nullptr, "Print this text"},
+    {'g', "get", Takes::Text, isAction, "Print the configuration value under a key"},
+    {'s', "set", Takes::Text, isAction, "KEY=VALUE: store a configuration value and write the file"},
+    {'S', "save", Takes::Switch, "set", "with --set: save to flash if something changed"},
+    {'f', "force", Takes::Switch, "save", "with --save: save to flash even if nothing changed"},
+    {'D', "dump", Takes::Switch, isAction, "Print the whole configuration"},
+    {'i', "info", Takes::Switch, isAction, "Print what is known about the device"},
+    {'R', "root", Takes::Text, always, "Use the device tree in this folder, such as a mounted image"},
+    {'h', "help", Takes::Switch, isAction, "Print this text"},
 };
 
 const Option* findOption(const std::string& longName) {
@@ -80,30 +87,33 @@ void Options::collectTexts(int argc, const char** argv) {
 bool Options::check() {
     const Variant& unknown = parsed["unknownParameters"];
     if (unknown.num_begin() != unknown.num_end()) {
-        return wrongUsage("unknown argument '" +
-                          std::string(unknown.num_begin()->second.operator const char*()) + "'");
+        const std::string& argument = unknown.num_begin()->second;
+        return wrongUsage("unknown argument '" + argument + "'");
     }
     for (const auto& given : parsed["parameters"]) {
-        const Option& option = *findOption(std::string(given.first));
-        const korvo::variant::VariantType type = given.second;
-        const bool isSwitch = option.takes == Takes::Switch;
-        if (isSwitch && type == korvo::variant::TypeString) {
-            return wrongUsage("--" + std::string(given.first) + " takes no value but 0 or 1");
-        }
-        if (!isSwitch && type == korvo::variant::TypeNull) {
-            return wrongUsage("--" + std::string(given.first) + " needs a value");
-        }
-        if (!option.isAction() && !has(option.goesWith)) {
-            return wrongUsage("--" + std::string(given.first) + " goes with --" + option.goesWith);
-        }
-        if (!option.isAction() || !has(option.longName)) continue;
-        if (!chosenAction.empty()) {
-            return wrongUsage("--" + chosenAction + " and --" + option.longName +
-                              " cannot be given together");
-        }
-        chosenAction = option.longName;
+        if (!checkOption(std::string(given.first), given.second)) return false;
     }
     return !chosenAction.empty() || wrongUsage("nothing to do");
+}
+
+bool Options::checkOption(const std::string& name, const Variant& value) {
+    const Option& option = *findOption(name);
+    const VariantType type = value;
+    if (option.takes == Takes::Switch && type == korvo::variant::TypeString) {
+        return wrongUsage("--" + name + " takes no value but 0 or 1");
+    }
+    if (option.takes == Takes::Text && type == korvo::variant::TypeNull) {
+        return wrongUsage("--" + name + " needs a value");
+    }
+    if (option.goesWith == always) return true;
+    if (option.goesWith != isAction) {
+        return has(option.goesWith) || wrongUsage("--" + name + " goes with --" + option.goesWith);
+    }
+    if (!has(option.longName)) return true;
+    if (!chosenAction.empty())
+        return wrongUsage("--" + chosenAction + " and --" + name + " cannot be given together");
+    chosenAction = name;
+    return true;
 }
 
 bool Options::has(const char* longName) const {

@@ -1,7 +1,6 @@
 /** @file What may stand on korvoctl's command line. */
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "korvo/variant/variant.h"
@@ -32,6 +31,7 @@ class Options {
 
   private:
     bool check();
+    bool checkOption(const std::string& name, const korvo::variant::Variant& value);
     void collectTexts(int argc, const char** argv);
 
     korvo::variant::Variant definitions;

@@ -66,7 +66,7 @@ std::string onOneLine(const std::string& text) {
 
 void printRecord(const Variant& record) {
     std::map<std::string, std::string> lines;
-    flatten(record, "", lines);
+    if (static_cast<VariantType>(record) != korvo::variant::TypeNull) flatten(record, "", lines);
     for (const auto& [key, value] : lines) std::printf("%s=%s\n", key.c_str(), value.c_str());
 }
 
