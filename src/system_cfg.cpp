@@ -437,11 +437,9 @@ bool SystemCfgManager::saveCounted() {
     int cycles = 0;
     bool notFound = false;
     const char* failure = nullptr;
-    if (!get(flashCyclesKey, &cycles, &notFound) || !set(flashCyclesKey,
-                                                         notFound           ? 1
-                                                         : cycles < INT_MAX ? cycles + 1
-                                                                            : cycles,
-                                                         nullptr)) {
+    const bool known = get(flashCyclesKey, &cycles, &notFound);
+    if (notFound) cycles = 0;
+    if (!known || !set(flashCyclesKey, std::min(cycles, INT_MAX - 1) + 1, nullptr)) {
         failure = "Failed to read flash write cycles";
     } else if (!write()) {
         failure = "Failed to write system.cfg from variant";

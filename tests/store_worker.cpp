@@ -1,4 +1,4 @@
-// One use of the configuration store, step by step, for fault_injection.sh: store_worker ROOT KEY VALUE
+// One use of the configuration store, step by step, for scripts/fault-injection: store_worker ROOT KEY VALUE
 
 #include <unistd.h>
 
