@@ -247,11 +247,15 @@ bool SystemCfgManager::init() {
         KORVO_LOG(LevelError, "Failed to acquire system.cfg mutex, res=%d", result);
         return false;
     }
+    // Also when memory runs out while reading.
+    const auto giveBack = [](InterProcessMutex* held) { (void)held->release(); };
+    std::unique_ptr<InterProcessMutex, decltype(giveBack)> lock(mutex.get(), giveBack);
     if (!read()) {
-        (void)mutex->release();
+        lock.reset();
         KORVO_LOG(LevelError, "Failed to read system.cfg into variant");
         return false;
     }
+    (void)lock.release();
     initializedBy = process;
     initialized = true;
     return true;

@@ -112,11 +112,11 @@ struct InterProcessMutex::Table {
     /** In a forked child, which has inherited neither the record locks nor the threads that wait. */
     void forgetLocks() {
         for (auto& name : names) {
-            Shared& shared = name.second;
-            shared.servedTicket = shared.nextTicket;
-            shared.holder = nullptr;
+            Shared& lock = name.second;
+            lock.servedTicket = lock.nextTicket;
+            lock.holder = nullptr;
             // Made anew without being destroyed, which would wait for threads that are not there.
-            ::new (&shared.turn) std::condition_variable;
+            ::new (&lock.turn) std::condition_variable;
         }
         mutex.unlock();
     }

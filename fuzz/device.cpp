@@ -1,0 +1,28 @@
+// Any board file, uptime, host name and firmware version (0xff bytes divide the input): CameraInfo::Init()
+// ends, and a record that it calls complete has all its members.
+
+#include "fuzz.h"
+#include "korvo/variant_utils/camerainfo.h"
+
+using namespace korvo::variant;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const fuzz::DeviceTree device;
+    fuzz::beSilent();
+    std::string rest(reinterpret_cast<const char*>(data), size);
+    for (const char* file : {"lib/version", "etc/board.info", "proc/uptime", "proc/sys/kernel/hostname"}) {
+        const std::size_t end = rest.find('\xff');
+        device.write(file, rest.substr(0, end));
+        rest.erase(0, end == std::string::npos ? end : end + 1);
+    }
+    CameraInfo info;
+    if (!info.Init()) return 0;
+    for (const char* key : {"feature_mic", "feature_wifi"}) FUZZ_CHECK(VariantType(info[key]) == TypeInt8);
+    for (const char* key : {"hostName", "fullVersion", "version", "deviceModel", "hwaddrColons"}) {
+        FUZZ_CHECK(VariantType(info[key]) == TypeString);
+    }
+    FUZZ_CHECK(VariantType(info["protocolVer"]) == TypeUInt32);
+    const std::string pairs = info["hwaddrColons"];
+    FUZZ_CHECK(pairs.size() <= 17);
+    return 0;
+}
