@@ -48,27 +48,27 @@ int openLockFile(const char* path) {
 /** What all objects of one name have in common. */
 struct InterProcessMutex::Shared {
     std::string path;
-    int users = 0;              ///< objects of this name
-    int descriptor = -1;        ///< changed only by the thread whose turn it is, or by the last user
-    unsigned nextTicket = 0;    ///< of the thread that comes next
-    unsigned servedTicket = 0;  ///< of the thread whose turn it is
+    int users = 0;  ///< objects of this name
+    int descriptor = -1;
+    unsigned nextTicket = 0;                    ///< of the thread that comes next
+    unsigned servedTicket = 0;                  ///< of the thread whose turn it is
     const InterProcessMutex* holder = nullptr;  ///< the object that holds the lock
     unsigned long long thread = 0;              ///< that acquired it for the holder
     std::condition_variable turn;
 
-    int lockFile() {
-        if (descriptor < 0) {
-            descriptor = openLockFile(path.c_str());
-            if (descriptor < 0) return errno;
-            struct stat status {};
-            const int error = ::fstat(descriptor, &status) != 0 ? errno : S_ISREG(status.st_mode) ? 0 : EPERM;
-            if (error != 0) {
-                closeFile();
-                return error;
-            }
-        }
-        return setLock(descriptor, F_SETLKW, F_WRLCK);
+    /** To be called with the table locked, since a fork copies open files and memory at two moments
+     * and would see the one without the other. */
+    int openFile() {
+        if (descriptor >= 0) return 0;
+        descriptor = openLockFile(path.c_str());
+        if (descriptor < 0) return errno;
+        struct stat status {};
+        const int error = ::fstat(descriptor, &status) != 0 ? errno : S_ISREG(status.st_mode) ? 0 : EPERM;
+        if (error != 0) closeFile();
+        return error;
     }
+
+    int lockFile() const { return setLock(descriptor, F_SETLKW, F_WRLCK); }
 
     int unlockFile() const { return setLock(descriptor, F_SETLK, F_UNLCK); }
 
@@ -155,9 +155,12 @@ int InterProcessMutex::acquire() {
     if (shared->holder != nullptr && shared->thread == thread) return EDEADLK;
     const unsigned ticket = shared->nextTicket++;
     shared->turn.wait(guard, [&] { return shared->servedTicket == ticket; });
-    guard.unlock();
-    const int error = shared->lockFile();
-    guard.lock();
+    int error = shared->openFile();
+    if (error == 0) {
+        guard.unlock();
+        error = shared->lockFile();
+        guard.lock();
+    }
     if (error != 0) {
         shared->endTurn();
         return error;
