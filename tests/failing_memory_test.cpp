@@ -130,7 +130,7 @@ TEST(FailingMemory, LeavesTheConfigurationWholeAndUnlocked) {
     directory.write("tmp/system.cfg", old);
     SystemCfgManager kept;
     const auto useStore = [&](bool save) {
-        return [&kept, save] {
+        return [save] {
             SystemCfgManager store;
             std::string value;
             Variant tree;

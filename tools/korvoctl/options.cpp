@@ -13,8 +13,8 @@ using korvo::variant::VariantType;
 
 enum class Takes { Text, Switch };
 
-const char* const isAction = nullptr;  ///< in place of what an option goes with: it says what to do
-const char* const always = "";         ///< it makes sense whatever is to be done
+constexpr const char* isAction = nullptr;  ///< in place of what an option goes with: it says what to do
+constexpr const char* always = "";         ///< it makes sense whatever is to be done
 
 struct Option {
     char shortName;

@@ -148,8 +148,8 @@ class KeyValueWriter {
           lineSeparator(afterLine),
           ownSeparators(betweenKeyAndValue != "=" || afterLine != "\n") {}
 
-    /** Writes what is below a container whose members' keys are the @p level th component. The limit bounds
-     * recursion. */
+    /** Writes what is below a container whose members' keys are component number @p level, which is bounded.
+     */
     bool writeMembers(const Variant& container, std::size_t level) {
         if (level > maxComponents)
             return container.begin() == container.end() && container.num_begin() == container.num_end();
@@ -162,8 +162,7 @@ class KeyValueWriter {
             if (!writeMember(key, member->second, level)) return false;
         }
         for (const auto& member : container) {
-            if (!isWritableKey(member.first) || !writeMember(member.first, member.second, level))
-                return false;
+            if (!writeMember(member.first, member.second, level)) return false;
         }
         return true;
     }
