@@ -314,8 +314,10 @@ std::optional<std::string> UriParser::textWithoutUserInfo() const {
 
 void UriParser::store(URI& uri) {
     std::string document(path.substr(documentAt));
-    std::string documentWithParameters = document;
-    if (!query.empty()) documentWithParameters.append("?").append(query);
+    std::string documentWithParameters;
+    documentWithParameters.reserve(document.size() + 1 + query.size());
+    documentWithParameters = document;
+    if (!query.empty()) documentWithParameters.append(1, '?').append(query);
     uri.schema(std::move(schema));
     uri.userName(std::string(userName));
     uri["password"] = std::string(password);

@@ -21,10 +21,15 @@ void split(const std::string& text, const std::string& separator, std::vector<st
 }
 
 void trim(std::string& text) {
-    static const char whiteSpace[] = " \t\n\v\f\r";
-    const std::size_t last = text.find_last_not_of(whiteSpace);
-    text.erase(last + 1);  // npos + 1 is 0: a text of nothing but white space becomes empty
-    text.erase(0, text.find_first_not_of(whiteSpace));
+    const auto isWhiteSpace = [](char character) {
+        return character == ' ' || (character >= '\t' && character <= '\r');
+    };
+    std::size_t end = text.size();
+    while (end > 0 && isWhiteSpace(text[end - 1])) --end;
+    text.resize(end);
+    std::size_t begin = 0;
+    while (begin < end && isWhiteSpace(text[begin])) ++begin;
+    text.erase(0, begin);
 }
 
 void replaceAll(std::string& text, const std::string& search, const std::string& replacement) {

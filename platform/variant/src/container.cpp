@@ -7,12 +7,6 @@
 
 namespace korvo::variant {
 
-NamedEntry::Key::Key(std::string_view name) : prefix(0), text(name) {
-    const std::size_t length = std::min(name.size(), sizeof prefix);
-    for (std::size_t at = 0; at < length; ++at) prefix = prefix << 8 | static_cast<unsigned char>(name[at]);
-    if (length < sizeof prefix && length > 0) prefix <<= 8 * (sizeof prefix - length);
-}
-
 MemberPool::~MemberPool() {
     while (chunks != nullptr) {
         Chunk* chunk = chunks;
@@ -28,17 +22,11 @@ void MemberPool::reserve(std::size_t size) {
     end = free + size;
 }
 
-void* MemberPool::allocate(std::size_t size) {
+/** Makes room for @p size bytes more, and doubles what there is as far as that is not too much. */
+void MemberPool::grow(std::size_t size) {
     constexpr std::size_t firstChunk = 4 * sizeof(NamedMember);
     constexpr std::size_t largestChunk = 4096;
-    size = (size + alignof(Chunk) - 1) / alignof(Chunk) * alignof(Chunk);
-    if (size > static_cast<std::size_t>(end - free)) {
-        reserve(std::max(size, std::clamp(usedBytes, firstChunk, largestChunk)));
-    }
-    void* memory = free;
-    free += size;
-    usedBytes += size;
-    return memory;
+    reserve(std::max(size, std::clamp(usedBytes, firstChunk, largestChunk)));
 }
 
 NamedMember* Container::newMember(std::string_view key) {

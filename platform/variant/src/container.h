@@ -1,7 +1,10 @@
 #pragma once
 
+#include <endian.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -31,7 +34,17 @@ struct NumMember {
  * comparisons. */
 struct NamedEntry {
     struct Key {
-        explicit Key(std::string_view name);
+        explicit Key(std::string_view name) : prefix(0), text(name) {
+            if (name.size() >= sizeof prefix) {
+                std::memcpy(&prefix, name.data(), sizeof prefix);
+                prefix = sizeof prefix == 8 ? be64toh(prefix) : be32toh(static_cast<std::uint32_t>(prefix));
+            } else if (!name.empty()) {
+                for (const char character : name)
+                    prefix = prefix << 8 | static_cast<unsigned char>(character);
+                prefix <<= 8 * (sizeof prefix - name.size());
+            }
+        }
+
         std::uintptr_t prefix;  ///< the first bytes, most significant first, zeros behind a short key
         std::string_view text;
     };
@@ -70,7 +83,14 @@ class MemberPool {
     ~MemberPool();
 
     /** Memory for @p size bytes, aligned for a member. */
-    void* allocate(std::size_t size);
+    void* allocate(std::size_t size) {
+        size = (size + alignof(Chunk) - 1) / alignof(Chunk) * alignof(Chunk);
+        if (size > static_cast<std::size_t>(end - free)) grow(size);
+        void* memory = free;
+        free += size;
+        usedBytes += size;
+        return memory;
+    }
 
     /** Asks for one chunk that @p size bytes fit into. */
     void reserve(std::size_t size);
@@ -82,6 +102,8 @@ class MemberPool {
     struct alignas(NumMember) Chunk {
         Chunk* next;
     };
+
+    void grow(std::size_t size);
 
     Chunk* chunks = nullptr;
     char* free = nullptr;

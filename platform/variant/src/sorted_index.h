@@ -36,9 +36,17 @@ class SortedIndex {
         const Block& entries = block(number);
         // Texts and declarations mostly come in order, so the end is tried before searching.
         if (entries.empty() || Entry::less(entries.back(), key)) return {number, entries.size()};
-        const auto less = [](const Entry& entry, const Key& wanted) { return Entry::less(entry, wanted); };
-        const auto found = std::lower_bound(entries.begin(), entries.end(), key, less);
-        return {number, static_cast<std::size_t>(found - entries.begin())};
+        const Entry* first = entries.data();
+        for (std::size_t count = entries.size() - 1; count > 0;) {
+            const std::size_t half = (count + 1) / 2;
+            if (Entry::less(first[half - 1], key)) {
+                first += half;
+                count -= half;
+            } else {
+                count = half - 1;
+            }
+        }
+        return {number, static_cast<std::size_t>(first - entries.data())};
     }
 
     /** The entry with @p key, which stands at @p position if anywhere; null when there is none. */
@@ -85,7 +93,7 @@ class SortedIndex {
     }
 
   private:
-    static constexpr std::size_t firstCapacity = 4;
+    static constexpr std::size_t firstCapacity = 8;
     static constexpr std::size_t blockCapacity = 128;
 
     Block& mutableBlock(std::size_t number) { return number == 0 ? head : tail[number - 1]; }

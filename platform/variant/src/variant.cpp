@@ -259,19 +259,23 @@ void Variant::IsArray(bool array) noexcept {
     type = array ? TypeArray : TypeMap;
 }
 
-/** The container of this map's or array's members, made when it has none yet. */
-Container& Variant::ownContainer() {
-    if (payload.container == nullptr) payload.container = new Container;
-    return *payload.container;
+/** Adds a member to a value that has none yet. */
+template <class Key>
+Variant& Variant::firstMember(Key key, VariantType typeWhenNone) {
+    // A text may be asked for the member named by that very text, so it lives on until the member is there.
+    Variant old;
+    if (!isContainer()) {
+        old.moveFrom(*this);
+        IsArray(typeWhenNone == TypeArray);
+    }
+    payload.container = new Container;
+    return payload.container->insert(key);
 }
 
 template <class Key>
 Variant& Variant::member(Key key, VariantType typeWhenNone) {
-    if (isContainer()) return ownContainer().insert(key);
-    // A text may be asked for the member named by that very text, so it lives on until the member is there.
-    const Variant old(std::move(*this));
-    IsArray(typeWhenNone == TypeArray);
-    return ownContainer().insert(key);
+    Container* owned = members();
+    return owned != nullptr ? owned->insert(key) : firstMember(key, typeWhenNone);
 }
 
 Variant& Variant::operator[](const char* key) {

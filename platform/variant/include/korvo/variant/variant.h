@@ -293,10 +293,11 @@ class KORVO_VARIANT_EXPORT Variant {
     void copyLeaf(const Variant& other);
     void setInteger(VariantType newType, std::uint64_t value) noexcept;
     void setText(std::string_view value);
-    Container& ownContainer();
     Container* members() const noexcept { return isContainer() ? payload.container : nullptr; }
     template <class Key>
     Variant& member(Key key, VariantType typeWhenNone);
+    template <class Key>
+    Variant& firstMember(Key key, VariantType typeWhenNone);
 
     VariantType type;
     Payload payload;
