@@ -278,6 +278,8 @@ Variant& Variant::member(Key key, VariantType typeWhenNone) {
     return owned != nullptr ? owned->insert(key) : firstMember(key, typeWhenNone);
 }
 
+template Variant& Variant::member(std::string_view key, VariantType typeWhenNone);
+
 Variant& Variant::operator[](const char* key) {
     return member(std::string_view(key != nullptr ? key : ""), TypeMap);
 }
