@@ -28,6 +28,11 @@ bool claimForWriting(int descriptor) {
     return status.st_size == 0 || ::ftruncate(descriptor, 0) == 0;
 }
 
+bool refuseAsTooLarge() {
+    errno = EFBIG;
+    return false;
+}
+
 }  // namespace
 
 File::~File() {
@@ -65,10 +70,14 @@ bool File::Initialize(const std::string& path, FILE_OPEN_MODE mode) {
 bool File::ReadStringAll(std::string& text) {
     struct stat status {};
     if (::fstat(descriptor, &status) != 0) return false;
+    // A 32-bit device has files larger than any text. Half of the largest can still be doubled.
+    const std::size_t limit = text.max_size() / 2;
+    if (status.st_size >= static_cast<off_t>(limit)) return refuseAsTooLarge();
     // One byte more than the file claims, so that the end is seen without growing the buffer.
     std::string content(status.st_size > 0 ? static_cast<std::size_t>(status.st_size) + 1 : 4096, '\0');
     std::size_t length = 0;
     for (;;) {
+        if (length > limit) return refuseAsTooLarge();
         if (length == content.size()) content.resize(content.size() * 2);
         const ssize_t got =
             uninterrupted([&] { return ::read(descriptor, &content[length], content.size() - length); });
