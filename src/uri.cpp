@@ -1,7 +1,6 @@
 #include "korvo/variant_utils/uri.h"
 
 #include <algorithm>
-#include <optional>
 #include <string_view>
 #include <tuple>
 #include <utility>
@@ -181,17 +180,15 @@ std::pair<std::string_view, std::string_view> splitAt(std::string_view text, cha
  */
 class UriParser {
   public:
-    /** @p trimmedText must outlive the parser. */
-    explicit UriParser(const std::string& trimmedText) : text(trimmedText) {}
+    explicit UriParser(std::string uriText) : untrimmed(std::move(uriText)), text(untrimmed) {
+        utils::trim(text);
+    }
 
     /** False, with the error logged, when the text is no URI. */
     bool parse();
 
-    /** Stores every member but the whole texts. To be called once: texts that were made are moved. */
+    /** Stores every member. To be called once: texts that were made are moved. */
     void store(URI& uri);
-
-    /** The text without its user-info, when it has one. */
-    std::optional<std::string> textWithoutUserInfo() const;
 
   private:
     void splitUserInfo();
@@ -199,14 +196,17 @@ class UriParser {
     bool splitHostAndPort(std::string_view hostAndPort);
     void splitPath();
     std::size_t documentBegin() const;
+    std::string fullUri() const;
+    std::string documentWithParameters() const;
     Variant parameters() const;
 
-    const std::string_view text;
+    std::string untrimmed;
+    std::string text;
     std::string schema;
     std::size_t schemaEnd = 0;      ///< behind the "://"
     std::size_t locationBegin = 0;  ///< behind the "@" too, when there is one
-    std::string_view userName;
-    std::string_view password;
+    std::string userName;
+    std::string password;
     std::string host;
     unsigned short port = 0;
     bool portSpecified = false;
@@ -219,8 +219,8 @@ class UriParser {
 bool UriParser::parse() {
     if (text.empty()) return KORVO_URI_ERROR("Empty uri");
     const std::size_t separator = text.find("://");
-    if (separator == std::string_view::npos) return KORVO_URI_ERROR("Unable to determine schema");
-    schema = utils::lowerCase(std::string(text.substr(0, separator)));
+    if (separator == std::string::npos) return KORVO_URI_ERROR("Unable to determine schema");
+    schema = utils::lowerCase(text.substr(0, separator));
     schemaEnd = separator + 3;
     port = defaultPort(schema);
     splitUserInfo();
@@ -236,13 +236,13 @@ bool UriParser::parse() {
 void UriParser::splitUserInfo() {
     locationBegin = schemaEnd;
     const std::size_t at = text.find('@', schemaEnd);
-    if (at == std::string_view::npos || text.find('/', schemaEnd) < at) return;
-    std::tie(userName, password) = splitAt(text.substr(schemaEnd, at - schemaEnd), ':');
+    if (at == std::string::npos || text.find('/', schemaEnd) < at) return;
+    std::tie(userName, password) = splitAt(std::string_view(text).substr(schemaEnd, at - schemaEnd), ':');
     locationBegin = at + 1;
 }
 
 bool UriParser::splitLocation() {
-    const std::string_view location = text.substr(locationBegin);
+    const std::string_view location = std::string_view(text).substr(locationBegin);
     if (schema == "file") {
         if (location.find_first_of("/?") != std::string_view::npos) pathAndQuery = location;
         return true;
@@ -306,31 +306,41 @@ Variant UriParser::parameters() const {
     return map;
 }
 
-std::optional<std::string> UriParser::textWithoutUserInfo() const {
-    if (locationBegin == schemaEnd) return std::nullopt;
-    std::string rest(text.substr(0, schemaEnd));
-    return rest.append(text, locationBegin);
+std::string UriParser::fullUri() const {
+    if (locationBegin == schemaEnd) return untrimmed;
+    std::string withoutUserInfo;
+    withoutUserInfo.reserve(text.size());
+    return withoutUserInfo.append(text, 0, schemaEnd).append(text, locationBegin);
+}
+
+std::string UriParser::documentWithParameters() const {
+    const std::string_view document = path.substr(documentAt);
+    std::string whole;
+    whole.reserve(document.size() + 1 + query.size());
+    whole = document;
+    if (!query.empty()) whole.append(1, '?').append(query);
+    return whole;
 }
 
 void UriParser::store(URI& uri) {
-    std::string document(path.substr(documentAt));
-    std::string documentWithParameters;
-    documentWithParameters.reserve(document.size() + 1 + query.size());
-    documentWithParameters = document;
-    if (!query.empty()) documentWithParameters.append(1, '?').append(query);
-    uri.schema(std::move(schema));
-    uri.userName(std::string(userName));
-    uri["password"] = std::string(password);
-    uri.host(std::move(host));
-    uri["port"] = port;
-    uri["portSpecified"] = portSpecified;
-    uri["parameters"] = parameters();
-    uri["fullParameters"] = std::move(query);
+    Variant parameterMap = parameters();
+    // In the order of the keys, in which a map grows fastest.
+    uri.document(std::string(path.substr(documentAt)));
     uri["documentPath"] = std::string(path.substr(0, documentAt));
+    uri.documentWithFullParameters(documentWithParameters());
     uri["fullDocumentPath"] = std::string(path);
     uri["fullDocumentPathWithParameters"] = std::move(pathAndQuery);
-    uri.document(std::move(document));
-    uri.documentWithFullParameters(std::move(documentWithParameters));
+    uri["fullParameters"] = std::move(query);
+    uri["fullUri"] = fullUri();
+    uri["fullUriWithAuth"] = std::move(untrimmed);
+    uri.host(std::move(host));
+    uri.originalUri(std::move(text));
+    uri["parameters"] = std::move(parameterMap);
+    uri["password"] = std::move(password);
+    uri["port"] = port;
+    uri["portSpecified"] = portSpecified;
+    uri.schema(std::move(schema));
+    uri.userName(std::move(userName));
 }
 
 }  // namespace
@@ -338,14 +348,8 @@ void UriParser::store(URI& uri) {
 
 bool parseURI(std::string text, korvo::variant::URI& uri) {
     uri.Reset();
-    std::string trimmed = text;
-    korvo::utils::trim(trimmed);
-    korvo::variant::UriParser parser(trimmed);
+    korvo::variant::UriParser parser(std::move(text));
     if (!parser.parse()) return false;
-    std::optional<std::string> withoutUserInfo = parser.textWithoutUserInfo();
     parser.store(uri);
-    uri["fullUri"] = withoutUserInfo ? std::move(*withoutUserInfo) : text;
-    uri["fullUriWithAuth"] = std::move(text);
-    uri.originalUri(std::move(trimmed));
     return true;
 }

@@ -203,7 +203,9 @@ class KeyValueWriter {
     }
 
     bool isWritableKey(std::string_view key) const {
-        if (key.find_first_of("=.\n") != std::string_view::npos) return false;
+        for (const char byte : key) {  // find_first_of would call a function for each byte
+            if (byte == '=' || byte == '.' || byte == '\n') return false;
+        }
         return !ownSeparators || (!contains(key, keySeparator) && !contains(key, lineSeparator));
     }
 
