@@ -2,190 +2,166 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
+#include <sys/time.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <list>
 #include <memory>
 #include <thread>
 
-#include "korvo/utils/device_root.h"
 #include "support/child_process.h"
-#include "support/temporary_directory.h"
+#include "support/device.h"
 
 namespace {
 
+namespace fs = std::filesystem;
 using test::ChildProcess;
 
 class InterProcessMutexTest : public testing::Test {
   protected:
-    InterProcessMutexTest() {
-        std::filesystem::create_directory(root.path() / "tmp");
-        korvo::utils::setDeviceRoot(root.path());
-    }
-
     /** The process that holds the lock, as the kernel tells another process; 0 when it is free. */
     pid_t holder() const {
-        ChildProcess asker([this](const ChildProcess& self) {
+        const ChildProcess asker([this](const ChildProcess& self) {
             struct flock request {};
             request.l_type = F_WRLCK;
-            const int file = ::open((root.path() / "tmp/name.lock").c_str(), O_RDWR);
-            if (::fcntl(file, F_GETLK, &request) != 0) return 1;
-            self.tell(request.l_type == F_UNLCK ? 0 : request.l_pid);
+            const int asked = ::fcntl(::open(lockFile.c_str(), O_RDWR), F_GETLK, &request);
+            self.tell(asked != 0 ? -1 : request.l_type == F_UNLCK ? 0 : request.l_pid);
             return 0;
         });
-        return static_cast<pid_t>(asker.hear());
+        return asker.hear();
     }
 
-    test::TemporaryDirectory root;
+    test::Device root;
+    const fs::path lockFile = root.path() / "tmp/name.lock";
+    InterProcessMutex mutex{"name", true};
 };
 
 TEST_F(InterProcessMutexTest, RefusesNamesThatAreNoFileName) {
     for (const char* name : {static_cast<const char*>(nullptr), "", "/", "../name", "a/b"}) {
-        InterProcessMutex mutex(name, true);
-        EXPECT_EQ(mutex.acquire(), EINVAL) << (name != nullptr ? name : "null");
-        EXPECT_EQ(mutex.release(), EINVAL);
+        InterProcessMutex refused(name, true);
+        EXPECT_TRUE(refused.acquire() == EINVAL && refused.release() == EINVAL) << (name ? name : "null");
     }
 }
 
 TEST_F(InterProcessMutexTest, ReportsWhatIsPlantedInPlaceOfTheLockFileAndLeavesItAlone) {
-    const std::filesystem::path path = root.path() / "tmp/name.lock";
-    const std::filesystem::path target = root.write("target", "content");
-    const struct {
-        std::function<void()> plant;
-        int error;
-    } cases[] = {
-        {[&] { std::filesystem::create_symlink(target, path); }, ELOOP},
-        {[&] { std::filesystem::create_symlink("missing", path); }, ELOOP},
-        {[&] { std::filesystem::create_directory(path); }, EISDIR},
-        {[&] { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); }, EPERM},
+    const fs::path target = root.write("target", "content");
+    const std::pair<std::function<void()>, int> cases[] = {
+        {[&] { fs::create_symlink(target, lockFile); }, ELOOP},
+        {[&] { fs::create_symlink("missing", lockFile); }, ELOOP},
+        {[&] { fs::create_directory(lockFile); }, EISDIR},
+        {[&] { ASSERT_EQ(::mkfifo(lockFile.c_str(), 0600), 0); }, EPERM},
     };
-    InterProcessMutex mutex("name", true);
-    for (const auto& row : cases) {
-        row.plant();
-        EXPECT_EQ(mutex.acquire(), row.error);
+    for (const auto& [plant, error] : cases) {
+        plant();
+        EXPECT_EQ(mutex.acquire(), error);
         EXPECT_EQ(mutex.release(), EPERM);
-        std::filesystem::remove(path);
+        fs::remove(lockFile);
     }
     EXPECT_EQ(root.read("target"), "content");
     EXPECT_EQ(mutex.acquire(), 0);
-    struct stat status {};
-    ASSERT_EQ(::stat(path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+    EXPECT_EQ(fs::status(lockFile).permissions(), fs::perms(0600));
 }
 
 TEST_F(InterProcessMutexTest, BelongsToOneObjectAndRefusesToHangItsThread) {
-    InterProcessMutex first("name", true);
     InterProcessMutex second("name", true);
-    InterProcessMutex other("other", true);
-    EXPECT_EQ(first.release(), EPERM);
-    ASSERT_EQ(first.acquire(), 0);
-    EXPECT_EQ(holder(), ::getpid());
-    EXPECT_EQ(first.acquire(), EDEADLK);
+    EXPECT_EQ(mutex.release(), EPERM);
+    ASSERT_EQ(mutex.acquire(), 0);
+    EXPECT_EQ(mutex.acquire(), EDEADLK);
     EXPECT_EQ(second.acquire(), EDEADLK);
     EXPECT_EQ(second.release(), EPERM);
-    EXPECT_EQ(other.acquire(), 0);
-    EXPECT_EQ(holder(), ::getpid()) << "a refused call gave the lock away";
-    std::thread([&] { EXPECT_EQ(first.release(), 0); }).join();
-    EXPECT_EQ(holder(), 0);
-    {
-        InterProcessMutex third("name", true);
-        ASSERT_EQ(third.acquire(), 0);
-    }
+    EXPECT_EQ(InterProcessMutex("other", true).acquire(), 0);
+    EXPECT_EQ(InterProcessMutex("name", true).release(), EPERM);
+    EXPECT_EQ(holder(), ::getpid()) << "a refused call or a destructor gave the lock away";
+    std::thread([&] { EXPECT_EQ(mutex.release(), 0); }).join();
+    EXPECT_EQ(InterProcessMutex("name", true).acquire(), 0);
     EXPECT_EQ(holder(), 0) << "destroying the holder did not give the lock back";
     EXPECT_EQ(second.acquire(), 0);
 }
 
 TEST_F(InterProcessMutexTest, ThreadThatEndedWithTheLockIsNotMistakenForALaterOne) {
-    InterProcessMutex kept("name", true);
-    std::thread([&] { ASSERT_EQ(kept.acquire(), 0); }).join();
-    int result = -1;
-    std::thread next([&] { result = InterProcessMutex("name", true).acquire(); });
+    std::thread([&] { ASSERT_EQ(mutex.acquire(), 0); }).join();
+    std::thread next([] { EXPECT_EQ(InterProcessMutex("name", true).acquire(), 0); });
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    ASSERT_EQ(kept.release(), 0);
+    ASSERT_EQ(mutex.release(), 0);
     next.join();
-    EXPECT_EQ(result, 0);
 }
 
 TEST_F(InterProcessMutexTest, ThreadsTakeTurnsAndAForkAtAnyMomentLeavesTheChildAUsableLock) {
-    int counter = 0;  // guarded by nothing but the lock
-    std::atomic<int> rounds{0};
     std::atomic<bool> stop{false};
-    std::list<std::thread> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([&] {
-            InterProcessMutex mutex("name", true);
-            for (; !stop; ++rounds) {
-                EXPECT_EQ(mutex.acquire(), 0);
-                ++counter;
-                EXPECT_EQ(mutex.release(), 0);
-            }
-        });
-    }
-    for (int i = 0; i < 50; ++i) {
+    int counter = 0;  // guarded by nothing but the lock
+    int increments[2] = {};
+    const auto count = [&](int& mine) {
+        InterProcessMutex turn("name", true);
+        for (; !stop; ++mine) {
+            EXPECT_EQ(turn.acquire(), 0);
+            ++counter;
+            EXPECT_EQ(turn.release(), 0);
+        }
+    };
+    std::thread first(count, std::ref(increments[0]));
+    std::thread second(count, std::ref(increments[1]));
+    for (int i = 0; i < 100; ++i) {
         ChildProcess child([](const ChildProcess&) {
             ::alarm(20);  // a child that hangs dies of it
-            InterProcessMutex mutex("name", true);
-            const int result = mutex.acquire();
-            return result != 0 ? result : mutex.release();
+            return InterProcessMutex("name", true).acquire();
         });
         EXPECT_EQ(child.exitStatus(), 0);
     }
     stop = true;
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(counter, rounds);
+    first.join();
+    second.join();
+    EXPECT_EQ(counter, increments[0] + increments[1]);
 }
 
-TEST_F(InterProcessMutexTest, KernelGivesTheLockOfAKilledProcessToTheOneThatWaits) {
-    ChildProcess child([](const ChildProcess& self) {
-        InterProcessMutex mutex("name", true);
+TEST_F(InterProcessMutexTest, WaitsThroughSignalsUntilTheKernelTakesTheLockOfAKilledProcess) {
+    ChildProcess child([&](const ChildProcess& self) {
         self.tell(mutex.acquire());
-        return ::pause();
+        ::usleep(200000);
+        return ::raise(SIGKILL);
     });
     ASSERT_EQ(child.hear(), 0);
     EXPECT_EQ(holder(), child.id());
-    std::thread killer([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        child.kill();
-    });
-    InterProcessMutex mutex("name", true);
+    static volatile sig_atomic_t alarms = 0;
+    struct sigaction action {};
+    action.sa_handler = [](int) { alarms = alarms + 1; };  // without SA_RESTART
+    ::sigaction(SIGALRM, &action, nullptr);
+    const itimerval every{{0, 10000}, {0, 10000}};
+    const itimerval never{};
+    ::setitimer(ITIMER_REAL, &every, nullptr);
     EXPECT_EQ(mutex.acquire(), 0);
-    killer.join();
-    EXPECT_EQ(child.exitStatus(), -SIGKILL);
+    ::setitimer(ITIMER_REAL, &never, nullptr);
+    EXPECT_EQ(holder(), ::getpid());
+    EXPECT_GT(alarms, 0) << "nothing interrupted the wait";
 }
 
-TEST_F(InterProcessMutexTest, ForkedChildDoesNotGiveBackItsParentsLock) {
-    auto mutex = std::make_unique<InterProcessMutex>("name", true);
-    ASSERT_EQ(mutex->acquire(), 0);
+TEST_F(InterProcessMutexTest, ForkedChildNeitherKeepsNorGivesBackItsParentsLock) {
+    auto inherited = std::make_unique<InterProcessMutex>("name", true);
+    ASSERT_EQ(inherited->acquire(), 0);
     ChildProcess child([&](const ChildProcess&) {
-        const int result = mutex->release();
-        mutex.reset();
-        return result;
+        if (inherited->release() != EPERM) return 1;
+        inherited.reset();
+        return 0;
     });
     EXPECT_EQ(child.exitStatus(), EPERM);
     EXPECT_EQ(holder(), ::getpid());
-}
+    inherited.reset();
 
-TEST_F(InterProcessMutexTest, NeitherAForkedChildNorAnExecutedProgramKeepsTheLock) {
+    // A process that lives on with what it had when the lock was held: a forked child, and a new program.
     for (const bool exec : {false, true}) {
         ChildProcess parent([&](const ChildProcess& self) {
-            InterProcessMutex mutex("name", true);
             if (mutex.acquire() != 0) return 1;
-            const bool survives = exec || ::fork() == 0;
-            if (!survives) ::_exit(0);
+            if ((::fork() == 0) == exec) return 0;
             self.tell(::getpid());
-            return exec ? ::execlp("sleep", "sleep", "60", nullptr) : ::pause();
+            if (exec) ::execlp("sleep", "sleep", "60", nullptr);
+            for (;;) ::pause();
         });
-        const auto survivor = static_cast<pid_t>(parent.hear());
+        const pid_t survivor = parent.hear();
         ASSERT_GT(survivor, 0);
-        InterProcessMutex next("name", true);
-        EXPECT_EQ(next.acquire(), 0);
+        EXPECT_EQ(InterProcessMutex("name", true).acquire(), 0) << (exec ? "exec" : "fork");
         EXPECT_EQ(::kill(survivor, SIGKILL), 0) << "the survivor was to live on";
     }
 }

@@ -40,4 +40,12 @@ inline std::vector<std::pair<std::string, std::string>> readCases(const std::str
     return cases;
 }
 
+/** The fields of an input or an expectation, which "|" separates. */
+inline std::vector<std::string> fields(const std::string& text) {
+    std::vector<std::string> result;
+    for (std::size_t begin = 0; begin <= text.size(); begin += result.back().size() + 1)
+        result.push_back(text.substr(begin, text.find('|', begin) - begin));
+    return result;
+}
+
 }  // namespace test
