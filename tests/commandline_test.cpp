@@ -2,12 +2,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <limits>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "support/cases.h"
@@ -16,7 +13,6 @@
 #include "support/variant_printer.h"
 
 using namespace korvo::variant;
-using testing::ElementsAre;
 
 namespace {
 
@@ -70,22 +66,37 @@ TEST(CommandLine, HelpListsDeclarationsInOrderWithDefaultsByType) {
     EXPECT_EQ(VariantType(none["all"]), TypeArray);
 }
 
-TEST(CommandLine, ParsesAWholeCommandLine) {
+TEST(CommandLine, ParsesAWholeCommandLineAndKeepsWhatTheResultHeld) {
     test::LogCapture log;
     Variant options = cameraOptions();
     Variant before = options;
     before["byShortName"].IsArray(false);
-    Variant result = parse(options, {"--port=8080", "-v", "extra"});
+    Variant result;
+    result["mine"] = 1;
+    result["unknownParameters"][-1] = "earlier";
+    const char* arguments[] = {"/proc/self/exe", "--port=8080", "-v", "%s%n"};
+    ParseCommandLine(4, arguments, options, result);
     EXPECT_EQ(options, before) << "but for the kind of byShortName";
+    EXPECT_EQ(result["mine"], Variant(1));
     EXPECT_EQ(result["parameters"]["port"], Variant(8080ULL));
     EXPECT_EQ(result["parameters"]["verbose"], Variant(false));
-    EXPECT_EQ(result["unknownParameters"][0], Variant("extra"));
-    EXPECT_EQ(result["commandLine"]["executed"], Variant("./cam"));
+    EXPECT_EQ(result["unknownParameters"][1], Variant("%s%n"));
+    EXPECT_EQ(result["commandLine"]["executed"], Variant("/proc/self/exe"));
+    EXPECT_EQ(result["commandLine"]["fullPath"],
+              Variant(std::filesystem::read_symlink("/proc/self/exe").string()));
     const auto lines = log.take();
     ASSERT_EQ(lines.size(), 1U);
-    EXPECT_EQ(lines[0].message, "unknown parameter detected: `extra`");
+    EXPECT_EQ(lines[0].message, "unknown parameter detected: `%s%n`");
     EXPECT_EQ(lines[0].level, 4);
     EXPECT_EQ(lines[0].sourceFile + ' ' + lines[0].function, "src/commandline ParseCommandLine");
+
+    Variant none, empty;
+    ParseCommandLine(0, nullptr, none, empty);
+    EXPECT_EQ(VariantType(empty["commandLine"]["fullPath"]), TypeNull);
+    const char* nowhere[] = {"no/such/program"};
+    ParseCommandLine(1, nowhere, none, empty);
+    EXPECT_EQ(empty["commandLine"]["executed"], Variant("no/such/program"));
+    EXPECT_EQ(VariantType(empty["commandLine"]["fullPath"]), TypeNull);
 }
 
 TEST(CommandLine, FindsOptionsByShortAndLongName) {
@@ -114,14 +125,10 @@ TEST(CommandLine, FindsOptionsByShortAndLongName) {
                                               "8080",
                                               "%s%n"};
     Variant result = parse(options, unknown);
-    std::vector<std::string> listed;
-    for (auto it = result["unknownParameters"].num_begin(); it != result["unknownParameters"].num_end();
-         ++it) {
-        listed.push_back(it->second);
-    }
-    EXPECT_EQ(listed, std::vector<std::string>(unknown.begin(), unknown.end()));
+    for (std::size_t i = 0; i < unknown.size(); ++i)
+        EXPECT_EQ(result["unknownParameters"][static_cast<int>(i)], Variant(unknown[i]));
     EXPECT_EQ(result.GetKeyChain(TypeAny, "parameters", false), nullptr);
-    EXPECT_EQ(log.takeMessages().back(), "unknown parameter detected: `%s%n`");
+    EXPECT_EQ(log.take().size(), unknown.size());
 
     AddParameter(options, 'e', "", "Empty long name", 1);
     EXPECT_EQ(parse(options, {"--"})["parameters"][""], Variant(1));
@@ -135,28 +142,6 @@ TEST(CommandLine, ConvertsValuesByHowTheyAreWrittenInEveryLocale) {
             EXPECT_EQ(test::shown(value), expected) << text;
         }
     });
-}
-
-TEST(CommandLine, KeepsWhatTheResultHeldAndSurvivesAnEmptyVector) {
-    test::LogCapture log;
-    Variant options = cameraOptions();
-    Variant result;
-    result["mine"] = 1;
-    result["unknownParameters"][-1] = "earlier";
-    const char* arguments[] = {"/proc/self/exe", "later"};
-    ParseCommandLine(2, arguments, options, result);
-    EXPECT_EQ(result["mine"], Variant(1));
-    EXPECT_EQ(result["unknownParameters"][1], Variant("later"));
-    EXPECT_EQ(result["commandLine"]["fullPath"],
-              Variant(std::filesystem::read_symlink("/proc/self/exe").string()));
-
-    Variant none, empty;
-    ParseCommandLine(0, nullptr, none, empty);
-    EXPECT_EQ(VariantType(empty["commandLine"]["fullPath"]), TypeNull);
-    const char* nowhere[] = {"no/such/program"};
-    ParseCommandLine(1, nowhere, none, empty);
-    EXPECT_EQ(empty["commandLine"]["executed"], Variant("no/such/program"));
-    EXPECT_EQ(VariantType(empty["commandLine"]["fullPath"]), TypeNull);
 }
 
 }  // namespace

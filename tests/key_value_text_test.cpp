@@ -2,7 +2,6 @@
 
 #include <limits>
 #include <string>
-#include <utility>
 
 #include "korvo/variant/variant.h"
 #include "support/cases.h"
@@ -34,21 +33,18 @@ TEST(KeyValueText, ReadsLinesAndWritesThemInKeyOrder) {
 }
 
 TEST(KeyValueText, RefusesWhatItCouldNotGiveBackAndKeepsTheValue) {
+    std::string sixtyFour = "k";
+    for (int i = 1; i < 64; ++i) sixtyFour += ".k";
     const std::string manyDots(300000, '.');
-    std::string sixtyFive = "k";
-    for (int i = 0; i < 64; ++i) sixtyFive += ".k";
     for (const std::string& text :
          {"a\n"s, "a=1\nnonsense\n"s, "a=1\na.b=2\n"s, "a.b=2\na=1\n"s, "a.b=1\na.b.c=2\n"s, "a=1\r\r\n"s,
-          "a=1\r"s, manyDots, manyDots + "=1", sixtyFive + "=1"}) {
-        SCOPED_TRACE(text.substr(0, 40));
+          "a=1\r"s, manyDots, manyDots + "=1", "k." + sixtyFour + "=1"}) {
         Variant tree(7);
-        EXPECT_FALSE(tree.FromKVP(text, true, true, true));
+        EXPECT_FALSE(tree.FromKVP(text, true, true, true)) << text.substr(0, 40);
         EXPECT_EQ(tree, Variant(7));
     }
-    Variant deep;
-    EXPECT_TRUE(deep.FromKVP(sixtyFive.substr(2) + "=1", true, true, true));
     Variant deeper;
-    deeper["k"] = deep;
+    EXPECT_TRUE(deeper["k"].FromKVP(sixtyFour + "=1", true, true, true));
     EXPECT_EQ(exported(deeper), "refused");
 }
 
@@ -114,26 +110,21 @@ TEST(KeyValueText, ReadsFilesAndReportsThoseItCannotRead) {
     const test::TemporaryDirectory directory;
     Variant tree;
     EXPECT_TRUE(tree.FromKVPFile(directory.write("good", "a.b=1\n"), true, false, true));
-    EXPECT_EQ(tree["a"]["b"], Variant(1));
-    const Variant before = tree;
     EXPECT_FALSE(tree.FromKVPFile(directory.write("bad", "nonsense"), true, true, true));
     EXPECT_FALSE(tree.FromKVPFile(directory.path() / "missing", true, true, true));
-    EXPECT_FALSE(tree.FromKVPFile(directory.path(), true, true, true));
-    EXPECT_EQ(tree, before);
+    EXPECT_EQ(exported(tree), "a.b=1\n");
 }
 
 TEST(KeyValueText, TenThousandKeysInAnyOrderRoundTrip) {
-    Variant tree;
     std::string text;
-    for (unsigned i = 0; i < 10000; ++i) {
-        text += "group" + std::to_string(i * 7919 % 97) + ".key" + std::to_string(i * 104729 % 10007) + '=' +
-                std::to_string(i) + '\n';
-    }
+    for (unsigned i = 0; i < 10000; ++i)
+        text +=
+            "group" + std::to_string(i * 7919 % 97) + ".key" + std::to_string(i * 104729 % 10007) + "=1\n";
+    Variant tree, again;
     ASSERT_TRUE(tree.FromKVP(text, true, false, true));
-    Variant again;
+    EXPECT_EQ(exported(tree).size(), text.size());
     ASSERT_TRUE(again.FromKVP(exported(tree), true, false, true));
     EXPECT_EQ(again, tree);
-    EXPECT_EQ(exported(again), exported(tree));
 }
 
 }  // namespace

@@ -306,7 +306,8 @@ TEST_F(SystemCfgTest, NewFileKeepsTheAccessOfTheOld) {
     for (const mode_t mode : {0600U, 0644U, 0660U, 0400U}) {
         ::chmod(path.c_str(), mode);
         ASSERT_EQ(::chown(path.c_str(), privileged ? 12 : ::geteuid(), privileged ? 34 : ::getegid()), 0);
-        struct stat before {}, after {};
+        struct stat before {
+        }, after{};
         ASSERT_EQ(::stat(path.c_str(), &before), 0);
         SystemCfgManager store;
         ASSERT_TRUE(store.init() && store.set("a", "2", nullptr));
