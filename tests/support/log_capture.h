@@ -21,16 +21,13 @@ struct LogLine {
 /** One at a time; may be logged to from several threads. */
 class LogCapture {
   public:
-    LogCapture() {
-        lines().clear();
-        previous = korvo::logger::setSink(collect);
-    }
+    LogCapture() : previous(korvo::logger::setSink(collect)) { lines.clear(); }
     ~LogCapture() { korvo::logger::setSink(previous); }
 
     /** What was logged since the last call. */
     std::vector<LogLine> take() {
-        const std::lock_guard<std::mutex> guard(lock());
-        return std::exchange(lines(), {});
+        const std::lock_guard<std::mutex> guard(mutex);
+        return std::exchange(lines, {});
     }
 
     /** The messages alone. */
@@ -41,20 +38,13 @@ class LogCapture {
     }
 
   private:
-    static void collect(const korvo::logger::Record& record) {
-        const std::lock_guard<std::mutex> guard(lock());
-        lines().push_back(
-            {record.sourceFile, record.function, record.level, record.errorCode, record.message});
-    }
-    static std::mutex& lock() {
-        static std::mutex mutex;
-        return mutex;
-    }
-    static std::vector<LogLine>& lines() {
-        static std::vector<LogLine> collected;
-        return collected;
+    static void collect(const korvo::logger::Record& line) {
+        const std::lock_guard<std::mutex> guard(mutex);
+        lines.push_back({line.sourceFile, line.function, line.level, line.errorCode, line.message});
     }
 
+    static inline std::mutex mutex;
+    static inline std::vector<LogLine> lines;
     korvo::logger::Sink previous;
 };
 
