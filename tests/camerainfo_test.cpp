@@ -80,8 +80,7 @@ TEST(CameraInfo, GathersWhatEachSampleDeviceHasInEveryLocale) {
             const auto lines = log.take();
             ASSERT_EQ(lines.size(), outcome[1].empty() ? 0U : 1U);
             if (lines.empty()) continue;
-            EXPECT_EQ(lines[0].message, outcome[1]);
-            EXPECT_EQ(lines[0].function, "Init");
+            EXPECT_EQ(lines[0].function + ": " + lines[0].message, "Init: " + outcome[1]);
             EXPECT_EQ(lines[0].errorCode, outcome[0] == "deviceModel" ? EDOM : 0);
         }
     });

@@ -10,7 +10,6 @@
 #include "support/variant_printer.h"
 
 using namespace korvo::variant;
-using namespace std::string_literals;
 
 namespace {
 
@@ -36,11 +35,12 @@ TEST(KeyValueText, RefusesWhatItCouldNotGiveBackAndKeepsTheValue) {
     std::string sixtyFour = "k";
     for (int i = 1; i < 64; ++i) sixtyFour += ".k";
     const std::string manyDots(300000, '.');
-    for (const std::string& text :
-         {"a\n"s, "a=1\nnonsense\n"s, "a=1\na.b=2\n"s, "a.b=2\na=1\n"s, "a.b=1\na.b.c=2\n"s, "a=1\r\r\n"s,
-          "a=1\r"s, manyDots, manyDots + "=1", "k." + sixtyFour + "=1"}) {
+    auto cases = test::readCases("key_value_refused.txt");
+    for (const std::string& text : {manyDots, manyDots + "=1", "k." + sixtyFour + "=1"})
+        cases.emplace_back(text, "too deep");
+    for (const auto& [text, why] : cases) {
         Variant tree(7);
-        EXPECT_FALSE(tree.FromKVP(text, true, true, true)) << text.substr(0, 40);
+        EXPECT_FALSE(tree.FromKVP(text, true, true, true)) << why;
         EXPECT_EQ(tree, Variant(7));
     }
     Variant deeper;
@@ -73,37 +73,31 @@ TEST(KeyValueText, WritesEveryTypeAndLeavesOutWhatHasNoText) {
         tree["none"].IsArray(true);
         tree["u64"] = ~0ULL;
         EXPECT_EQ(exported(tree),
-                  "bool.0=1\nbool.9=nine\nbool.10=0\ndouble=1.0\nhalf=0.5\ninf=inf\nint8=-8\nu64="
-                  "18446744073709551615\n");
+                  "bool.0=1\nbool.9=nine\nbool.10=0\ndouble=1.0\nhalf=0.5\ninf=inf\nint8=-8\n"
+                  "u64=18446744073709551615\n");
         EXPECT_EQ(exported(Variant()), "");
     });
 }
 
 TEST(KeyValueText, DoesNotWriteWhatWouldReadBackAsAnotherTree) {
-    const auto withKey = [](const std::string& key) {
+    const auto with = [](const std::string& key, const std::string& value) {
         Variant tree;
-        tree["ok"] = 1;
-        tree[key] = 1;
-        return tree;
-    };
-    const auto withValue = [](const std::string& value) {
-        Variant tree;
-        tree["ok"]["k"] = value;
+        tree["ok"] = "1";
+        tree[key] = value;
         return tree;
     };
     Variant twice;
     twice["x"][1] = "index";
     twice["x"]["1"] = "text";
-    for (const Variant& tree : {withKey("a=b"), withKey("a\nb"), withKey("a.b"), withKey("#a"),
-                                withValue("a\nb"), withValue("a\r"), twice, Variant(5), Variant("text")}) {
+    for (const Variant& tree : {with("a=b", ""), with("a\nb", ""), with("a.b", ""), with("#a", ""),
+                                with("k", "a\nb"), with("k", "a\r"), twice, Variant(5), Variant("text")}) {
         EXPECT_EQ(exported(tree), "refused");
     }
     std::string text = "untouched";
-    EXPECT_FALSE(withValue("a;b").ToKVP(text, ": ", ";"));
-    EXPECT_FALSE(withKey("a: b").ToKVP(text, ": ", ";"));
+    EXPECT_FALSE(with("k", "a;b").ToKVP(text, ": ", ";") || with("a: b", "").ToKVP(text, ": ", ";"));
     EXPECT_EQ(text, "untouched");
-    EXPECT_TRUE(withValue("a: b").ToKVP(text, ": ", ";"));
-    EXPECT_EQ(text, "ok.k: a: b;");
+    EXPECT_TRUE(with("k", "a: b").ToKVP(text, ": ", ";"));
+    EXPECT_EQ(text, "k: a: b;ok: 1;");
 }
 
 TEST(KeyValueText, ReadsFilesAndReportsThoseItCannotRead) {
