@@ -70,7 +70,8 @@ TEST_F(SystemCfgTest, LoadsAndWritesBackNothingButWhatTheRulesSay) {
 
 TEST_F(SystemCfgTest, ReadsIntegersAndCountsFlashWritesUpToTheLargest) {
     const std::string key = "system.flash.cycles";
-    const auto check = [&](const std::string& text, bool strings, std::string integer, std::string counted) {
+    const auto check = [&](const std::string& text, bool strings, const std::string& integer,
+                           const std::string& counted) {
         SCOPED_TRACE(text + (strings ? " as strings" : " as numbers"));
         configuration(key + '=' + text);
         SystemCfgManager store(&tree, false, strings, true);

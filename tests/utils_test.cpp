@@ -75,7 +75,7 @@ TEST(File, FailuresLeaveTheTextAndPlantedFilesAlone) {
     const test::TemporaryDirectory directory;
     const std::filesystem::path victim = directory.write("victim", "precious");
     const auto at = [&](const char* name) { return (directory.path() / name).string(); };
-    std::filesystem::create_symlink(victim, at("symlink"));
+    std::filesystem::create_symlink(directory.write("target", "only a link tells"), at("symlink"));
     std::filesystem::create_hard_link(victim, at("hardlink"));
     std::filesystem::create_directory(at("folder"));
     ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
@@ -89,7 +89,7 @@ TEST(File, FailuresLeaveTheTextAndPlantedFilesAlone) {
     ::close(reader);
     EXPECT_FALSE(File::ReadStringAll(at("missing"), text) || File::ReadStringAll(at("folder"), text));
     EXPECT_FALSE(file.ReadStringAll(text) || file.WriteString("x")) << "nothing is open";
-    EXPECT_EQ(directory.read("victim") + text, "preciouskept");
+    EXPECT_EQ(directory.read("victim") + directory.read("target") + text, "preciousonly a link tellskept");
 }
 
 TEST(DeviceRoot, StandsInFrontOfDevicePaths) {

@@ -33,7 +33,7 @@ inline std::vector<std::pair<std::string, std::string>> readCases(const std::str
     for (std::string line; std::getline(file, line);) {
         const std::size_t arrow = line.find(" => ");
         if (line.empty() || line[0] == '#') continue;
-        if (arrow == std::string::npos) throw std::runtime_error(line);
+        if (arrow == std::string::npos) throw std::runtime_error("no case: " + line);
         cases.emplace_back(unescaped(line.substr(0, arrow)), unescaped(line.substr(arrow + 4)));
     }
     if (cases.empty()) throw std::runtime_error("no cases in " + name);
