@@ -50,12 +50,14 @@ std::vector<Leaf> leaves(int count) {
     return result;
 }
 
-struct Korvo {
-    using Node = korvo::variant::Variant;
+/** A library whose values are assigned to, and whose operator[] finds or makes a member. */
+template <class Value>
+struct Indexed {
+    using Node = Value;
     Node& root() { return tree; }
     Node& child(Node& node, const std::string& key) { return node[key]; }
-    template <class Value>
-    void set(Node& node, const Value& value) {
+    template <class Held>
+    void set(Node& node, const Held& value) {
         node = value;
     }
     static bool equals(const Node& node, const Scalar& value) {
@@ -63,38 +65,6 @@ struct Korvo {
     }
     Node tree;
 };
-
-#ifdef KORVO_BENCH_NLOHMANN
-struct Nlohmann {
-    using Node = nlohmann::json;
-    Node& root() { return tree; }
-    Node& child(Node& node, const std::string& key) { return node[key]; }
-    template <class Value>
-    void set(Node& node, const Value& value) {
-        node = value;
-    }
-    static bool equals(const Node& node, const Scalar& value) {
-        return std::visit([&](const auto& scalar) { return node == Node(scalar); }, value);
-    }
-    Node tree;
-};
-#endif
-
-#ifdef KORVO_BENCH_JSONCPP
-struct Jsoncpp {
-    using Node = Json::Value;
-    Node& root() { return tree; }
-    Node& child(Node& node, const std::string& key) { return node[key]; }
-    template <class Value>
-    void set(Node& node, const Value& value) {
-        node = value;
-    }
-    static bool equals(const Node& node, const Scalar& value) {
-        return std::visit([&](const auto& scalar) { return node == Node(scalar); }, value);
-    }
-    Node tree;
-};
-#endif
 
 #ifdef KORVO_BENCH_RAPIDJSON
 struct Rapidjson {
@@ -132,21 +102,11 @@ struct Rapidjson {
 #endif
 
 #ifdef KORVO_BENCH_BOOST_JSON
-struct BoostJson {
-    using Node = boost::json::value;
-    Node& root() { return tree; }
+struct BoostJson : Indexed<boost::json::value> {
     Node& child(Node& node, const std::string& key) {
         if (!node.is_object()) node.emplace_object();
         return node.get_object()[key];
     }
-    template <class Value>
-    void set(Node& node, const Value& value) {
-        node = value;
-    }
-    static bool equals(const Node& node, const Scalar& value) {
-        return std::visit([&](const auto& scalar) { return node == Node(scalar); }, value);
-    }
-    Node tree;
 };
 #endif
 
@@ -199,12 +159,12 @@ void addLibrary(const std::string& who) {
 }  // namespace
 
 void addValueRows() {
-    addLibrary<Korvo>(ours);
+    addLibrary<Indexed<korvo::variant::Variant>>(ours);
 #ifdef KORVO_BENCH_NLOHMANN
-    addLibrary<Nlohmann>("nlohmann::json");
+    addLibrary<Indexed<nlohmann::json>>("nlohmann::json");
 #endif
 #ifdef KORVO_BENCH_JSONCPP
-    addLibrary<Jsoncpp>("jsoncpp");
+    addLibrary<Indexed<Json::Value>>("jsoncpp");
 #endif
 #ifdef KORVO_BENCH_RAPIDJSON
     addLibrary<Rapidjson>("RapidJSON");
