@@ -34,13 +34,12 @@ def growth(value, smaller):
 
 
 def time_lines(rows):
-    for (work, size), cells in sorted(rows.items(), key=lambda row: row[0]):
-        mine = cells.pop(OURS)
-        smaller = rows.get((work, size // 10), {}).get("kept") if size else None
-        cells_text = ", ".join(
-            f"{who} {duration(time)} **{mine / time:.2f}**" for who, time in sorted(cells.items(), key=lambda c: c[1]))
-        cells["kept"] = mine
-        yield [f"{work}, {size}" if size else work, duration(mine), growth(mine, smaller), cells_text]
+    for (work, size), cells in sorted(rows.items()):
+        mine = cells[OURS]
+        smaller = rows.get((work, size // 10), {}).get(OURS) if size else None
+        peers = sorted((time, who) for who, time in cells.items() if who != OURS)
+        yield [f"{work}, {size}" if size else work, duration(mine), growth(mine, smaller),
+               ", ".join(f"{who} {duration(time)} **{mine / time:.2f}**" for time, who in peers)]
 
 
 def instructions(folder):
