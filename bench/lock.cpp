@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <csignal>
 #include <memory>
 
 #include "bench.h"
@@ -65,9 +64,10 @@ struct BoostNamedMutex {
 /** What the two processes that pass the lock share. */
 struct Turn {
     std::atomic<int> whose{0};
+    std::atomic<bool> over{false};
 };
 
-/** Takes the lock until it is this side's turn, then leaves it to the other side. */
+/** Takes the lock until it is this side's turn, then leaves it to the other side; or until all is over. */
 template <class Lock>
 void takeTurn(Lock& lock, Turn& turn, int side) {
     for (;;) {
@@ -75,7 +75,7 @@ void takeTurn(Lock& lock, Turn& turn, int side) {
         const bool mine = turn.whose == side;
         if (mine) turn.whose = 1 - side;
         lock.unlock();
-        if (mine) return;
+        if (mine || turn.over) return;
         ::sched_yield();
     }
 }
@@ -92,20 +92,17 @@ void runPassing(benchmark::State& state) {
     require(child >= 0, "fork failed");
     if (child == 0) {
         Lock lock;
-        for (;;) {
-            takeTurn(lock, turn, 1);
-            if (::getppid() == 1) ::_exit(0);
-        }
+        while (!turn.over && ::getppid() != 1) takeTurn(lock, turn, 1);
+        ::_exit(0);
     }
     {
         Lock lock;
         takeTurn(lock, turn, 0);
         for (auto iteration : state) takeTurn(lock, turn, 0);
-        lock.lock();  // so that the other side does not die with it held
-        ::kill(child, SIGKILL);
-        ::waitpid(child, nullptr, 0);
-        lock.unlock();
     }
+    // Not killed, since one that dies in the middle of waiting slows some locks down for good.
+    turn.over = true;
+    ::waitpid(child, nullptr, 0);
     ::munmap(memory, sizeof(Turn));
 }
 
@@ -154,7 +151,9 @@ void addLockRows() {
     addLock<Fcntl>("fcntl");
     addLock<Flock>("flock");
 #ifdef KORVO_BENCH_BOOST
-    boost::interprocess::named_mutex::remove("korvo_bench");
+    const auto removeName = [] { (void)boost::interprocess::named_mutex::remove("korvo_bench"); };
+    removeName();
+    std::atexit(removeName);
     addLock<BoostNamedMutex>("Boost named_mutex");
 #endif
 }
