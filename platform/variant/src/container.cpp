@@ -57,13 +57,12 @@ Variant& Container::insert(long long index) {
 }
 
 Variant* Container::find(std::string_view key) const {
-    const NamedEntry::Key wanted(key);
-    const NamedEntry* entry = named.at(named.lowerBound(wanted), wanted);
+    const NamedEntry* entry = named.find(NamedEntry::Key(key));
     return entry != nullptr ? &entry->member->value : nullptr;
 }
 
 Variant* Container::find(long long index) const {
-    const NumEntry* entry = numbered.at(numbered.lowerBound(index), index);
+    const NumEntry* entry = numbered.find(index);
     return entry != nullptr ? &entry->member->value : nullptr;
 }
 

@@ -30,23 +30,13 @@ class SortedIndex {
     std::size_t blockCount() const { return head.empty() ? 0 : 1 + tail.size(); }
     const Block& block(std::size_t number) const { return number == 0 ? head : tail[number - 1]; }
 
-    /** Finds the first entry that is not less than @p key; the end of the last block when all are less. */
+    /** Where the entry with @p key stands or would stand; the end of the last block when all are less. */
     Position lowerBound(const Key& key) const {
         const std::size_t number = tail.empty() ? 0 : findBlock(key);
         const Block& entries = block(number);
         // Texts and declarations mostly come in order, so the end is tried before searching.
-        if (entries.empty() || Entry::less(entries.back(), key)) return {number, entries.size()};
-        const Entry* first = entries.data();
-        for (std::size_t count = entries.size() - 1; count > 0;) {
-            const std::size_t half = (count + 1) / 2;
-            if (Entry::less(first[half - 1], key)) {
-                first += half;
-                count -= half;
-            } else {
-                count = half - 1;
-            }
-        }
-        return {number, static_cast<std::size_t>(first - entries.data())};
+        const bool atEnd = entries.empty() || Entry::less(entries.back(), key);
+        return {number, atEnd ? entries.size() : search(entries, key)};
     }
 
     /** The entry with @p key, which stands at @p position if anywhere; null when there is none. */
@@ -55,6 +45,12 @@ class SortedIndex {
         if (position.offset == entries.size()) return nullptr;
         const Entry& entry = entries[position.offset];
         return Entry::equals(entry, key) ? &entry : nullptr;
+    }
+
+    /** The entry with @p key; null when there is none. */
+    const Entry* find(const Key& key) const {
+        const std::size_t number = tail.empty() ? 0 : findBlock(key);
+        return at({number, search(block(number), key)}, key);
     }
 
     /** Adds an entry at the position that lowerBound() gave for it. When memory fails, nothing has changed.
@@ -97,6 +93,13 @@ class SortedIndex {
     static constexpr std::size_t blockCapacity = 128;
 
     Block& mutableBlock(std::size_t number) { return number == 0 ? head : tail[number - 1]; }
+
+    /** The offset of the first entry that is not less than @p key. */
+    static std::size_t search(const Block& entries, const Key& key) {
+        const auto less = [](const Entry& entry, const Key& wanted) { return Entry::less(entry, wanted); };
+        const auto found = std::lower_bound(entries.begin(), entries.end(), key, less);
+        return static_cast<std::size_t>(found - entries.begin());
+    }
 
     /** The last block whose first entry is not greater than @p key, or the first block. */
     std::size_t findBlock(const Key& key) const {
