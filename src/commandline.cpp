@@ -68,33 +68,38 @@ Variant convertValue(const std::string& text) {
     return text.find('.') != std::string::npos ? convertFraction(text) : convertInteger(text);
 }
 
-/** The declaration that an argument's name, with its dashes, stands for; null when there is none. */
-const Variant* findDeclaration(const Variant& definitions, const std::string& name) {
+/** What parsing needs of a declaration; the pointers are null when there is none. */
+struct Declaration {
+    const Variant* longName = nullptr;
+    const Variant* defaultValue = nullptr;
+};
+
+/** The declaration that an argument's name, with its dashes, stands for. */
+Declaration findDeclaration(const Variant& definitions, const std::string& name) {
     std::string path;
     if (name.compare(0, 2, "--") == 0) {
         path = "byLongName/" + name.substr(2);
     } else if (name.size() == 2 && name[0] == '-') {
         path = utils::format("byShortName/[%u]", shortNameIndex(name[1]));
     } else {
-        return nullptr;
+        return {};
     }
     // A long name with "/" in it leads into the declarations; only a whole declaration counts.
     const Variant* found = definitions.GetKeyChain(TypeMap, path.c_str(), false);
-    const bool isDeclaration = found != nullptr &&
-                               found->GetKeyChain(TypeString, "longName", false) != nullptr &&
-                               found->GetKeyChain(TypeAny, "defaultValue", false) != nullptr;
-    return isDeclaration ? found : nullptr;
+    if (found == nullptr) return {};
+    return {found->GetKeyChain(TypeString, "longName", false),
+            found->GetKeyChain(TypeAny, "defaultValue", false)};
 }
 
 /** Stores the option that one argument gives; false when it matches no declaration. */
 bool parseOption(const std::string& argument, const Variant& definitions, Variant& result) {
     const std::size_t equals = argument.find('=');
-    const Variant* declaration = findDeclaration(definitions, argument.substr(0, equals));
-    if (declaration == nullptr) return false;
-    const std::string& longName = *declaration->GetKeyChain(TypeString, "longName", false);
+    const Declaration declaration = findDeclaration(definitions, argument.substr(0, equals));
+    if (declaration.longName == nullptr || declaration.defaultValue == nullptr) return false;
+    const std::string& longName = *declaration.longName;
     Variant& target = result["parameters"][longName];
     if (equals == std::string::npos || equals + 1 == argument.size()) {
-        target = *declaration->GetKeyChain(TypeAny, "defaultValue", false);
+        target = *declaration.defaultValue;
     } else {
         target = convertValue(argument.substr(equals + 1));
     }
