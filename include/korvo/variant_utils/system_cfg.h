@@ -98,6 +98,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * Held as strings, the value is that of the text's leading decimal digits, behind white space and a sign;
      * 0 when there are none. Values outside of int give the nearest int.
      *
+     * @param key       dotted
      * @param value     receives the integer; -1 when there is none
      * @param notFound  receives whether the key is missing or its value is of another type
      * @return true also when the key is missing; false when the manager is not open, which leaves the
@@ -113,6 +114,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * nothing changed. What the key held before, a map included, is replaced. When writing fails the tree
      * keeps the new value, for a later write() or close().
      *
+     * @param key           dotted
+     * @param value         the integer
      * @param valueChanged  receives whether the value differed; left alone when the key is refused
      */
     bool set(const std::string& key, int value, bool* valueChanged);
@@ -133,6 +136,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
 
     /**
      * Finds the map for the last component of @p key, making it and its parents when they are missing.
+     * @param key      dotted
      * @param node     receives the map; null when set() would refuse the key, and nothing is made then
      * @param lastKey  receives the last component; empty when the key is refused
      */
@@ -140,6 +144,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
 
     /**
      * Finds a value.
+     * @param key    dotted
      * @param type   what it must be, as for Variant::GetKeyChain()
      * @param value  receives the value; null when there is none
      * @return false when the key is refused
@@ -148,10 +153,11 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
                            korvo::variant::Variant** value);
 
   private:
-    bool checkInitialized(const char* function);
-    bool setValue(const std::string& key, korvo::variant::Variant value, bool* valueChanged);
-    bool serialize(std::string& text) const;
-    bool saveCounted();
+    KORVO_VARIANT_UTILS_PRIVATE bool checkInitialized(const char* function);
+    KORVO_VARIANT_UTILS_PRIVATE bool setValue(const std::string& key, korvo::variant::Variant value,
+                                              bool* valueChanged);
+    KORVO_VARIANT_UTILS_PRIVATE bool serialize(std::string& text) const;
+    KORVO_VARIANT_UTILS_PRIVATE bool saveCounted();
 
     bool initialized;
     bool changed;

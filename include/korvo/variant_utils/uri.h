@@ -5,8 +5,8 @@
  *
  * @code
  * korvo::variant::URI uri;
- * if (korvo::variant::URI::FromString("rtsp://cam:8554/live/ch0?a=1", false, uri)) connect(uri.host(),
- * uri.port());
+ * if (korvo::variant::URI::FromString("rtsp://cam:8554/live/ch0?a=1", false, uri))
+ *     connect(uri.host(), uri.port());
  * @endcode
  *
  * Threads: distinct records may be used from distinct threads, the first use included. One record needs the
@@ -26,22 +26,23 @@ namespace korvo::variant {
  * One parsed URI: a Variant map with a member for each piece.
  *
  * | member                           | type           | for rtsp://user:pw@10.0.0.2:8554/live/ch0?a=1&b |
- * |----------------------------------|----------------|--------------------------------------------------------|
- * | "originalUri"                    | string         | the text without white space around it | | "fullUri"
- * | string         | rtsp://10.0.0.2:8554/live/ch0?a=1&b                    | | "fullUriWithAuth" | string |
- * the text exactly as given                              | | "schema"                         | string | rtsp
- * (in lower case)                                   | | "userName", "password"           | string         |
- * user, pw (empty when not given)                        | | "host"                           | string
- * | 10.0.0.2 (always empty for file)                       | | "port"                           | unsigned
- * short | 8554 (the schema's default when not given; 0 for file) | | "portSpecified"                  | bool
- * | true                                                   | | "fullDocumentPathWithParameters" | string |
- * /live/ch0?a=1&b                                        | | "fullDocumentPath"               | string |
- * /live/ch0                                              | | "fullParameters"                 | string |
- * a=1&b                                                  | | "documentPath"                   | string |
- * /live/                                                 | | "document"                       | string | ch0
- * | | "documentWithFullParameters"     | string         | ch0?a=1&b | | "parameters"                     |
- * map of strings | a = 1, b = (empty)                                     | | "ip" | string         | the
- * resolved address; FromString() only                |
+ * |----------------------------------|----------------|-------------------------------------------------|
+ * | "originalUri"                    | string         | the text without white space around it          |
+ * | "fullUri"                        | string         | rtsp://10.0.0.2:8554/live/ch0?a=1&b             |
+ * | "fullUriWithAuth"                | string         | the text exactly as given                       |
+ * | "schema"                         | string         | rtsp (in lower case)                            |
+ * | "userName", "password"           | string         | user, pw (empty when not given)                 |
+ * | "host"                           | string         | 10.0.0.2 (always empty for file)                |
+ * | "port"                           | unsigned short | 8554 (the default when not given; 0 for file)   |
+ * | "portSpecified"                  | bool           | true                                            |
+ * | "fullDocumentPathWithParameters" | string         | /live/ch0?a=1&b                                 |
+ * | "fullDocumentPath"               | string         | /live/ch0                                       |
+ * | "fullParameters"                 | string         | a=1&b                                           |
+ * | "documentPath"                   | string         | /live/                                          |
+ * | "document"                       | string         | ch0                                             |
+ * | "documentWithFullParameters"     | string         | ch0?a=1&b                                       |
+ * | "parameters"                     | map of strings | a = 1, b = (empty)                              |
+ * | "ip"                             | string         | the resolved address; FromString() only         |
  *
  * Nothing is decoded or escaped. The record holds no state beside the map, so it may be copied, exported and
  * changed like any Variant.

@@ -1,4 +1,7 @@
-/** @file Whole-file reading and writing. */
+/**
+ * @file
+ * Whole-file reading and writing.
+ */
 #pragma once
 
 #include <string>

@@ -1,4 +1,7 @@
-/** @file The copy of the configuration that survives a power cut. */
+/**
+ * @file
+ * The copy of the configuration that survives a power cut.
+ */
 #pragma once
 
 #include "korvo/utils/export.h"

@@ -1,4 +1,7 @@
-/** @file Host name resolution. */
+/**
+ * @file
+ * Host name resolution.
+ */
 #pragma once
 
 #include <string>

@@ -1,4 +1,7 @@
-/** @file A named lock between the processes of the device and the threads in them. */
+/**
+ * @file
+ * A named lock between the processes of the device and the threads in them.
+ */
 #pragma once
 
 #include "korvo/utils/export.h"
@@ -48,8 +51,8 @@ class KORVO_UTILS_EXPORT InterProcessMutex {
     int release();
 
   private:
-    struct Shared;
-    struct Table;
+    struct KORVO_UTILS_PRIVATE Shared;
+    struct KORVO_UTILS_PRIVATE Table;
 
     Shared* shared;  ///< what all objects of the name have in common; null for a refused name
 };

@@ -37,6 +37,9 @@
 /** Marks what the variant library exports. */
 #define KORVO_VARIANT_EXPORT __attribute__((visibility("default")))
 
+/** Marks what it does not export although its class is. */
+#define KORVO_VARIANT_PRIVATE __attribute__((visibility("hidden")))
+
 namespace korvo::variant {
 
 /**
@@ -94,7 +97,8 @@ class KORVO_VARIANT_EXPORT MemberIterator {
 
   private:
     friend class Variant;
-    MemberIterator(const Container* owner, std::size_t firstBlock) : container(owner), block(firstBlock) {}
+    KORVO_VARIANT_PRIVATE MemberIterator(const Container* owner, std::size_t firstBlock)
+        : container(owner), block(firstBlock) {}
 
     const Container* container;  ///< null when the value has no members
     std::size_t block;
@@ -197,6 +201,7 @@ class KORVO_VARIANT_EXPORT Variant {
      * @param path    components separated by "/". A component names the member with exactly that text key,
      * also when it is empty or all digits. "[n]" with an integer n names the member with that index, "[text]"
      *                with anything else the member with the text key between the brackets.
+     * @param reserved  not used
      * @return the value, or null when there is none or it does not pass the filter
      */
     Variant* GetKeyChain(VariantType filter, const char* path, bool reserved);
@@ -241,6 +246,7 @@ class KORVO_VARIANT_EXPORT Variant {
      * return at its end, an index and a text key that look the same, more than 64 levels, a value that is no
      * container; with separators of one's own also a text that holds them.
      *
+     * @param text           receives the text
      * @param keySeparator   between key and value, normally "="
      * @param lineSeparator  after each line, normally "\n"
      */
@@ -286,18 +292,18 @@ class KORVO_VARIANT_EXPORT Variant {
 
     bool isContainer() const noexcept { return type == TypeMap || type == TypeArray; }
     template <class Integer>
-    Integer toInteger() const noexcept;
+    KORVO_VARIANT_PRIVATE Integer toInteger() const noexcept;
 
-    void release() noexcept;
-    void moveFrom(Variant& other) noexcept;
-    void copyLeaf(const Variant& other);
-    void setInteger(VariantType newType, std::uint64_t value) noexcept;
-    void setText(std::string_view value);
+    KORVO_VARIANT_PRIVATE void release() noexcept;
+    KORVO_VARIANT_PRIVATE void moveFrom(Variant& other) noexcept;
+    KORVO_VARIANT_PRIVATE void copyLeaf(const Variant& other);
+    KORVO_VARIANT_PRIVATE void setInteger(VariantType newType, std::uint64_t value) noexcept;
+    KORVO_VARIANT_PRIVATE void setText(std::string_view value);
     Container* members() const noexcept { return isContainer() ? payload.container : nullptr; }
     template <class Key>
-    Variant& member(Key key, VariantType typeWhenNone);
+    KORVO_VARIANT_PRIVATE Variant& member(Key key, VariantType typeWhenNone);
     template <class Key>
-    Variant& firstMember(Key key, VariantType typeWhenNone);
+    KORVO_VARIANT_PRIVATE Variant& firstMember(Key key, VariantType typeWhenNone);
 
     VariantType type;
     Payload payload;
