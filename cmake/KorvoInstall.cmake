@@ -1,28 +1,66 @@
-# What `cmake --install` puts in place: libraries, headers and the package files that find_package reads.
+# What `cmake --install` puts in place: libraries, headers and what find_package and pkg-config read.
 
 include(CMakePackageConfigHelpers)
 
-get_property(korvo_libraries GLOBAL PROPERTY KORVO_LIBRARIES)
-get_property(korvo_include_dirs GLOBAL PROPERTY KORVO_INCLUDE_DIRS)
-set(korvo_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/korvo_variant_utils)
+# korvo_install_package(PACKAGE LIBRARIES ...)
+# Makes the libraries the CMake package PACKAGE, whose find_package reads cmake/PACKAGE-config.cmake.in, and gives each
+# its pkg-config file.
+function(korvo_install_package package)
+  cmake_parse_arguments(arg "" "" "LIBRARIES" ${ARGN})
+  set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/${package})
 
-install(TARGETS ${korvo_libraries} EXPORT korvo_variant_utils_targets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
-  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
-install(DIRECTORY ${korvo_include_dirs} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+  install(TARGETS ${arg_LIBRARIES} EXPORT ${package}_targets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+  foreach(library ${arg_LIBRARIES})
+    get_target_property(folder ${library} SOURCE_DIR)
+    install(DIRECTORY ${folder}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+    korvo_install_pkgconfig(${library})
+  endforeach()
 
-install(EXPORT korvo_variant_utils_targets
-  NAMESPACE korvo::
-  DESTINATION ${korvo_package_dir}
-  COMPONENT development)
-configure_package_config_file(cmake/korvo_variant_utils-config.cmake.in
-  ${CMAKE_CURRENT_BINARY_DIR}/korvo_variant_utils-config.cmake
-  INSTALL_DESTINATION ${korvo_package_dir})
-write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/korvo_variant_utils-config-version.cmake
-  COMPATIBILITY SameMajorVersion)
-install(FILES
-  ${CMAKE_CURRENT_BINARY_DIR}/korvo_variant_utils-config.cmake
-  ${CMAKE_CURRENT_BINARY_DIR}/korvo_variant_utils-config-version.cmake
-  DESTINATION ${korvo_package_dir}
-  COMPONENT development)
+  install(EXPORT ${package}_targets NAMESPACE korvo:: DESTINATION ${package_dir} COMPONENT development)
+  configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/${package}-config.cmake.in
+    ${CMAKE_CURRENT_BINARY_DIR}/${package}-config.cmake
+    INSTALL_DESTINATION ${package_dir})
+  write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/${package}-config-version.cmake
+    COMPATIBILITY SameMajorVersion)
+  install(FILES
+    ${CMAKE_CURRENT_BINARY_DIR}/${package}-config.cmake
+    ${CMAKE_CURRENT_BINARY_DIR}/${package}-config-version.cmake
+    DESTINATION ${package_dir}
+    COMPONENT development)
+endfunction()
+
+# korvo_install_pkgconfig(LIBRARY): LIBRARY.pc, which requires what the library is linked with. It finds the prefix from
+# where it stands, so that it stays right in a staging folder and in a device's root file system.
+function(korvo_install_pkgconfig library)
+  get_target_property(description ${library} KORVO_DESCRIPTION)
+  get_target_property(links ${library} LINK_LIBRARIES)
+  get_target_property(public_links ${library} INTERFACE_LINK_LIBRARIES)
+  set(requires)
+  set(requires_private)
+  set(libs_private)
+  foreach(link ${links})
+    string(REPLACE "korvo::" "korvo_" name ${link})
+    if(link STREQUAL "Threads::Threads")
+      list(APPEND libs_private -pthread)
+    elseif(link IN_LIST public_links)
+      list(APPEND requires ${name})
+    elseif(link)
+      list(APPEND requires_private ${name})
+    endif()
+  endforeach()
+  list(JOIN requires " " requires)
+  list(JOIN requires_private " " requires_private)
+  # The linker must see the shared libraries that a shared library needs, though the host does not name them.
+  set(libs_more)
+  if(BUILD_SHARED_LIBS)
+    set(libs_more " -Wl,-rpath-link,\${libdir}")
+  endif()
+  set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+  file(RELATIVE_PATH up ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+  file(RELATIVE_PATH libdir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
+  file(RELATIVE_PATH includedir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/library.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${library}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${library}.pc DESTINATION ${pkgconfig_dir} COMPONENT development)
+endfunction()

@@ -1,6 +1,10 @@
 # How every library and program of this project is built.
 
 include(CheckCXXCompilerFlag)
+include(CheckPIESupported)
+
+# Programs are linked as position-independent where the linker can; without the check CMake only compiles them so.
+check_pie_supported(LANGUAGES CXX)
 
 # Hardening that the compiler at hand may lack (cross compilers differ), asked for once.
 set(KORVO_HARDENING_FLAGS)
@@ -37,22 +41,25 @@ function(korvo_build_settings target)
   target_link_options(${target} PRIVATE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
 endfunction()
 
-# korvo_add_library(NAME SOURCES ... [PUBLIC_LINK ...] [PRIVATE_LINK ...])
+# korvo_add_library(NAME DESCRIPTION ... SOURCES ... [PUBLIC_LINK ...] [PRIVATE_LINK ...])
 # The library libkorvo_NAME with the target korvo::NAME; its public headers stand under include/ of its folder.
 function(korvo_add_library name)
-  cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC_LINK;PRIVATE_LINK" ${ARGN})
+  cmake_parse_arguments(arg "" "DESCRIPTION" "SOURCES;PUBLIC_LINK;PRIVATE_LINK" ${ARGN})
   set(target korvo_${name})
   add_library(${target} ${arg_SOURCES})
   add_library(korvo::${name} ALIAS ${target})
   korvo_build_settings(${target})
   set_target_properties(${target} PROPERTIES
     EXPORT_NAME ${name}
+    KORVO_DESCRIPTION "${arg_DESCRIPTION}"
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR})
   target_include_directories(${target} PUBLIC
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_link_libraries(${target} PUBLIC ${arg_PUBLIC_LINK} PRIVATE ${arg_PRIVATE_LINK})
-  set_property(GLOBAL APPEND PROPERTY KORVO_LIBRARIES ${target})
-  set_property(GLOBAL APPEND PROPERTY KORVO_INCLUDE_DIRS ${CMAKE_CURRENT_SOURCE_DIR}/include/)
+  # Instances of standard templates are visible whatever visibility we ask for.
+  set(exports ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+  target_link_options(${target} PRIVATE -Wl,--version-script=${exports})
+  set_property(TARGET ${target} PROPERTY LINK_DEPENDS ${exports})
 endfunction()
