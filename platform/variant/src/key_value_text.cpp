@@ -184,7 +184,8 @@ class KeyValueWriter {
 
     bool writeLine(std::string_view key, const Variant& value) {
         if ((path.empty() ? key : std::string_view(path)).substr(0, 1) == "#") return false;
-        text.append(path).append(key).append(keySeparator);
+        text.append(path).append(key);
+        appendSeparator(keySeparator);
         char buffer[numberBufferSize];
         const VariantType type = value;
         if (type == TypeString) {
@@ -198,8 +199,16 @@ class KeyValueWriter {
         } else {
             text.append(formatNumber(static_cast<long long>(value), buffer));
         }
-        text.append(lineSeparator);
+        appendSeparator(lineSeparator);
         return true;
+    }
+
+    void appendSeparator(const std::string& separator) {
+        if (separator.size() == 1) {
+            text.push_back(separator[0]);  // far less work than append()
+        } else {
+            text.append(separator);
+        }
     }
 
     bool isWritableKey(std::string_view key) const {
