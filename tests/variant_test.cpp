@@ -2,11 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <limits>
 #include <numeric>
 #include <random>
-#include <set>
 #include <sstream>
 
 #include "support/cases.h"
@@ -19,9 +17,11 @@ namespace {
 constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 
+const char longText[] = "a text that is too long for the small string optimisation";
+
 Variant sampleTree() {
     Variant tree;
-    tree["text"] = "a text that is too long for the small string optimisation";
+    tree["text"] = longText;
     tree["number"] = 7;
     tree["nan"] = nan;
     tree["list"][-1] = "first";
@@ -30,50 +30,40 @@ Variant sampleTree() {
     return tree;
 }
 
-TEST(Variant, EveryIntegerTypeHasATagOfItsOwnInNoOtherCategory) {
-    std::set<VariantType> tags;
-    for (const Variant& integer : {Variant(static_cast<signed char>(1)), Variant(1), Variant(1U),
-                                   Variant(static_cast<unsigned short>(1)), Variant(1LL), Variant(1ULL)}) {
-        const VariantType type = integer;
-        EXPECT_TRUE(tags.insert(type).second && (type & TypeNumeric) != 0);
-        for (const VariantType other : {TypeNull, TypeBool, TypeDouble, TypeString, TypeMap, TypeArray})
-            EXPECT_NE(type & other, other);
-    }
-}
-
-/** All conversions of a value: bool, signed char, int, unsigned short, long long, double, text. */
+/** The type tag of a value, and all its conversions: bool, signed char, int, unsigned short, long long,
+ * double, text. */
 std::string conversions(const Variant& value) {
     std::ostringstream out;
-    out << static_cast<bool>(value) << ' ' << static_cast<int>(static_cast<signed char>(value)) << ' '
-        << static_cast<int>(value) << ' ' << static_cast<unsigned short>(value) << ' '
-        << static_cast<long long>(value) << ' ' << static_cast<double>(value) << ' '
-        << static_cast<const char*>(value);
+    out << std::hex << VariantType(value) << std::dec << ": " << bool(value) << ' '
+        << int(static_cast<signed char>(value)) << ' ' << int(value) << ' '
+        << static_cast<unsigned short>(value) << ' ' << static_cast<long long>(value) << ' ' << double(value)
+        << ' ' << static_cast<const char*>(value);
     EXPECT_EQ(static_cast<const std::string&>(value), static_cast<const char*>(value));
     return out.str();
 }
 
 TEST(Variant, ConvertsEveryKindToEveryOther) {
-    EXPECT_EQ(conversions(Variant()), "0 0 0 0 0 0 ");
-    EXPECT_EQ(conversions(sampleTree()), "0 0 0 0 0 0 ");
-    EXPECT_EQ(conversions("12"), "0 0 0 0 0 0 12");
-    EXPECT_EQ(conversions(true), "1 1 1 1 1 1 ");
-    EXPECT_EQ(conversions(300), "1 44 300 300 300 300 ");
-    EXPECT_EQ(conversions(static_cast<signed char>(-1)), "1 -1 -1 65535 -1 -1 ");
-    EXPECT_EQ(conversions(0xffffffffU), "1 -1 -1 65535 4294967295 4.29497e+09 ");
+    EXPECT_EQ(conversions(Variant()), "1: 0 0 0 0 0 0 ");
+    EXPECT_EQ(conversions(sampleTree()), "1010: 0 0 0 0 0 0 ");
+    EXPECT_EQ(conversions("12"), "100e: 0 0 0 0 0 0 12");
+    EXPECT_EQ(conversions(true), "8003: 1 1 1 1 1 1 ");
+    EXPECT_EQ(conversions(300), "4140: 1 44 300 300 300 300 ");
+    EXPECT_EQ(conversions(static_cast<signed char>(-1)), "4110: 1 -1 -1 65535 -1 -1 ");
+    EXPECT_EQ(conversions(0xffffffffU), "4240: 1 -1 -1 65535 4294967295 4.29497e+09 ");
     EXPECT_EQ(conversions(std::numeric_limits<long long>::min()),
-              "1 0 0 0 -9223372036854775808 -9.22337e+18 ");
-    EXPECT_EQ(conversions(~0ULL), "1 -1 -1 65535 -1 1.84467e+19 ");
-    EXPECT_EQ(conversions(-0.9), "1 0 0 0 0 -0.9 ");
-    EXPECT_EQ(conversions(-129.5), "1 -128 -129 0 -129 -129.5 ");
-    EXPECT_EQ(conversions(70000.5), "1 127 70000 65535 70000 70000.5 ");
-    EXPECT_EQ(conversions(9223372036854775808.0), "1 127 2147483647 65535 9223372036854775807 9.22337e+18 ");
-    EXPECT_EQ(conversions(-infinity), "1 -128 -2147483648 0 -9223372036854775808 -inf ");
-    EXPECT_EQ(conversions(nan), "0 0 0 0 0 nan ");
+              "4180: 1 0 0 0 -9223372036854775808 -9.22337e+18 ");
+    EXPECT_EQ(conversions(~0ULL), "4280: 1 -1 -1 65535 -1 1.84467e+19 ");
+    EXPECT_EQ(conversions(-0.9), "e00c: 1 0 0 0 0 -0.9 ");
+    EXPECT_EQ(conversions(-129.5), "e00c: 1 -128 -129 0 -129 -129.5 ");
+    EXPECT_EQ(conversions(70000.5), "e00c: 1 127 70000 65535 70000 70000.5 ");
+    EXPECT_EQ(conversions(9223372036854775808.0),
+              "e00c: 1 127 2147483647 65535 9223372036854775807 9.22337e+18 ");
+    EXPECT_EQ(conversions(-infinity), "e00c: 1 -128 -2147483648 0 -9223372036854775808 -inf ");
+    EXPECT_EQ(conversions(nan), "e00c: 0 0 0 0 0 nan ");
 }
 
 TEST(Variant, CopiesAreDeepAndMovesLeaveNull) {
-    for (Variant value :
-         {sampleTree(), Variant("a text that is too long to be held inside of the value"), Variant(2.5)}) {
+    for (Variant value : {sampleTree(), Variant(longText), Variant(2.5)}) {
         const Variant expected = value;
         Variant moved(std::move(value));
         EXPECT_EQ(value, Variant());  // NOLINT(bugprone-use-after-move): that state is promised
@@ -86,30 +76,24 @@ TEST(Variant, CopiesAreDeepAndMovesLeaveNull) {
 }
 
 TEST(Variant, MayBeAssignedFromItselfAndFromWhatIsInsideOfIt) {
-    const Variant tree = sampleTree();
+    Variant tree = sampleTree();
     const auto after = [&](auto assign) {
         Variant value = tree;
         assign(value);
         return value;
     };
     EXPECT_EQ(after([](Variant& v) { v = *&v, v = std::move(*&v); }), tree);
-    EXPECT_EQ(after([](Variant& v) { v = v["list"]; }), Variant(tree)["list"]);
-    EXPECT_EQ(after([](Variant& v) { v = std::move(v["list"]); }), Variant(tree)["list"]);
-    EXPECT_EQ(after([](Variant& v) { v = static_cast<const std::string&>(v["text"]); }),
-              Variant(tree)["text"]);
-    EXPECT_EQ(after([](Variant& v) { v = static_cast<const char*>(v["text"]); }), Variant(tree)["text"]);
+    EXPECT_EQ(after([](Variant& v) { v = v["list"]; }), tree["list"]);
+    EXPECT_EQ(after([](Variant& v) { v = std::move(v["list"]); }), tree["list"]);
+    EXPECT_EQ(after([](Variant& v) { v["copy"] = v; })["copy"]["list"], tree["list"]);
+    EXPECT_EQ(after([](Variant& v) { v = static_cast<const std::string&>(v["text"]); }), Variant(longText));
+    EXPECT_EQ(after([](Variant& v) { v = static_cast<const char*>(v["text"]); }), Variant(longText));
 
-    Variant nested = tree;
-    nested["copy"] = nested;
-    EXPECT_EQ(nested["copy"]["list"], Variant(tree)["list"]);
-
-    Variant text("a text that is too long for the small string optimisation");
+    Variant text(longText);
     text = static_cast<const char*>(text) + 2;
-    EXPECT_EQ(text, Variant("text that is too long for the small string optimisation"));
-    const std::string key = text;
+    EXPECT_EQ(text, Variant(longText + 2));
     text[static_cast<const std::string&>(text)] = 1;
-    EXPECT_NE(text.GetKeyChain(TypeNumeric, key.c_str(), false), nullptr);
-
+    EXPECT_NE(text.GetKeyChain(TypeNumeric, longText + 2, false), nullptr);
     Variant keyValues("a=1\nb=2\n");
     EXPECT_TRUE(keyValues.FromKVP(keyValues, true, true, true));
     EXPECT_EQ(keyValues["b"], Variant("2"));
@@ -117,36 +101,23 @@ TEST(Variant, MayBeAssignedFromItselfAndFromWhatIsInsideOfIt) {
 
 TEST(Variant, ReferencesStayValidWhileMembersAreAddedMovedAndCompacted) {
     Variant value;
-    Variant& named = value["k500"] = "named";
-    Variant& indexed = value[500] = "indexed";
+    Variant& named = value["k500"] = 500;
+    Variant& indexed = value[500] = 500;
     std::vector<int> order(1000);
     std::iota(order.begin(), order.end(), 0);
     std::shuffle(order.begin(), order.end(), std::mt19937(1));
-    for (const int i : order) {
-        if (i == 500) continue;
-        value["k" + std::to_string(i)] = i;
-        value[i] = i;
-    }
+    for (const int i : order) value["k" + std::to_string(i)] = value[i] = i;
     Variant moved = std::move(value);
     Variant copy = moved;
     moved.Compact();
     EXPECT_EQ(copy, moved);
     EXPECT_TRUE(&moved["k500"] == &named && &moved[500] == &indexed);
-    EXPECT_TRUE(named == Variant("named") && indexed == Variant("indexed"));
-
-    long long expected = 0;
-    for (auto member = moved.num_begin(); member != moved.num_end(); ++member)
-        EXPECT_EQ(member->first, expected++);
-    std::string last;
+    EXPECT_TRUE(named == Variant(500) && indexed == named);
     int count = 0;
-    for (const auto& member : moved) {
-        EXPECT_LT(last, member.first);
-        last = member.first;
-        ++count;
-    }
-    EXPECT_TRUE(expected == 1000 && count == 1000);
-    copy["k500"] = 1;
-    EXPECT_NE(copy, moved);
+    for (auto member = moved.num_begin(); member != moved.num_end(); ++member, ++count)
+        EXPECT_TRUE(member->first == count && member->second == Variant(count));
+    EXPECT_EQ(count, 1000);
+    EXPECT_EQ(std::distance(moved.begin(), moved.end()), count);
 }
 
 TEST(Variant, OrdersKeysByBytes) {
@@ -166,18 +137,16 @@ TEST(Variant, OrdersKeysByBytes) {
 
 TEST(Variant, AppendsAfterTheLastIndex) {
     constexpr long long max = std::numeric_limits<long long>::max();
-    Variant value;
+    Variant value, negative;
     value[-1] = "zero";
     value[7] = "seven";
     value[-1] = "eight";
     value[-5] = "negative";
     EXPECT_EQ(VariantType(value), TypeArray);
-    EXPECT_EQ(value[0], Variant("zero"));
-    EXPECT_EQ(value[8LL], Variant("eight"));
+    EXPECT_TRUE(value[0] == Variant("zero") && value[8LL] == Variant("eight"));
     EXPECT_EQ(value.num_begin()->first, -5);
     value[max] = "last";
     EXPECT_EQ(&value[-1], &value[max]) << "there is no index after the largest";
-    Variant negative;
     negative[-5] = 1;
     negative[-1] = 2;
     EXPECT_EQ(negative[0], Variant(2));
@@ -198,9 +167,8 @@ TEST(Variant, KeyChainsFindWhatTheyNameAndCreateNothing) {
         EXPECT_EQ(found != nullptr ? test::shown(*found) : "nothing", expected) << path;
     }
     EXPECT_EQ(tree.GetKeyChain(TypeNumeric, "a/x", true), &tree["a"]["x"]);
-    EXPECT_EQ(tree.GetKeyChain(TypeString, "a/b", true), nullptr);
     EXPECT_EQ(tree.GetKeyChain(TypeMap, "a", true), &tree["a"]);
-    EXPECT_EQ(tree.GetKeyChain(TypeAny, nullptr, true), nullptr);
+    EXPECT_TRUE(!tree.GetKeyChain(TypeString, "a/b", true) && !tree.GetKeyChain(TypeAny, nullptr, true));
     EXPECT_EQ(tree, before);
 }
 
@@ -217,10 +185,9 @@ TEST(Variant, ComparesTypeAndValueAndMarkingTheKindKeepsMembers) {
     EXPECT_EQ(value, sampleTree());
     value[0] = 1;
     EXPECT_NE(value, sampleTree());
-    for (Variant other : {Variant(), Variant(5), Variant("text")}) {
-        other.IsArray(false);
-        EXPECT_TRUE(VariantType(other) == TypeMap && other.begin() == other.end());
-    }
+    Variant text("text");
+    text.IsArray(false);
+    EXPECT_TRUE(VariantType(text) == TypeMap && text.begin() == text.end());
 }
 
 TEST(Variant, TreesDeeperThanTheStackAreCopiedComparedAndDestroyed) {
