@@ -1,11 +1,8 @@
 #include "korvo/variant_utils/commandline.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <filesystem>
-#include <string>
-#include <vector>
 
 #include "support/cases.h"
 #include "support/locales.h"
@@ -31,15 +28,13 @@ Variant parse(Variant& options, std::vector<const char*> arguments) {
     return result;
 }
 
-std::string help(Variant options) {
-    testing::internal::CaptureStdout();
-    PrintHelp("cam", options);
-    std::fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
-
 TEST(CommandLine, HelpListsDeclarationsInOrderWithDefaultsByType) {
-    test::inEveryLocale([] {
+    const auto help = [](Variant options) {
+        testing::internal::CaptureStdout();
+        PrintHelp("cam", options);
+        return testing::internal::GetCapturedStdout();
+    };
+    test::inEveryLocale([&] {
         Variant options;
         AddParameter(options, 'p', "port", "Listening port", 554);
         AddParameter(options, 'v', "verbose", "Say more", true);
@@ -50,15 +45,11 @@ TEST(CommandLine, HelpListsDeclarationsInOrderWithDefaultsByType) {
         AddParameter(options, 'p', "port", "Again", -1e300);
         const std::string text = help(options);
         EXPECT_EQ(text.substr(0, text.find("\t-p\t--port [=-1")),
-                  "cam <option>[=<value>]\n"
-                  "\t-p\t--port [=554] - Listening port\n"
-                  "\t-v\t--verbose [=1] - Say more\n"
-                  "\t-g\t--gain [=0.500] - Gain\n"
-                  "\t-n\t--name [=\"cam\"] - Name\n"
-                  "\t-c\t--config - File\n"
-                  "\t-u\t--limit [=-1] - Limit\n");
+                  "cam <option>[=<value>]\n\t-p\t--port [=554] - Listening port\n"
+                  "\t-v\t--verbose [=1] - Say more\n\t-g\t--gain [=0.500] - Gain\n"
+                  "\t-n\t--name [=\"cam\"] - Name\n\t-c\t--config - File\n\t-u\t--limit [=-1] - Limit\n");
         EXPECT_THAT(text, testing::EndsWith(".000] - Again\n\n"));
-        EXPECT_EQ(static_cast<const std::string&>(options["byLongName"]["port"]["description"]), "Again");
+        EXPECT_EQ(options["byLongName"]["port"]["description"], Variant("Again"));
     });
     EXPECT_EQ(help(Variant()), "cam <option>[=<value>]\n\n");
 }
@@ -83,9 +74,9 @@ TEST(CommandLine, ParsesAWholeCommandLineAndKeepsWhatTheResultHeld) {
               Variant(std::filesystem::read_symlink("/proc/self/exe").string()));
     const auto lines = log.take();
     ASSERT_EQ(lines.size(), 1U);
-    EXPECT_EQ(lines[0].message, "unknown parameter detected: `%s%n`");
-    EXPECT_TRUE(lines[0].level == 4 && lines[0].function == "ParseCommandLine");
-
+    EXPECT_EQ(lines[0].function + ": " + lines[0].message,
+              "ParseCommandLine: unknown parameter detected: `%s%n`");
+    EXPECT_EQ(lines[0].level, 4);
     Variant none;
     ParseCommandLine(0, nullptr, none, result);
     EXPECT_EQ(result["commandLine"]["executed"], Variant());

@@ -2,6 +2,9 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
+#include <thread>
+
 #include "korvo/utils/host.h"
 #include "support/cases.h"
 #include "support/log_capture.h"
@@ -9,7 +12,6 @@
 
 using namespace korvo::variant;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
 
@@ -37,6 +39,15 @@ std::string korvo::utils::getHostByName(const std::string& name) {
 
 namespace {
 
+TEST(ParseUri, FirstUseMayBeInManyThreadsAtOnce) {
+    std::array<URI, 8> uris;
+    std::vector<std::thread> threads;
+    for (URI& uri : uris)
+        threads.emplace_back([&uri] { EXPECT_TRUE(parseURI("RTSP://u:p@cam:1/a/b?c=1&d=2", uri)); });
+    for (std::thread& thread : threads) thread.join();
+    for (const URI& uri : uris) EXPECT_EQ(uri, uris[0]);
+}
+
 TEST(ParseUri, FillsEveryMember) {
     for (const auto& [given, expected] : test::readCases("uri_records.txt")) {
         URI uri;
@@ -47,8 +58,7 @@ TEST(ParseUri, FillsEveryMember) {
         std::string text;
         EXPECT_TRUE(uri.ToKVP(text, "=", "\n"));
         EXPECT_EQ(text, expected);
-        EXPECT_EQ(VariantType(uri["port"]), VariantType(Variant(static_cast<unsigned short>(0))));
-        EXPECT_EQ(VariantType(uri["portSpecified"]), TypeBool);
+        EXPECT_TRUE(VariantType(uri["port"]) == TypeUInt16 && VariantType(uri["portSpecified"]) == TypeBool);
         EXPECT_EQ(VariantType(uri["parameters"]), TypeMap);
     }
 }
@@ -81,9 +91,7 @@ TEST(UriRecord, GettersPutTheirDefaultWhereNothingFits) {
     expected["portSpecified"] = false;
     EXPECT_EQ(uri, expected);
     uri["port"] = -1;
-    EXPECT_EQ(uri.port(), 65535);
-    EXPECT_EQ(uri["port"], Variant(-1));
-
+    EXPECT_TRUE(uri.port() == 65535 && uri["port"] == Variant(-1));
     static_cast<Variant&>(uri) = 5;
     uri.schema("rtsp");
     Variant map;
@@ -125,12 +133,9 @@ TEST(UriFromString, ResolvesTheHostOnlyWhenAskedTo) {
     askedHosts.clear();
     EXPECT_TRUE(URI::FromString("http://unknown/", false, uri) && uri["ip"] == Variant(""));
     EXPECT_TRUE(URI::FromString("file:///x", true, uri) && uri["ip"] == Variant(""));
-    EXPECT_FALSE(URI::FromString("nonsense", true, uri));
-    EXPECT_EQ(uri, Variant());
-    EXPECT_THAT(askedHosts, IsEmpty());
+    EXPECT_TRUE(!URI::FromString("nonsense", true, uri) && uri == Variant());
     EXPECT_TRUE(URI::FromString("http://known/", true, uri) && uri["ip"] == Variant("192.0.2.1"));
-    EXPECT_FALSE(URI::FromString("http://unknown/", true, uri));
-    EXPECT_EQ(uri, Variant());
+    EXPECT_TRUE(!URI::FromString("http://unknown/", true, uri) && uri == Variant());
     EXPECT_THAT(askedHosts, ElementsAre("known", "unknown"));
     EXPECT_EQ(log.takeMessages().back(), "Unable to resolve host: unknown");
 }
