@@ -1,5 +1,4 @@
-/** @file Tables of cases, one `input => expected` line each, with C escapes; blank lines and # lines are
- * skipped. */
+/** @file Tables of cases: lines `input => expected` with C escapes, blank lines and lines behind a #. */
 #pragma once
 
 #include <fstream>
@@ -13,20 +12,16 @@ namespace test {
 inline std::string unescaped(const std::string& text) {
     std::string result;
     for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '\\') {
-            result += text[i];
-        } else if (text[++i] == 'x') {
-            result += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
-            i += 2;
-        } else {
-            result += text[i] == 'n' ? '\n' : text[i] == 'r' ? '\r' : text[i] == 't' ? '\t' : text[i];
-        }
+        const char code = text[i] == '\\' ? text[++i] : '\0';
+        result += code == 'n' ? '\n' : code == 'r' ? '\r' : code == 't' ? '\t' : text[i];
+        if (code != 'x') continue;
+        result.back() = static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+        i += 2;
     }
     return result;
 }
 
-/** The cases of tests/data/NAME. A file that is missing or has none is an error, so that no test runs empty.
- */
+/** The cases of tests/data/NAME, of which there must be some, so that no test runs empty. */
 inline std::vector<std::pair<std::string, std::string>> readCases(const std::string& name) {
     std::vector<std::pair<std::string, std::string>> cases;
     std::ifstream file(TEST_DATA "/" + name);

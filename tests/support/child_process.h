@@ -6,13 +6,13 @@
 #include <unistd.h>
 
 #include <stdexcept>
+#include <utility>
 
 namespace test {
 
 class ChildProcess {
   public:
-    /** Runs `int body(const ChildProcess& self)`, whose result is the exit status; destructors of statics do
-     * not run. */
+    /** Runs `int body(const ChildProcess& self)`, whose result is the exit status. */
     template <class Body>
     explicit ChildProcess(Body body) {
         if (::pipe(channel) != 0 || (process = ::fork()) < 0) throw std::runtime_error("fork failed");
@@ -20,10 +20,8 @@ class ChildProcess {
         ::close(channel[1]);
     }
     ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
     ~ChildProcess() {
-        if (process > 0) ::kill(process, SIGKILL);
-        (void)exitStatus();
+        if (process > 0 && ::kill(process, SIGKILL) == 0) (void)exitStatus();
         ::close(channel[0]);
     }
 
@@ -41,8 +39,7 @@ class ChildProcess {
     /** Waits for the end; the exit status, or minus the signal that ended it. To be called once. */
     int exitStatus() {
         int ended = 0;
-        if (process <= 0 || ::waitpid(process, &ended, 0) != process) return -1;
-        process = 0;
+        if (::waitpid(std::exchange(process, 0), &ended, 0) < 0) return -1;
         return WIFEXITED(ended) ? WEXITSTATUS(ended) : -WTERMSIG(ended);
     }
 

@@ -7,10 +7,7 @@
 
 namespace test {
 
-/**
- * Calls @p body in the C locale and in one with a decimal comma, and puts the C locale back. The machine must
- * have the second one; a test that silently ran without it would show nothing.
- */
+/** Calls @p body in the C locale and in one with a decimal comma, which the machine must have. */
 template <class Body>
 void inEveryLocale(Body body) {
     // NOLINTBEGIN(concurrency-mt-unsafe): tests change the locale from one thread

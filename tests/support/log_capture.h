@@ -1,7 +1,6 @@
-/** @file Collects what is logged while an object lives. */
+/** @file Collects what is logged while an object lives, which only one may do at a time. */
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -11,24 +10,21 @@
 namespace test {
 
 struct LogLine {
-    std::string sourceFile;
-    std::string function;
-    int level;
-    int errorCode;
-    std::string message;
+    std::string sourceFile, function, message;
+    int level, errorCode;
 };
 
-/** One at a time; may be logged to from several threads. */
 class LogCapture {
   public:
-    LogCapture() : previous(korvo::logger::setSink(collect)) { lines.clear(); }
-    ~LogCapture() { korvo::logger::setSink(previous); }
+    LogCapture() {
+        korvo::logger::setSink([](const korvo::logger::Record& line) {
+            lines.push_back({line.sourceFile, line.function, line.message, line.level, line.errorCode});
+        });
+    }
+    ~LogCapture() { (void)take(), korvo::logger::setSink(nullptr); }
 
     /** What was logged since the last call. */
-    std::vector<LogLine> take() {
-        const std::lock_guard<std::mutex> guard(mutex);
-        return std::exchange(lines, {});
-    }
+    std::vector<LogLine> take() { return std::exchange(lines, {}); }
 
     /** The messages alone. */
     std::vector<std::string> takeMessages() {
@@ -38,14 +34,7 @@ class LogCapture {
     }
 
   private:
-    static void collect(const korvo::logger::Record& line) {
-        const std::lock_guard<std::mutex> guard(mutex);
-        lines.push_back({line.sourceFile, line.function, line.level, line.errorCode, line.message});
-    }
-
-    static inline std::mutex mutex;
     static inline std::vector<LogLine> lines;
-    korvo::logger::Sink previous;
 };
 
 }  // namespace test

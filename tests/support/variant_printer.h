@@ -14,11 +14,9 @@ inline void PrintTo(const Variant& value, std::ostream* out) {
     const bool isContainer = type == TypeMap || type == TypeArray;
     Variant tree;
     tree[""] = value;
-    std::string text;
-    *out << std::hex << static_cast<int>(type) << std::dec << ' ';
-    *out << ((isContainer ? value : tree).ToKVP(text, isContainer ? "=" : "", "\n")
-                 ? text
-                 : "(no key=value text)\n");
+    std::string text = "(no key=value text)\n";
+    (void)(isContainer ? value : tree).ToKVP(text, isContainer ? "=" : "", "\n");
+    *out << std::hex << static_cast<int>(type) << std::dec << ' ' << text;
 }
 
 }  // namespace korvo::variant
