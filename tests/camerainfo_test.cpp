@@ -31,12 +31,6 @@ const char healthyRecord[] =
     "fullVersion=AB1.xyz.v4.0.1.34.4f2a1b3.170101.1200|version=AB1.v4.0.1.34.4f2a1b3.170101.1200|"
     "deviceModel=AB1|protocolVer=34|hwaddrColons=02:1b:2c:a1:B2:c3";
 
-std::string exported(const Variant& record) {
-    std::string text;
-    EXPECT_TRUE(record.ToKVP(text, "=", "\n"));
-    return text;
-}
-
 /** The key=value text of the healthy record up to a member, with what differs behind a device's message. */
 std::string expectedRecord(const std::vector<std::string>& outcome) {
     Variant record;
@@ -48,7 +42,7 @@ std::string expectedRecord(const std::vector<std::string>& outcome) {
     for (const std::string& member : test::fields(outcome[0] == "none" ? "earlier=1" : healthyRecord))
         if (take(member) == outcome[0]) break;
     std::for_each(outcome.begin() + 2, outcome.end(), take);
-    return exported(record);
+    return test::shown(record);
 }
 
 /** The healthy device, but for one file: its name and, unless it is to be missing, its content. */
@@ -73,7 +67,7 @@ TEST(CameraInfo, GathersWhatEachSampleDeviceHasInEveryLocale) {
             info["earlier"] = 1;
             errno = EDOM;
             EXPECT_EQ(info.Init(), outcome[0] == "all");
-            EXPECT_EQ(exported(info), expectedRecord(outcome));
+            EXPECT_EQ(test::shown(info), expectedRecord(outcome));
             EXPECT_EQ(::uselocale(nullptr), LC_GLOBAL_LOCALE) << "the host's locale is its own";
             const auto lines = log.take();
             ASSERT_EQ(lines.size(), outcome[1].empty() ? 0U : 1U);

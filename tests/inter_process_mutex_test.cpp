@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 
 #include <atomic>
 #include <functional>
@@ -45,14 +44,12 @@ TEST_F(InterProcessMutexTest, RefusesBadNamesAndWhatIsPlantedInPlaceOfTheLockFil
     const fs::path target = root.write("target", "content");
     const std::pair<std::function<void()>, int> cases[] = {
         {[&] { fs::create_symlink(target, lockFile); }, ELOOP},
-        {[&] { fs::create_symlink("missing", lockFile); }, ELOOP},
         {[&] { fs::create_directory(lockFile); }, EISDIR},
         {[&] { ASSERT_EQ(::mkfifo(lockFile.c_str(), 0600), 0); }, EPERM},
     };
     for (const auto& [plant, error] : cases) {
         plant();
-        EXPECT_TRUE(mutex.acquire() == error && mutex.release() == EPERM) << error;
-        EXPECT_TRUE(fs::remove(lockFile));
+        EXPECT_TRUE(mutex.acquire() == error && mutex.release() == EPERM && fs::remove(lockFile)) << error;
     }
     EXPECT_EQ(root.read("target"), "content");
     EXPECT_EQ(mutex.acquire(), 0);
@@ -67,16 +64,14 @@ TEST_F(InterProcessMutexTest, BelongsToOneObjectAndRefusesToHangItsThread) {
     EXPECT_EQ(InterProcessMutex("other", true).acquire(), 0);
     EXPECT_EQ(InterProcessMutex("name", true).release(), EPERM);
     EXPECT_EQ(holder(), ::getpid()) << "a refused call or a destructor gave the lock away";
-    std::thread([&] { EXPECT_EQ(mutex.release(), 0); }).join();
+    EXPECT_EQ(mutex.release(), 0);
     EXPECT_EQ(InterProcessMutex("name", true).acquire(), 0);
     EXPECT_EQ(holder(), 0) << "destroying the holder did not give the lock back";
-}
-
-TEST_F(InterProcessMutexTest, ThreadThatEndedWithTheLockIsNotMistakenForALaterOne) {
+    // A thread that ended with the lock is not mistaken for a later one, and any other may give it back.
     std::thread([&] { ASSERT_EQ(mutex.acquire(), 0); }).join();
     std::thread next([] { EXPECT_EQ(InterProcessMutex("name", true).acquire(), 0); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    ASSERT_EQ(mutex.release(), 0);
+    ::usleep(20000);
+    EXPECT_EQ(mutex.release(), 0);
     next.join();
 }
 
@@ -117,10 +112,9 @@ TEST_F(InterProcessMutexTest, WaitsThroughSignalsUntilTheKernelTakesTheLockOfAKi
     struct sigaction action {};
     action.sa_handler = [](int) { alarms = alarms + 1; };  // without SA_RESTART
     ::sigaction(SIGALRM, &action, nullptr);
-    const itimerval every{{0, 10000}, {0, 10000}}, never{};
-    ::setitimer(ITIMER_REAL, &every, nullptr);
+    ::ualarm(10000, 10000);
     EXPECT_EQ(mutex.acquire(), 0);
-    ::setitimer(ITIMER_REAL, &never, nullptr);
+    ::ualarm(0, 0);
     EXPECT_EQ(holder(), ::getpid());
     EXPECT_GT(alarms, 0) << "nothing interrupted the wait";
 }

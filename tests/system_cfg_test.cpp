@@ -107,10 +107,9 @@ TEST_F(SystemCfgTest, StoresAndWritesAtOnceAndTellsWhetherTheValueDiffered) {
 TEST_F(SystemCfgTest, RefusedKeysAndValuesLeaveNoTrace) {
     configuration("a=1\nm.n=2\n");
     SystemCfgManager store(&tree, true, true, true);
-    ASSERT_TRUE(store.init());
+    ASSERT_TRUE(store.init() && fs::remove(path));
     tree["list"][0] = "zero";
     const Variant before = tree;
-    fs::remove(path);
     std::string longest;
     for (const auto& [pair, forGet] : test::readCases("store_refused.txt")) {
         SCOPED_TRACE(pair);
@@ -159,7 +158,7 @@ TEST_F(SystemCfgTest, EveryOperationNeedsAManagerOpenInThisProcess) {
                 ElementsAre("SystemCfgManager already initialized",
                             "Failed to acquire system.cfg mutex, res=" + std::to_string(EDEADLK)));
     ASSERT_TRUE(store.getVariant(tree));
-    tree["a"] = "2";  // a copy, so that the file keeps its value
+    tree["a"] = "2";  // in a copy, so that the file keeps its value
     // A forked child has the object but not the lock: it must neither write nor keep the parent from it.
     store.markChanged();
     ChildProcess child([&](const ChildProcess&) {

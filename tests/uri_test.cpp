@@ -22,9 +22,7 @@ std::string parts(const std::string& text) {
     URI uri;
     uri["stale"] = 1;
     if (!parseURI(text, uri)) return VariantType(uri) == TypeNull ? "refused" : "refused, but not empty";
-    const std::string& folder = uri["documentPath"];
-    const std::string& document = uri["document"];
-    EXPECT_EQ(uri["fullDocumentPath"], Variant(folder + document));
+    const std::string folder = uri.documentPath(), document = uri["document"];
     return uri.schema() + '|' + uri.userName() + '|' + uri.password() + '|' + uri.host() + '|' +
            std::to_string(uri.port()) + (uri.portSpecified() ? "|yes|" : "|no|") + folder + '|' + document;
 }
@@ -55,9 +53,7 @@ TEST(ParseUri, FillsEveryMember) {
         ASSERT_TRUE(parseURI(given, uri));
         EXPECT_EQ(uri["fullUriWithAuth"], Variant(given));
         uri["fullUriWithAuth"] = Variant();  // may end in a line feed, which has no place in key=value text
-        std::string text;
-        EXPECT_TRUE(uri.ToKVP(text, "=", "\n"));
-        EXPECT_EQ(text, expected);
+        EXPECT_EQ(test::shown(uri) + '\n', "1010 " + expected);
         EXPECT_TRUE(VariantType(uri["port"]) == TypeUInt16 && VariantType(uri["portSpecified"]) == TypeBool);
         EXPECT_EQ(VariantType(uri["parameters"]), TypeMap);
     }
@@ -72,9 +68,8 @@ TEST(ParseUri, RefusesWithOneMessageAndAnEmptyRecord) {
     for (const auto& [text, message] : test::readCases("uri_refused.txt")) {
         EXPECT_EQ(parts(text), "refused") << text;
         const auto lines = log.take();
-        ASSERT_EQ(lines.size(), 1U) << text;
+        ASSERT_TRUE(lines.size() == 1 && lines[0].sourceFile == "src/uri" && lines[0].function == "parseURI");
         EXPECT_EQ(lines[0].message, message);
-        EXPECT_TRUE(lines[0].sourceFile == "src/uri" && lines[0].function == "parseURI");
     }
 }
 
@@ -85,18 +80,12 @@ TEST(UriRecord, GettersPutTheirDefaultWhereNothingFits) {
     uri["schema"] = 5;
     EXPECT_EQ(uri.host() + uri.schema(), "");
     EXPECT_TRUE(uri.port() == 0 && !uri.portSpecified());
-    Variant expected;
-    expected["host"] = expected["schema"] = "";
-    expected["port"] = 0;
-    expected["portSpecified"] = false;
-    EXPECT_EQ(uri, expected);
+    EXPECT_EQ(test::shown(uri), "1010 host=\nport=0\nportSpecified=0\nschema=");
     uri["port"] = -1;
     EXPECT_TRUE(uri.port() == 65535 && uri["port"] == Variant(-1));
     static_cast<Variant&>(uri) = 5;
     uri.schema("rtsp");
-    Variant map;
-    map["schema"] = "rtsp";
-    EXPECT_EQ(uri, map);
+    EXPECT_EQ(test::shown(uri), "1010 schema=rtsp");
 }
 
 TEST(UriRecord, ComposesTheBaseFromMembers) {
@@ -107,9 +96,7 @@ TEST(UriRecord, ComposesTheBaseFromMembers) {
     }
     URI uri;
     EXPECT_EQ(uri.baseURI(), "");
-    Variant onlySchema;
-    onlySchema["schema"] = "";
-    EXPECT_EQ(uri, onlySchema);
+    EXPECT_EQ(test::shown(uri), "1010 schema=");
     ASSERT_TRUE(parseURI("rtsp://cam/live/ch0", uri));
     uri["portSpecified"] = true;
     uri["port"] = "none";

@@ -3,8 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <limits>
-
 #include "korvo/utils/device_root.h"
 #include "korvo/utils/file.h"
 #include "korvo/utils/host.h"
@@ -40,12 +38,9 @@ TEST(Text, SplitsTrimsLowersReplacesAndFormats) {
 TEST(Text, ReadsNumbersTheSameInEveryLocale) {
     test::inEveryLocale([] {
         const char* end = nullptr;
-        EXPECT_EQ(toDouble("2.5,x", &end), 2.5);
-        EXPECT_STREQ(end, ",x");
-        EXPECT_EQ(toDouble("0x1.8"), 1.5);
-        EXPECT_EQ(toDouble("1e999"), std::numeric_limits<double>::infinity());
-        EXPECT_EQ(toDouble("none", &end), 0.0);
-        EXPECT_STREQ(end, "none");
+        EXPECT_TRUE(toDouble("2.5,x", &end) == 2.5 && std::string(end) == ",x");
+        EXPECT_TRUE(toDouble("none", &end) == 0.0 && std::string(end) == "none");
+        EXPECT_TRUE(toDouble("0x1.8") == 1.5 && toDouble("1e999") > 1e308);
     });
 }
 
@@ -75,7 +70,7 @@ TEST(File, FailuresLeaveTheTextAndPlantedFilesAlone) {
     File file;
     std::string text = "kept";
     for (const std::string& path : {at("symlink"), at("hardlink"), at("folder"), at("pipe"),
-                                    at("missing/file"), at("nul") + std::string(1, '\0') + "x"})
+                                    at("missing/file"), at("nul") + std::string("\0x", 2)})
         EXPECT_FALSE(file.Initialize(path, FILE_OPEN_MODE_TRUNCATE)) << path;
     ::close(reader);
     EXPECT_FALSE(File::ReadStringAll(at("missing"), text) || File::ReadStringAll(at("folder"), text));
