@@ -3,9 +3,8 @@
 #include <gtest/gtest.h>
 #include <locale.h>
 
-#include <map>
+#include <algorithm>
 
-#include "korvo/utils/text.h"
 #include "support/cases.h"
 #include "support/device.h"
 #include "support/locales.h"
@@ -16,58 +15,44 @@ using namespace korvo::variant;
 
 namespace {
 
-const std::map<std::string, std::string> healthyFiles = {
-    {"etc/board.info",
-     "board.hwaddr=021b2ca1B2c3\r\nfeature_mic=1\nfeature_rtc=-1\nfeature_sdmmc=2\nfeature_video=3\n"
-     "feature_wifi=4\nboard.name=KV2\n"},
-    {"proc/sys/kernel/hostname", " camera-7\t\nsecond line\n"},
-    {"proc/uptime", "100.00 25.00 7\n1 1\n"},
-    {"lib/version", "\nAB1.xyz.v4.0.1.34.4f2a1b3.170101.1200\n\n"}};
+using Fields = std::vector<std::string>;
 
-/** In the order in which Init() comes to them. */
-const char healthyRecord[] =
-    "name=KV2|hwaddr=021b2ca1B2c3|feature_sdmmc=2|feature_mic=1|feature_video=3|feature_ir=0|feature_rtc=-1|"
-    "feature_wifi=4|hostName=camera-7|upTime=100.0|idleTime=25.0|totalLoad=0.75|"
-    "fullVersion=AB1.xyz.v4.0.1.34.4f2a1b3.170101.1200|version=AB1.v4.0.1.34.4f2a1b3.170101.1200|"
-    "deviceModel=AB1|protocolVer=34|hwaddrColons=02:1b:2c:a1:B2:c3";
-
-/** The key=value text of the healthy record up to a member, with what differs behind a device's message. */
-std::string expectedRecord(const std::vector<std::string>& outcome) {
+/** The key=value text of the healthy record up to the last member gathered, with what differs. */
+std::string expectedRecord(const Fields& healthy, const Fields& outcome) {
     Variant record;
     const auto take = [&](const std::string& member) {
         const std::string key = member.substr(0, member.find('='));
         record[key] = key == member ? Variant() : Variant(member.substr(key.size() + 1));
-        return key;
+        return key == outcome[0];
     };
-    for (const std::string& member : test::fields(outcome[0] == "none" ? "earlier=1" : healthyRecord))
-        if (take(member) == outcome[0]) break;
+    if (outcome[0] != "none") (void)std::find_if(healthy.begin() + 2, healthy.end(), take);
     std::for_each(outcome.begin() + 2, outcome.end(), take);
     return test::shown(record);
 }
 
-/** The healthy device, but for one file: its name and, unless it is to be missing, its content. */
-struct DeviceBut : test::Device {
-    explicit DeviceBut(std::vector<std::string> different) {
-        for (const auto& [name, text] : healthyFiles) write(name, text);
-        std::filesystem::remove(path() / different[0]);
-        if (different.size() < 2) return;
-        korvo::utils::replaceAll(different[1], "HEALTHY", healthyFiles.at("etc/board.info"));
-        write(different[0], different[1]);
+struct Device : test::Device {
+    /** Puts files FILE|CONTENT|... in place, and takes away one without content. */
+    void put(const Fields& files) const {
+        for (std::size_t i = 0; i + 1 < files.size(); i += 2) write(files[i], files[i + 1]);
+        if (files.size() % 2 != 0) std::filesystem::remove(path() / files.back());
     }
 };
 
 TEST(CameraInfo, GathersWhatEachSampleDeviceHasInEveryLocale) {
     test::LogCapture log;
+    const auto cases = test::readCases("devices.txt");
     test::inEveryLocale([&] {
-        for (const auto& [sample, expected] : test::readCases("devices.txt")) {
+        for (const auto& [sample, expected] : cases) {
             SCOPED_TRACE(sample);
-            const DeviceBut device(test::fields(sample));
-            const auto outcome = test::fields(expected);
+            const Device device;
+            device.put(test::fields(cases[0].first));
+            device.put(test::fields(sample));
+            const Fields outcome = test::fields(expected);
             CameraInfo info;
             info["earlier"] = 1;
             errno = EDOM;
             EXPECT_EQ(info.Init(), outcome[0] == "all");
-            EXPECT_EQ(test::shown(info), expectedRecord(outcome));
+            EXPECT_EQ(test::shown(info), expectedRecord(test::fields(cases[0].second), outcome));
             EXPECT_EQ(::uselocale(nullptr), LC_GLOBAL_LOCALE) << "the host's locale is its own";
             const auto lines = log.take();
             ASSERT_EQ(lines.size(), outcome[1].empty() ? 0U : 1U);
@@ -82,7 +67,9 @@ TEST(CameraInfo, TheFirmwareVersionMustHaveItsFormInEveryLocale) {
     test::LogCapture log;
     test::inEveryLocale([&] {
         for (const auto& [version, protocol] : test::readCases("firmware_versions.txt")) {
-            const DeviceBut device({"lib/version", version});
+            const Device device;
+            device.put(test::fields(test::readCases("devices.txt")[0].first));
+            device.put({"lib/version", version});
             CameraInfo info;
             const bool matched = info.Init();
             EXPECT_EQ(info["fullVersion"], Variant(version));

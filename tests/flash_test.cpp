@@ -15,7 +15,6 @@ using korvo::utils::saveToFlashRaw;
 class FlashTest : public testing::Test {
   protected:
     test::Device root;
-    const fs::path configuration = root.path() / "tmp/system.cfg";
     const std::string folder = std::string(KORVO_FLASH_DIR).substr(1);
     const std::string copy = folder + "/system.cfg";
 };
@@ -39,7 +38,7 @@ TEST_F(FlashTest, MakesTheFolderAndAPrivateCopyAndReplacesItLater) {
 
 TEST_F(FlashTest, FailureTellsItsCauseAndLeavesTheOldCopy) {
     const std::pair<std::function<void()>, int> cases[] = {
-        {[&] { fs::remove(configuration); }, ENOENT},
+        {[&] { fs::remove(root.path() / "tmp/system.cfg"); }, ENOENT},
         {[&] { fs::remove_all(root.path() / folder), root.write(folder, "no folder"); }, ENOTDIR},
         {[&] { fs::remove(root.path() / copy), fs::create_directory(root.path() / copy); }, EISDIR},
     };
