@@ -20,7 +20,7 @@ TEST(Logger, SendsMessagesOfAnyLengthToTheHostsSinkUntilItIsTakenBack) {
     {
         test::LogCapture log;
         logInternal("module", "src/x", "f", 7, 4, 0, 0, "%s", text.c_str());
-        EXPECT_EQ(log.takeMessages(), std::vector<std::string>{text});
+        EXPECT_EQ(log.messages(), text);
     }
     EXPECT_EQ(korvo::logger::setSink(nullptr), korvo::logger::standardErrorSink);
 }

@@ -26,11 +26,11 @@ class LogCapture {
     /** What was logged since the last call. */
     std::vector<LogLine> take() { return std::exchange(lines, {}); }
 
-    /** The messages alone. */
-    std::vector<std::string> takeMessages() {
-        std::vector<std::string> messages;
-        for (const LogLine& line : take()) messages.push_back(line.message);
-        return messages;
+    /** The messages alone, with "|" between them. */
+    std::string messages() {
+        std::string text;
+        for (const LogLine& line : take()) text += (text.empty() ? "" : "|") + line.message;
+        return text;
     }
 
   private:
