@@ -88,14 +88,4 @@ TEST(KeyValueText, DoesNotWriteWhatWouldReadBackAsAnotherTree) {
     EXPECT_EQ(text, "k: a: b;ok: 1;");
 }
 
-TEST(KeyValueText, TenThousandKeysInAnyOrderRoundTrip) {
-    std::string text;
-    for (int i = 0; i < 10000; ++i)
-        text += 'g' + std::to_string(i * 79 % 97) + ".key" + std::to_string(i * 4729 % 10007) + "=1\n";
-    Variant tree, again;
-    ASSERT_TRUE(tree.FromKVP(text, true, false, true) && again.FromKVP(exported(tree), true, false, true));
-    EXPECT_EQ(again, tree);
-    EXPECT_EQ(exported(tree).size(), text.size());
-}
-
 }  // namespace

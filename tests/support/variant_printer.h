@@ -1,8 +1,9 @@
 /** @file Shows a value in a test's failure message, and in tables of cases: `TYPE-TAG TEXT`. */
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <ostream>
-#include <sstream>
 #include <string>
 
 #include "korvo/variant/variant.h"
@@ -16,7 +17,7 @@ inline void PrintTo(const Variant& value, std::ostream* out) {
     tree[""] = value;
     std::string text = "(no key=value text)\n";
     (void)(isContainer ? value : tree).ToKVP(text, isContainer ? "=" : "", "\n");
-    *out << std::hex << static_cast<int>(type) << std::dec << ' ' << text;
+    *out << std::hex << static_cast<int>(type) << std::dec << ' ' << text.substr(0, text.size() - 1);
 }
 
 }  // namespace korvo::variant
@@ -24,11 +25,7 @@ inline void PrintTo(const Variant& value, std::ostream* out) {
 namespace test {
 
 inline std::string shown(const korvo::variant::Variant& value) {
-    std::ostringstream out;
-    PrintTo(value, &out);
-    std::string text = out.str();
-    if (text.back() == '\n') text.pop_back();
-    return text;
+    return testing::PrintToString(value);
 }
 
 }  // namespace test
