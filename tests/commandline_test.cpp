@@ -72,8 +72,7 @@ TEST(CommandLine, ParsesAWholeCommandLineAndKeepsWhatTheResultHeld) {
     const auto lines = log.take();
     ASSERT_TRUE(lines.size() == 1 && lines[0].function == "ParseCommandLine" && lines[0].level == 4);
     EXPECT_EQ(lines[0].message, "unknown parameter detected: `%s%n`");
-    Variant none;
-    ParseCommandLine(0, nullptr, none, result);
+    ParseCommandLine(0, nullptr, before, result);
     EXPECT_EQ(result["commandLine"]["executed"], Variant());
     EXPECT_EQ(parse(options, {})["commandLine"]["fullPath"], Variant()) << "there is no such program";
 }

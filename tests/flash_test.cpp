@@ -15,8 +15,7 @@ using korvo::utils::saveToFlashRaw;
 class FlashTest : public testing::Test {
   protected:
     test::Device root;
-    const std::string folder = std::string(KORVO_FLASH_DIR).substr(1);
-    const std::string copy = folder + "/system.cfg";
+    const std::string folder = std::string(KORVO_FLASH_DIR).substr(1), copy = folder + "/system.cfg";
 };
 
 TEST_F(FlashTest, MakesTheFolderAndAPrivateCopyAndReplacesItLater) {

@@ -30,8 +30,7 @@ Variant sampleTree() {
     return tree;
 }
 
-/** The type tag of a value, and all its conversions: bool, signed char, int, unsigned short, long long,
- * double, text. */
+/** The type tag of a value, and what it is as bool, the integers from small to large, double and text. */
 std::string conversions(const Variant& value) {
     std::ostringstream out;
     out << std::hex << VariantType(value) << std::dec << ": " << bool(value) << ' '
