@@ -80,25 +80,17 @@ TEST(CameraInfo, TheFirmwareVersionMustHaveItsFormInEveryLocale) {
 }
 
 TEST(CameraInfoAccessors, ReturnTheMemberOrLeaveADefaultInItsPlace) {
-    const auto check = [](const Variant& stored, int feature, double seconds, const std::string& text) {
-        SCOPED_TRACE(test::shown(stored));
-        const bool numeric = (VariantType(stored) & TypeNumeric) != 0;
+    const auto check = [](const Variant& stored, int feature, double seconds, const std::string& left) {
         CameraInfo info;
-        for (const char* key : {"feature_mic", "feature_ir", "feature_rtc", "feature_wifi", "feature_sdmmc",
-                                "feature_video", "upTime", "idleTime", "fullVersion"})
-            info[key] = stored;
-        for (const int found : {info.feature_mic(), info.feature_ir(), info.feature_rtc(),
-                                info.feature_wifi(), info.feature_sdmmc(), info.feature_video()})
-            EXPECT_EQ(found, feature);
-        EXPECT_TRUE(info.upTime() == seconds && info.idleTime() == seconds && info.fullVersion() == text);
-        EXPECT_EQ(info["feature_rtc"], numeric ? stored : Variant(false));
-        EXPECT_EQ(info["idleTime"], numeric ? stored : Variant(0));
-        EXPECT_EQ(info["fullVersion"], Variant(text));
+        info["feature_ir"] = info["upTime"] = info["idleTime"] = info["fullVersion"] = stored;
+        EXPECT_TRUE(info.feature_ir() == feature && info.upTime() == seconds && info.idleTime() == seconds);
+        EXPECT_EQ(info.fullVersion(), static_cast<const std::string&>(stored));
+        EXPECT_EQ(test::shown(info), "1010 " + left);
     };
-    check(300, 44, 300.0, "");
-    check(2.75, 2, 2.75, "");
-    check(true, 0, 0.0, "");
-    check("1", 0, 0.0, "1");
+    check(300, 44, 300.0, "feature_ir=300\nfullVersion=\nidleTime=300\nupTime=300");
+    check(2.75, 2, 2.75, "feature_ir=2.75\nfullVersion=\nidleTime=2.75\nupTime=2.75");
+    check(true, 0, 0.0, "feature_ir=0\nfullVersion=\nidleTime=0\nupTime=0");
+    check("1", 0, 0.0, "feature_ir=0\nfullVersion=1\nidleTime=0\nupTime=0");
 }
 
 }  // namespace

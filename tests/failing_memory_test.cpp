@@ -112,10 +112,8 @@ TEST(FailingMemory, LeavesTheConfigurationWholeAndUnlocked) {
             SystemCfgManager store;
             std::string value;
             Variant tree;
-            if (!store.init()) return;
-            (void)store.get("section.item", &value, nullptr);
-            (void)store.set("section.new.item", longText + value, nullptr);
-            (void)store.getVariant(tree);
+            if (!store.init() || !store.get("section.item", &value, nullptr)) return;
+            (void)(store.set("section.new.item", longText + value, nullptr) && store.getVariant(tree));
             (void)store.close(save, save);
         });
     }
