@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <sys/wait.h>
 
 #include "support/cases.h"
 #include "support/temporary_directory.h"
@@ -13,7 +14,7 @@ TEST(Korvoctl, AnswersCommandsWithResultsErrorsAndExitStatus) {
     for (const auto& [command, expected] : test::readCases("korvoctl.txt")) {
         SCOPED_TRACE(command);
         const auto wanted = test::fields(expected);
-        const int status = std::system((setUp + command).c_str());  // NOLINT(cert-env33-c)
+        const int status = std::system((setUp + command).c_str());  // NOLINT(concurrency-mt-unsafe)
         EXPECT_EQ(std::to_string(WEXITSTATUS(status)) + '|' + device.read("output"),
                   wanted.at(0) + '|' + wanted.at(1));
         const std::string errors = device.read("errors");

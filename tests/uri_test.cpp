@@ -39,9 +39,10 @@ namespace {
 
 TEST(ParseUri, FirstUseMayBeInManyThreadsAtOnce) {
     std::array<URI, 8> uris;
-    std::vector<std::thread> threads;
-    for (URI& uri : uris)
-        threads.emplace_back([&uri] { EXPECT_TRUE(parseURI("RTSP://u:p@cam:1/a/b?c=1&d=2", uri)); });
+    std::array<std::thread, 8> threads;
+    for (std::size_t i = 0; i < uris.size(); ++i)
+        threads[i] =
+            std::thread([&uri = uris[i]] { EXPECT_TRUE(parseURI("RTSP://u:p@cam:1/a/b?c=1", uri)); });
     for (std::thread& thread : threads) thread.join();
     for (const URI& uri : uris) EXPECT_EQ(uri, uris[0]);
 }
