@@ -56,8 +56,10 @@ struct InterProcessMutex::Shared {
     unsigned long long thread = 0;              ///< that acquired it for the holder
     std::condition_variable turn;
 
-    /** To be called with the table locked, since a fork copies open files and memory at two moments
-     * and would see the one without the other. */
+    /**
+     * To be called with the table locked, since a fork copies open files and memory at two moments and would
+     * see the one without the other.
+     */
     int openFile() {
         if (descriptor >= 0) return 0;
         descriptor = openLockFile(path.c_str());
@@ -103,11 +105,14 @@ struct InterProcessMutex::Table {
 
   private:
     Table() {
-        const auto lock = [] { instance().mutex.lock(); };
-        const auto unlock = [] { instance().mutex.unlock(); };
-        const auto forget = [] { instance().forgetLocks(); };
-        if (::pthread_atfork(lock, unlock, forget) != 0) throw std::bad_alloc();
+        if (forkHandlers != 0) throw std::bad_alloc();
     }
+
+    /**
+     * Installed when the library is loaded, not with the first use: a fork in another thread's first use would leave
+     * the child a half-made table.
+     */
+    static const int forkHandlers;
 
     /** In a forked child, which has inherited neither the record locks nor the threads that wait. */
     void forgetLocks() {
@@ -121,6 +126,9 @@ struct InterProcessMutex::Table {
         mutex.unlock();
     }
 };
+
+const int InterProcessMutex::Table::forkHandlers = ::pthread_atfork(
+    [] { instance().mutex.lock(); }, [] { instance().mutex.unlock(); }, [] { instance().forgetLocks(); });
 
 InterProcessMutex::InterProcessMutex(const char* name, bool /*reserved*/) : shared(nullptr) {
     const std::string text = name != nullptr ? name : "";
