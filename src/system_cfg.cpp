@@ -1,6 +1,5 @@
 #include "korvo/variant_utils/system_cfg.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,7 +28,6 @@ using korvo::variant::TypeMap;
 using korvo::variant::TypeNull;
 using korvo::variant::TypeNumeric;
 using korvo::variant::TypeString;
-using korvo::variant::TypeUInt64;
 using korvo::variant::Variant;
 using korvo::variant::VariantType;
 
@@ -64,8 +62,10 @@ class Replacements {
     std::size_t done = 0;  ///< so much of the text has been dealt with
 };
 
-/** Calls @p visit with the places of a pair's key, its "=" and the end of its value, for each line that is a
- * pair. */
+/**
+ * Calls @p visit with the places of a pair's key, its "=" and the end of its value, for each line that is a
+ * pair.
+ */
 template <class Visit>
 void forEachPair(std::string_view text, Visit visit) {
     for (std::size_t begin = 0; begin < text.size();) {
@@ -81,8 +81,10 @@ void forEachPair(std::string_view text, Visit visit) {
     }
 }
 
-/** Calls @p visit with the place and the underscores in front of each component behind a dot that begins with
- * 1 to 4. */
+/**
+ * Calls @p visit with the place and the underscores in front of each component behind a dot that begins with
+ * 1 to 4.
+ */
 template <class Visit>
 void forEachIndexComponent(std::string_view key, Visit visit) {
     for (std::size_t dot = key.find('.'); dot != std::string_view::npos; dot = key.find('.', dot + 1)) {
@@ -171,34 +173,20 @@ bool isContainer(const Variant& node) {
 bool canHold(const Variant& node, const std::string& name) {
     if (!isContainer(node)) return static_cast<VariantType>(node) == TypeNull;
     // In a tree that a host filled, an indexed member may have a line of that name already.
+    const long long index = std::strtoll(name.c_str(), nullptr, 10);
+    if (std::to_string(index) != name) return true;
     const Variant* indexed = node.GetKeyChain(TypeAny, ("[" + name + "]").c_str(), true);
     return indexed == nullptr || indexed == node.GetKeyChain(TypeAny, name.c_str(), true);
 }
 
-int clampToInt(long long number) {
-    return static_cast<int>(std::clamp<long long>(number, INT_MIN, INT_MAX));
+/** The integer that a text stands for; the nearest int, whatever the width of long. */
+int clampedInt(const char* text) {
+    return static_cast<int>(std::clamp<long long>(std::strtoll(text, nullptr, 10), INT_MIN, INT_MAX));
 }
 
-/** The integer that a number or a text stands for, the same whatever the width of long. */
 int toInt(const Variant& value) {
     const VariantType type = value;
-    if (type == TypeString) return clampToInt(std::strtoll(static_cast<const char*>(value), nullptr, 10));
-    const long long number = value;
-    return type == TypeUInt64 && number < 0 ? INT_MAX : clampToInt(number);
-}
-
-/** Gives a new file the access of the one that it is to replace. */
-bool keepAccess(const std::string& newPath, const std::string& oldPath) {
-    struct stat oldStatus {};
-    struct stat newStatus {};
-    if (::stat(oldPath.c_str(), &oldStatus) != 0) return errno == ENOENT;
-    if (::lstat(newPath.c_str(), &newStatus) != 0) return false;
-    if (oldStatus.st_uid != newStatus.st_uid || oldStatus.st_gid != newStatus.st_gid) {
-        // Only a privileged process may give a file away; what the others write becomes their own.
-        [[maybe_unused]] const int ignored = ::lchown(newPath.c_str(), oldStatus.st_uid, oldStatus.st_gid);
-    }
-    const mode_t bits = oldStatus.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO);
-    return bits == (newStatus.st_mode & 07777) || ::chmod(newPath.c_str(), bits) == 0;
+    return type == TypeString ? clampedInt(value) : static_cast<int>(value);
 }
 
 }  // namespace
@@ -303,7 +291,7 @@ bool SystemCfgManager::write() {
         KORVO_LOG(LevelError, "Failed to open system.cfg");
         return false;
     }
-    if (!file.WriteString(text) || !file.Close() || !keepAccess(temporary, target)) {
+    if (!file.WriteString(text) || !file.CopyAccess(target) || !file.Close()) {
         (void)::unlink(temporary.c_str());
         KORVO_LOG(LevelError, "Failed to write system.cfg");
         return false;
@@ -349,7 +337,7 @@ void SystemCfgManager::getLastNode(const std::string& key, Variant*& node, std::
 }
 
 bool SystemCfgManager::getSystemCfgValue(const std::string& key, VariantType type, Variant** value) {
-    *value = nullptr;
+    if (value != nullptr) *value = nullptr;
     std::vector<std::string> components;
     if (!splitKey(key, components)) return false;
     std::string path;
@@ -360,7 +348,7 @@ bool SystemCfgManager::getSystemCfgValue(const std::string& key, VariantType typ
             component.size() == 1 && std::isalpha(static_cast<unsigned char>(component[0])) != 0;
         path += letter ? "[" + component + "]" : component;
     }
-    *value = variant->GetKeyChain(type, path.c_str(), true);
+    if (value != nullptr) *value = variant->GetKeyChain(type, path.c_str(), true);
     return true;
 }
 

@@ -96,7 +96,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * Reads an integer.
      *
      * Held as strings, the value is that of the text's leading decimal digits, behind white space and a sign;
-     * 0 when there are none. Values outside of int give the nearest int.
+     * 0 when there are none; texts outside of int give the nearest int. Held as numbers, it is the number as int.
      *
      * @param key       dotted
      * @param value     receives the integer; -1 when there is none
@@ -146,7 +146,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * Finds a value.
      * @param key    dotted
      * @param type   what it must be, as for Variant::GetKeyChain()
-     * @param value  receives the value; null when there is none
+     * @param value  receives the value; null when there is none. May itself be null
      * @return false when the key is refused
      */
     bool getSystemCfgValue(const std::string& key, korvo::variant::VariantType type,

@@ -41,7 +41,8 @@ File::~File() {
 
 bool File::Initialize(const std::string& path, FILE_OPEN_MODE mode) {
     (void)Close();
-    if (path.find('\0') != std::string::npos) {
+    const bool knownMode = mode == FILE_OPEN_MODE_READ || mode == FILE_OPEN_MODE_TRUNCATE;
+    if (!knownMode || path.find('\0') != std::string::npos) {
         errno = EINVAL;
         return false;
     }
@@ -102,6 +103,20 @@ bool File::WriteString(const std::string& text) {
             uninterrupted([&] { return ::write(descriptor, &text[written], text.size() - written); });
         if (count < 0) return false;
         written += static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+bool File::CopyAccess(const std::string& path) {
+    struct stat wanted {};
+    struct stat own {};
+    if (::stat(path.c_str(), &wanted) != 0) return errno == ENOENT;
+    if (::fstat(descriptor, &own) != 0) return false;
+    const mode_t bits = wanted.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO);
+    if (bits != (own.st_mode & 07777) && ::fchmod(descriptor, bits) != 0) return false;
+    if (wanted.st_uid != own.st_uid || wanted.st_gid != own.st_gid) {
+        // Only a privileged process may give a file away; what the others write becomes their own.
+        [[maybe_unused]] const int ignored = ::fchown(descriptor, wanted.st_uid, wanted.st_gid);
     }
     return true;
 }

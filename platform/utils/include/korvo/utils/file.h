@@ -52,6 +52,12 @@ class KORVO_UTILS_EXPORT File {
     /** Writes all of @p text at the current position. After a failure part of it may have been written. */
     bool WriteString(const std::string& text);
 
+    /**
+     * Gives the open file the permission bits of the file at @p path, and its owner where the process may; does
+     * nothing when there is no such file. Works on the open file, so that no link planted at its name is followed.
+     */
+    bool CopyAccess(const std::string& path);
+
     /** Waits until everything written has reached the storage device. The file's name is not part of that. */
     bool Sync();
 

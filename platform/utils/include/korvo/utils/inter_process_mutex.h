@@ -36,10 +36,10 @@ class KORVO_UTILS_EXPORT InterProcessMutex {
 
     /**
      * Waits, through signals too, until the lock is held.
-     * @return 0; EDEADLK when waiting could not end: the calling thread acquired this name before, through
-     *         this or another object, and it is still held, or the kernel sees processes wait for one
-     * another; EINVAL for a refused name; EPERM when something other than a plain file has the lock file's
-     *         name; else why the file cannot be opened (ELOOP for a link) or locked
+     * @return 0; EDEADLK when waiting could not end: the calling thread acquired this name before, through this
+     *         or another object, and it is still held, or the kernel sees processes wait for one another; EINVAL
+     *         for a refused name; EPERM when something other than a plain file has the lock file's name; else why
+     *         the file cannot be opened (ELOOP for a link) or locked
      */
     int acquire();
 

@@ -40,8 +40,8 @@ KORVO_UTILS_EXPORT std::string format(const char* format, ...) __attribute__((fo
 /**
  * strtod() as it works in the "C" locale, whatever locale the host has set: the decimal point is always ".".
  * @param text  a zero-terminated text
- * @param end   when not null, receives the first character that is not part of the number; @p text when there
- * is none
+ * @param end   when not null, receives the first character that is not part of the number; @p text when there is
+ *              no number
  * @return the number; 0 when there is none, plus or minus infinity when it is out of range
  */
 KORVO_UTILS_EXPORT double toDouble(const char* text, const char** end = nullptr);
