@@ -55,6 +55,8 @@ Variant convertFraction(const std::string& text) {
 }
 
 Variant convertInteger(const std::string& text) {
+    // Newer C libraries read 0b11 as binary.
+    if (text.find_first_of("bB") == text.find_first_not_of("+-") + 1) return Variant(text);
     char* end = nullptr;
     const long long value = std::strtoll(text.c_str(), &end, 0);
     if (end != text.c_str() + text.size()) return Variant(text);

@@ -23,10 +23,7 @@ ExitStatus printConfigurationValue(const Options& options) {
 ExitStatus setConfigurationValue(const Options& options) {
     const std::string& assignment = options.text("set");
     const std::size_t equals = assignment.find('=');
-    if (equals == std::string::npos) {
-        (void)failed("--set takes KEY=VALUE");
-        return WrongUsage;
-    }
+    if (equals == std::string::npos) return wrongUsage("--set takes KEY=VALUE");
     SystemCfgManager store;
     if (!store.init()) return Failed;
     if (!store.set(assignment.substr(0, equals), assignment.substr(equals + 1), nullptr)) return Failed;

@@ -26,7 +26,8 @@ ExitStatus run(int argc, const char** argv) {
     if (!options.ok()) return WrongUsage;
     if (options.has("root")) {
         const std::string& root = options.text("root");
-        if (!std::filesystem::is_directory(root)) return failed("there is no folder " + root);
+        std::error_code ignored;
+        if (!std::filesystem::is_directory(root, ignored)) return failed("there is no folder " + root);
         korvo::utils::setDeviceRoot(root);
     }
     for (const Action& action : actions) {
@@ -44,7 +45,7 @@ int main(int argc, char** argv) {
     try {
         status = korvoctl::run(argc, const_cast<const char**>(argv));
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "korvoctl: %s\n", error.what());
+        (void)korvoctl::failed(error.what());
     }
     // Results that did not reach their reader, as on a full disk, must not pass for done.
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {

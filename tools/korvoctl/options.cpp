@@ -1,9 +1,9 @@
 #include "options.h"
 
-#include <cstdio>
 #include <cstring>
 
 #include "korvo/variant_utils/commandline.h"
+#include "output.h"
 
 namespace korvoctl {
 namespace {
@@ -49,8 +49,9 @@ const Option* findOption(const std::string& longName) {
     return nullptr;
 }
 
-bool wrongUsage(const std::string& message) {
-    std::fprintf(stderr, "korvoctl: %s\nTry 'korvoctl --help'.\n", message.c_str());
+/** False, for the caller to return. */
+bool refuse(const std::string& message) {
+    (void)wrongUsage(message);
     return false;
 }
 
@@ -88,30 +89,32 @@ bool Options::check() {
     const Variant& unknown = parsed["unknownParameters"];
     if (unknown.num_begin() != unknown.num_end()) {
         const std::string& argument = unknown.num_begin()->second;
-        return wrongUsage("unknown argument '" + argument + "'");
+        return refuse("unknown argument '" + argument + "'");
     }
     for (const auto& given : parsed["parameters"]) {
         if (!checkOption(std::string(given.first), given.second)) return false;
     }
-    return !chosenAction.empty() || wrongUsage("nothing to do");
+    return !chosenAction.empty() || refuse("nothing to do");
 }
 
 bool Options::checkOption(const std::string& name, const Variant& value) {
     const Option& option = *findOption(name);
-    const VariantType type = value;
-    if (option.takes == Takes::Switch && type == korvo::variant::TypeString) {
-        return wrongUsage("--" + name + " takes no value but 0 or 1");
+    if (option.takes == Takes::Switch && value != Variant(true) && value != Variant(0ULL) &&
+        value != Variant(1ULL)) {
+        return refuse("--" + name + " takes no value but 0 or 1");
     }
-    if (option.takes == Takes::Text && type == korvo::variant::TypeNull) {
-        return wrongUsage("--" + name + " needs a value");
+    // An option may have been named in another way than it is typed, or last without a value.
+    const VariantType type = value;
+    if (option.takes == Takes::Text && (type == korvo::variant::TypeNull || text(option.longName).empty())) {
+        return refuse("--" + name + " needs a value");
     }
     if (option.goesWith == always) return true;
     if (option.goesWith != isAction) {
-        return has(option.goesWith) || wrongUsage("--" + name + " goes with --" + option.goesWith);
+        return has(option.goesWith) || refuse("--" + name + " goes with --" + option.goesWith);
     }
     if (!has(option.longName)) return true;
     if (!chosenAction.empty())
-        return wrongUsage("--" + chosenAction + " and --" + name + " cannot be given together");
+        return refuse("--" + chosenAction + " and --" + name + " cannot be given together");
     chosenAction = name;
     return true;
 }
@@ -124,7 +127,10 @@ bool Options::has(const char* longName) const {
 }
 
 const std::string& Options::text(const char* longName) const {
-    return *texts.GetKeyChain(korvo::variant::TypeString, longName, false);
+    static const std::string none;
+    const Variant* typed = texts.GetKeyChain(korvo::variant::TypeString, longName, false);
+    if (typed == nullptr) return none;
+    return *typed;
 }
 
 void Options::printHelp() {

@@ -42,6 +42,12 @@ ExitStatus failed(const std::string& message) {
     return Failed;
 }
 
+ExitStatus wrongUsage(const std::string& message) {
+    (void)failed(message);
+    std::fprintf(stderr, "Try 'korvoctl --help'.\n");
+    return WrongUsage;
+}
+
 std::string onOneLine(const std::string& text) {
     static const char hex[] = "0123456789abcdef";
     std::string line;

@@ -13,6 +13,9 @@ enum ExitStatus { Done = 0, Failed = 1, WrongUsage = 2 };
 /** Prints a message to standard error; returns Failed. */
 ExitStatus failed(const std::string& message);
 
+/** Prints a message that tells where to read on to standard error; returns WrongUsage. */
+ExitStatus wrongUsage(const std::string& message);
+
 /**
  * @p text as it can stand on one line: a backslash is written `\\`, a control character `\n`, `\r`, `\t` or
  * `\xNN`.

@@ -77,8 +77,8 @@ void standardErrorSink(const Record& record) {
 }
 
 void syslogSink(const Record& record) {
-    ::syslog(record.level & LOG_PRIMASK, "%s %s:%d %s: %s", record.module, record.sourceFile, record.line,
-             record.function, record.message);
+    ::syslog(record.level & LOG_PRIMASK, "%s %s:%d %s: %s (error %d)", record.module, record.sourceFile,
+             record.line, record.function, record.message, record.errorCode);
 }
 
 }  // namespace korvo::logger
