@@ -1,5 +1,7 @@
-/** @file How the facilities log; each defines `sourceFile`, its own name in the messages, before its first
- * message. */
+/**
+ * @file How the facilities log; each defines `sourceFile`, its own name in the messages, before its first
+ * message.
+ */
 #pragma once
 
 #include "korvo/logger/logger.h"

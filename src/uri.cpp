@@ -174,9 +174,12 @@ std::pair<std::string_view, std::string_view> splitAt(std::string_view text, cha
 /**
  * One URI text, taken apart from the left to the right by the grammar
  *
- *   uri       = schema "://" [ user-info "@" ] location      the "@" stands before the first "/" behind the
- * schema user-info = user-name [ ":" password ] location  = host [ ":" port ] [ path ] [ "?" query ]     for
- * every schema but file | [ path ] [ "?" query ]                       for file
+ *   uri       = schema "://" [ user-info "@" ] location
+ *   user-info = user-name [ ":" password ]
+ *   location  = host [ ":" port ] [ path ] [ "?" query ]     for every schema but file
+ *             | [ path ] [ "?" query ]                       for file
+ *
+ * where the "@" stands before the first "/" behind the schema.
  */
 class UriParser {
   public:

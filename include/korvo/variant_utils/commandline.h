@@ -63,10 +63,11 @@ KORVO_VARIANT_UTILS_EXPORT void PrintHelp(const char* programName, Variant& defi
  * @param argc         the number of arguments, the program's name included; 0 is survived
  * @param argv         the arguments
  * @param definitions  the declarations
- * @param result       receives "parameters", a map from long names to values; "unknownParameters", an array
- * of the arguments that match no declaration, each whole; and "commandLine", a map with "executed", the
- *                     program's name as given, and "fullPath", its canonical path, or null where there is
- * none. What else the value holds stays; "parameters" and "unknownParameters" are made only when needed.
+ * @param result       receives "parameters", a map from long names to values; "unknownParameters", an array of
+ *                     the arguments that match no declaration, each whole; and "commandLine", a map with
+ *                     "executed", the program's name as given, and "fullPath", its canonical path, or null where
+ *                     there is none. What else the value holds stays; "parameters" and "unknownParameters" are
+ *                     made only when needed.
  */
 KORVO_VARIANT_UTILS_EXPORT void ParseCommandLine(int argc, const char** argv, Variant& definitions,
                                                  Variant& result);

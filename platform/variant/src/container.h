@@ -30,8 +30,10 @@ struct NumMember {
     long long key() const { return index; }
 };
 
-/** An entry of the index over text keys. The first bytes of the key stand in it, which decides most
- * comparisons. */
+/**
+ * An entry of the index over text keys. The first bytes of the key stand in it, which decides most
+ * comparisons.
+ */
 struct NamedEntry {
     struct Key {
         explicit Key(std::string_view name) : prefix(0), text(name) {
@@ -118,8 +120,9 @@ class Container {
     Container(const Container&) = delete;
     Container& operator=(const Container&) = delete;
 
-    /** Destroys a container with all that is below it, without recursion: a tree may be deeper than the
-     * stack. */
+    /**
+     * Destroys a container with all that is below it, without recursion: a tree may be deeper than the stack.
+     */
     static void destroy(Container* container) noexcept;
 
     /** A deep copy, likewise without recursion. */

@@ -87,8 +87,10 @@ class KeyValueReader {
         return true;
     }
 
-    /** The map that a path names, made when it is missing; null when the path is too long or leads through a
-     * value. */
+    /**
+     * The map that a path names, made when it is missing; null when the path is too long or leads through a
+     * value.
+     */
     Variant* findGroup(std::string_view path) {
         // Lines of one group mostly stand together.
         if (lastGroup != nullptr && path == lastPath) return lastGroup;

@@ -457,8 +457,10 @@ namespace {
 
 using ValuePairs = std::vector<std::pair<const Variant*, const Variant*>>;
 
-/** Whether both ranges have the same keys; appends the pairs of values under them, which are still to be
- * compared. */
+/**
+ * Whether both ranges have the same keys; appends the pairs of values under them, which are still to be
+ * compared.
+ */
 template <class Iterator>
 bool sameKeys(Iterator left, Iterator leftEnd, Iterator right, Iterator rightEnd, ValuePairs& values) {
     for (; left != leftEnd && right != rightEnd; ++left, ++right) {

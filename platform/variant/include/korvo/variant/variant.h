@@ -131,7 +131,7 @@ class KORVO_VARIANT_EXPORT Variant {
 
     /** @name Assignment
      * Replaces the value, whatever it held. The source may be the value itself, one of its members, or a text
-     * inside of it.
+     * inside of it. Only into its own member a value must not be moved.
      * @{ */
     Variant& operator=(const Variant& other);
     Variant& operator=(Variant&& other) noexcept;
@@ -164,7 +164,7 @@ class KORVO_VARIANT_EXPORT Variant {
      * The member under a key, added as a null value when it is missing. A value that is no container first
      * becomes an empty one: a map for a text key, an array for an index.
      *
-     * The index -1 appends: it stands for the index after the last one, at least 0. When the last index is
+     * Indices are signed 64-bit numbers; an unsigned one must be below 2^63. The index -1 appends: it stands for the index after the last one, at least 0. When the last index is
      * the largest there is, -1 stands for that.
      * @{ */
     Variant& operator[](const char* key);
@@ -196,11 +196,11 @@ class KORVO_VARIANT_EXPORT Variant {
     /**
      * Finds a value below this one; creates nothing.
      *
-     * @param filter  what the value found must be: its type AND @p filter must equal @p filter. TypeAny
-     * passes all.
-     * @param path    components separated by "/". A component names the member with exactly that text key,
-     * also when it is empty or all digits. "[n]" with an integer n names the member with that index, "[text]"
-     *                with anything else the member with the text key between the brackets.
+     * @param filter    what the value found must be: its type AND @p filter must equal @p filter. TypeAny passes
+     *                  all, TypeMap arrays too
+     * @param path      components separated by "/". A component names the member with exactly that text key, also
+     *                  when it is empty or all digits. "[n]" with an integer n names the member with that index,
+     *                  "[text]" with anything else the member with the text key between the brackets
      * @param reserved  not used
      * @return the value, or null when there is none or it does not pass the filter
      */
@@ -224,8 +224,8 @@ class KORVO_VARIANT_EXPORT Variant {
      * @param text             the text; any bytes
      * @param reserved         not used
      * @param valuesAsStrings  true holds every value as a string. False holds a value as a number when it is
-     * exactly the text that ToKVP() writes for that number (7, -3, 2.5; not 007, 1.50 or 1e3), as the
-     *                         narrowest of int, long long, unsigned long long and double that fits.
+     *                         exactly the text that ToKVP() writes for that number (7, -3, 2.5; not 007, 1.50 or
+     *                         1e3), as the first of int, long long, unsigned long long and double that fits
      * @param reserved2        not used
      */
     bool FromKVP(const std::string& text, bool reserved, bool valuesAsStrings, bool reserved2);
@@ -240,9 +240,8 @@ class KORVO_VARIANT_EXPORT Variant {
      * keys. Booleans are written as 1 and 0, doubles in the shortest form that reads back the same, with ".0"
      * where that would look like an integer. Null members and empty containers have no line.
      *
-     * Refused, with false and @p text as it was, is what would not read back as the same tree: a key that
-     * holds "=",
-     * "." or a line feed, a line that would begin with "#", a value with a line feed in it or a carriage
+     * Refused, with false and @p text as it was, is what would not read back as the same tree: a key that holds
+     * "=", "." or a line feed, a line that would begin with "#", a value with a line feed in it or a carriage
      * return at its end, an index and a text key that look the same, more than 64 levels, a value that is no
      * container; with separators of one's own also a text that holds them.
      *
