@@ -160,7 +160,9 @@ bool parsePort(std::string_view text, unsigned short& port) {
     return true;
 }
 
-/** What stands before and behind the first occurrence of a character; the second is empty when there is none.
+/**
+ * What stands before and behind the first occurrence of a character; the second is empty when there is
+ * none.
  */
 std::pair<std::string_view, std::string_view> splitAt(std::string_view text, char separator) {
     const std::size_t found = text.find(separator);

@@ -70,7 +70,9 @@ Options::Options(int argc, const char** argv) {
     valid = check();
 }
 
-/** Keeps option values as typed, since parsing turns what looks like a number into one: 010 would become 8.
+/**
+ * Keeps option values as typed, since parsing turns what looks like a number into one: 010 would become
+ * 8.
  */
 void Options::collectTexts(int argc, const char** argv) {
     for (int i = 1; i < argc; ++i) {

@@ -10,7 +10,9 @@ using korvo::variant::URI;
 
 const char hidden[] = "***";
 
-/** Hides the password of a text of which the record was parsed. The user-info stands right behind the schema.
+/**
+ * Hides the password of a text of which the record was parsed. The user-info stands right behind the
+ * schema.
  */
 std::string withoutPassword(std::string text, const URI& parsed) {
     URI uri = parsed;

@@ -150,7 +150,9 @@ class KeyValueWriter {
           lineSeparator(afterLine),
           ownSeparators(betweenKeyAndValue != "=" || afterLine != "\n") {}
 
-    /** Writes what is below a container whose members' keys are component number @p level, which is bounded.
+    /**
+     * Writes what is below a container whose members' keys are component number @p level, which is
+     * bounded.
      */
     bool writeMembers(const Variant& container, std::size_t level) {
         if (level > maxComponents)

@@ -121,7 +121,9 @@ void Variant::copyLeaf(const Variant& other) {
     type = other.type;
 }
 
-/** Takes over another value's content, which becomes null. This value must hold nothing that needs releasing.
+/**
+ * Takes over another value's content, which becomes null. This value must hold nothing that needs
+ * releasing.
  */
 void Variant::moveFrom(Variant& other) noexcept {
     if (other.type == TypeString) {
