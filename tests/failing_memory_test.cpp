@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include <atomic>
+#include <cerrno>
 #include <new>
 
 #include "korvo/logger/logger.h"
@@ -19,10 +20,29 @@ std::atomic<bool> counting{false};
 long allocationsLeft = 0;  ///< so many succeed before one fails
 long liveObjects = 0;      ///< made and not yet deleted while counting
 
+bool mayAllocate() {
+    const bool may = !counting || --allocationsLeft != -1;
+    if (!may) errno = ENOMEM;
+    return may;
+}
+
 }  // namespace
 
+#ifdef SANITIZED
+void* allocate(
+    std::size_t size) {  // sanitizers have a malloc of their own: what the C library allocates does not fail
+    return mayAllocate() ? ::malloc(size) : nullptr;
+}
+#else
+extern "C" void* __libc_malloc(std::size_t size);
+extern "C" __attribute__((visibility("default"))) void* malloc(std::size_t size) noexcept {
+    return mayAllocate() ? __libc_malloc(size) : nullptr;
+}
+const auto allocate = ::malloc;
+#endif
+
 void* operator new(std::size_t size) {
-    void* memory = !counting || --allocationsLeft != -1 ? ::malloc(size) : nullptr;
+    void* memory = allocate(size);
     if (memory == nullptr) throw std::bad_alloc();
     if (counting) ++liveObjects;
     return memory;
