@@ -140,8 +140,6 @@ class KeyValueReader {
     Variant* lastGroup = nullptr;
 };
 
-namespace {
-
 /** Writes a tree as key=value text. */
 class KeyValueWriter {
   public:
@@ -154,19 +152,24 @@ class KeyValueWriter {
      * Writes what is below a container whose members' keys are component number @p level, which is
      * bounded.
      */
-    bool writeMembers(const Variant& container, std::size_t level) {
-        if (level > maxComponents)
-            return container.begin() == container.end() && container.num_begin() == container.num_end();
-        const bool hasTextKeys = container.begin() != container.end();
-        for (auto member = container.num_begin(); member != container.num_end(); ++member) {
-            char buffer[numberBufferSize];
-            const std::string_view key = formatNumber(member->first, buffer);
-            if (hasTextKeys && container.GetKeyChain(TypeAny, std::string(key).c_str(), false) != nullptr)
-                return false;
-            if (!writeMember(key, member->second, level)) return false;
+    bool writeMembers(const Variant& value, std::size_t level) {
+        const Container* container = value.members();
+        if (container == nullptr) return true;
+        if (level > maxComponents) return false;
+        const auto& numbered = container->entries(0LL);
+        for (std::size_t block = 0; block < numbered.blockCount(); ++block) {
+            for (const NumEntry& entry : numbered.block(block)) {
+                char buffer[numberBufferSize];
+                const std::string_view key = formatNumber(entry.index, buffer);
+                if (container->find(key) != nullptr || !writeMember(key, entry.member->value, level))
+                    return false;
+            }
         }
-        for (const auto& member : container) {
-            if (!writeMember(member.first, member.second, level)) return false;
+        const auto& named = container->entries(std::string_view());
+        for (std::size_t block = 0; block < named.blockCount(); ++block) {
+            for (const NamedEntry& entry : named.block(block)) {
+                if (!writeMember(entry.member->key(), entry.member->value, level)) return false;
+            }
         }
         return true;
     }
@@ -175,10 +178,9 @@ class KeyValueWriter {
 
   private:
     bool writeMember(std::string_view key, const Variant& value, std::size_t level) {
-        const VariantType type = value;
-        if (type == TypeNull) return true;
+        if (value.type == TypeNull) return true;
         if (!isWritableKey(key)) return false;
-        if (type != TypeMap && type != TypeArray) return writeLine(key, value);
+        if (!value.isContainer()) return writeLine(key, value);
         const std::size_t length = path.size();
         path.append(key).push_back('.');
         const bool written = writeMembers(value, level + 1);
@@ -190,18 +192,14 @@ class KeyValueWriter {
         if ((path.empty() ? key : std::string_view(path)).substr(0, 1) == "#") return false;
         text.append(path).append(key);
         appendSeparator(keySeparator);
-        char buffer[numberBufferSize];
-        const VariantType type = value;
-        if (type == TypeString) {
-            const std::string& string = value;
-            if (!isWritableValue(string)) return false;
-            text.append(string);
-        } else if (type == TypeDouble) {
-            text.append(formatNumber(static_cast<double>(value), buffer));
-        } else if (type == TypeUInt64) {
-            text.append(formatNumber(static_cast<unsigned long long>(static_cast<long long>(value)), buffer));
+        if (value.type == TypeString) {
+            if (!isWritableValue(value.payload.text)) return false;
+            text.append(value.payload.text);
         } else {
-            text.append(formatNumber(static_cast<long long>(value), buffer));
+            char buffer[numberBufferSize];
+            text.append(value.type == TypeDouble   ? formatNumber(value.payload.real, buffer)
+                        : value.type == TypeUInt64 ? formatNumber(value.payload.integer, buffer)
+                                                   : formatNumber(static_cast<long long>(value), buffer));
         }
         appendSeparator(lineSeparator);
         return true;
@@ -237,8 +235,6 @@ class KeyValueWriter {
     const bool ownSeparators;
     std::string path;  ///< the key of the container being written, with a dot behind it
 };
-
-}  // namespace
 
 bool Variant::FromKVP(const std::string& text, bool /*reserved*/, bool valuesAsStrings, bool /*reserved2*/) {
     Variant tree;

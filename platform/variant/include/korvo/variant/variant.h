@@ -278,6 +278,7 @@ class KORVO_VARIANT_EXPORT Variant {
   private:
     friend class Container;
     friend class KeyValueReader;
+    friend class KeyValueWriter;
 
     union Payload {
         Payload() noexcept : integer(0) {}
