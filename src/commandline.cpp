@@ -63,10 +63,7 @@ Variant convertInteger(const std::string& text) {
     return text[0] == '-' ? Variant(value) : Variant(static_cast<unsigned long long>(value));
 }
 
-/**
- * An option's value from its text, which is not empty: a number where it is written like one, else a
- * string.
- */
+/** An option's value from its text, which is not empty: a number where written like one, else a string. */
 Variant convertValue(const std::string& text) {
     if (text.find_first_not_of("-+.x0123456789abcdefABCDEF") != std::string::npos) return Variant(text);
     return text.find('.') != std::string::npos ? convertFraction(text) : convertInteger(text);

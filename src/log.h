@@ -1,7 +1,4 @@
-/**
- * @file How the facilities log; each defines `sourceFile`, its own name in the messages, before its first
- * message.
- */
+/** @file How the facilities log. Each defines `sourceFile`, its own name in the messages. */
 #pragma once
 
 #include "korvo/logger/logger.h"

@@ -62,10 +62,7 @@ class Replacements {
     std::size_t done = 0;  ///< so much of the text has been dealt with
 };
 
-/**
- * Calls @p visit with the places of a pair's key, its "=" and the end of its value, for each line that is a
- * pair.
- */
+/** Calls @p visit with the places of the key, the "=" and the end of the value of each line that is a pair. */
 template <class Visit>
 void forEachPair(std::string_view text, Visit visit) {
     for (std::size_t begin = 0; begin < text.size();) {
@@ -343,7 +340,7 @@ bool SystemCfgManager::getSystemCfgValue(const std::string& key, VariantType typ
     std::string path;
     for (const std::string& component : components) {
         if (!path.empty()) path += '/';
-        // Key chains read a bare letter as a short name.
+        // In brackets a letter is a text key in every variant library; bare, it need not be.
         const bool letter =
             component.size() == 1 && std::isalpha(static_cast<unsigned char>(component[0])) != 0;
         path += letter ? "[" + component + "]" : component;

@@ -160,10 +160,7 @@ bool parsePort(std::string_view text, unsigned short& port) {
     return true;
 }
 
-/**
- * What stands before and behind the first occurrence of a character; the second is empty when there is
- * none.
- */
+/** What stands before and behind the first such character; the second is empty when there is none. */
 std::pair<std::string_view, std::string_view> splitAt(std::string_view text, char separator) {
     const std::size_t found = text.find(separator);
     if (found == std::string_view::npos) return {text, {}};

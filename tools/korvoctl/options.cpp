@@ -59,8 +59,7 @@ bool refuse(const std::string& message) {
 
 Options::Options(int argc, const char** argv) {
     for (const Option& option : allOptions) {
-        // An option given without a value receives its default: a switch is on, a text stays null, which is
-        // missed.
+        // An option without a value receives its default: a switch is on, a text is null and will be missed.
         const Variant whenBare = option.takes == Takes::Switch ? Variant(true) : Variant();
         AddParameter(definitions, option.shortName, option.longName, option.description, whenBare);
     }
@@ -70,10 +69,7 @@ Options::Options(int argc, const char** argv) {
     valid = check();
 }
 
-/**
- * Keeps option values as typed, since parsing turns what looks like a number into one: 010 would become
- * 8.
- */
+/** Keeps option values as typed: parsing turns what looks like a number into one, 010 into 8. */
 void Options::collectTexts(int argc, const char** argv) {
     for (int i = 1; i < argc; ++i) {
         const char* value = std::strchr(argv[i], '=');

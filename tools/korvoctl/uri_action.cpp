@@ -10,10 +10,7 @@ using korvo::variant::URI;
 
 const char hidden[] = "***";
 
-/**
- * Hides the password of a text of which the record was parsed. The user-info stands right behind the
- * schema.
- */
+/** Hides the password in the text that was parsed. The user-info stands right behind the schema. */
 std::string withoutPassword(std::string text, const URI& parsed) {
     URI uri = parsed;
     const std::size_t begin = text.find("://") + 3 + uri.userName().size() + 1;

@@ -30,10 +30,7 @@ struct NumMember {
     long long key() const { return index; }
 };
 
-/**
- * An entry of the index over text keys. The first bytes of the key stand in it, which decides most
- * comparisons.
- */
+/** An entry of the index over text keys. It holds the key's first bytes, which decide most comparisons. */
 struct NamedEntry {
     struct Key {
         explicit Key(std::string_view name) : prefix(0), text(name) {

@@ -87,10 +87,7 @@ class KeyValueReader {
         return true;
     }
 
-    /**
-     * The map that a path names, made when it is missing; null when the path is too long or leads through a
-     * value.
-     */
+    /** The map that a path names, made when missing; null when the path is too long or leads through a value. */
     Variant* findGroup(std::string_view path) {
         // Lines of one group mostly stand together.
         if (lastGroup != nullptr && path == lastPath) return lastGroup;
@@ -148,10 +145,7 @@ class KeyValueWriter {
           lineSeparator(afterLine),
           ownSeparators(betweenKeyAndValue != "=" || afterLine != "\n") {}
 
-    /**
-     * Writes what is below a container whose members' keys are component number @p level, which is
-     * bounded.
-     */
+    /** Writes what is below a container whose members' keys are component number @p level, 64 at most. */
     bool writeMembers(const Variant& value, std::size_t level) {
         const Container* container = value.members();
         if (container == nullptr) return true;

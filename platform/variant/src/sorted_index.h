@@ -53,10 +53,7 @@ class SortedIndex {
         return at({number, search(block(number), key)}, key);
     }
 
-    /**
-     * Adds an entry at the position that lowerBound() gave for it. When memory fails, nothing has
-     * changed.
-     */
+    /** Adds an entry at the position that lowerBound() gave. When memory fails, nothing has changed. */
     void insert(Position position, const Entry& entry) {
         if (block(position.block).size() == blockCapacity) position = split(position);
         Block& entries = mutableBlock(position.block);

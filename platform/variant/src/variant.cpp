@@ -121,10 +121,7 @@ void Variant::copyLeaf(const Variant& other) {
     type = other.type;
 }
 
-/**
- * Takes over another value's content, which becomes null. This value must hold nothing that needs
- * releasing.
- */
+/** Takes over another value's content, which becomes null. This value must hold nothing to release. */
 void Variant::moveFrom(Variant& other) noexcept {
     if (other.type == TypeString) {
         ::new (&payload.text) std::string(std::move(other.payload.text));
@@ -459,10 +456,7 @@ namespace {
 
 using ValuePairs = std::vector<std::pair<const Variant*, const Variant*>>;
 
-/**
- * Whether both ranges have the same keys; appends the pairs of values under them, which are still to be
- * compared.
- */
+/** Whether both ranges have the same keys; appends the pairs of values that are still to be compared. */
 template <class Iterator>
 bool sameKeys(Iterator left, Iterator leftEnd, Iterator right, Iterator rightEnd, ValuePairs& values) {
     for (; left != leftEnd && right != rightEnd; ++left, ++right) {

@@ -39,10 +39,7 @@ using Sink = void (*)(const Record& record);
 /** Sends later messages to @p sink; null brings back the default, standard error. Returns the sink before. */
 KORVO_LOGGER_EXPORT Sink setSink(Sink sink);
 
-/**
- * The default sink: `LEVEL module sourceFile:line function: message`, one write per line to standard
- * error.
- */
+/** The default sink, standard error: `LEVEL module sourceFile:line function: message`, one write per line. */
 KORVO_LOGGER_EXPORT void standardErrorSink(const Record& record);
 
 /** A ready-made sink for syslog(3). The host may call openlog() first, to choose name and facility. */

@@ -20,10 +20,7 @@ namespace korvo::utils {
 KORVO_UTILS_EXPORT void split(const std::string& text, const std::string& separator,
                               std::vector<std::string>& pieces);
 
-/**
- * Removes ASCII white space (blank, tab, line feed, vertical tab, form feed, carriage return) at both
- * ends.
- */
+/** Removes ASCII white space at both ends: blank, tab, line feed, vertical tab, form feed, carriage return. */
 KORVO_UTILS_EXPORT void trim(std::string& text);
 
 /**
