@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
+#include <random>
+
 #include "korvo/utils/device_root.h"
 #include "korvo/utils/file.h"
 #include "korvo/utils/host.h"
@@ -33,6 +36,24 @@ TEST(Text, SplitsTrimsLowersReplacesAndFormats) {
     replaceAll(text, "..", "");
     EXPECT_EQ(text, "abc");
     EXPECT_EQ(korvo::utils::format("%0999d|%d", 7, -5), std::string(998, '0') + "7|-5");
+    pieces = {"x.y", "."};  // the arguments may be pieces that are there
+    split(pieces[0], pieces[1], pieces);
+    EXPECT_THAT(pieces, testing::ElementsAre("x.y", ".", "x", "y"));
+}
+
+TEST(Text, ReplacesLongTextsWhereverTheyStandAlsoAmongNearMisses) {
+    std::minstd_rand random(1);  // NOLINT(cert-msc51-cpp): the same texts every time
+    for (int round = 0; round < 2000; ++round) {
+        std::string text, search;
+        while (search.size() < 17) search += random() % 8 == 0 ? 'b' : 'a';
+        while (text.size() < 200)
+            text += random() % 4 == 0 ? search : search.substr(0, random() % search.size());
+        std::string expected = text;
+        for (std::size_t at = 0; (at = expected.find(search, at)) != std::string::npos; at += 3)
+            expected.replace(at, search.size(), "(x)");
+        replaceAll(text, search, "(x)");
+        ASSERT_EQ(text, expected) << search;
+    }
 }
 
 TEST(Text, ReadsNumbersTheSameInEveryLocale) {
@@ -58,24 +79,50 @@ TEST(File, WritesFromEmptyAndReadsToTheEnd) {
     EXPECT_TRUE(File::ReadStringAll("/proc/self/stat", text) && text.size() > 1) << "it claims to be empty";
 }
 
-TEST(File, FailuresLeaveTheTextAndPlantedFilesAlone) {
+TEST(File, WritingReplacesWhatWasPlantedAndTouchesNothingThatAnybodyHasOpen) {
     const test::TemporaryDirectory directory;
-    const std::filesystem::path victim = directory.write("victim", "precious");
+    const std::string path = directory.path() / "name";
+    const std::function<void()> plants[] = {
+        [&] { std::filesystem::create_symlink(directory.write("victim", "precious"), path); },
+        [&] { std::filesystem::create_hard_link(directory.path() / "victim", path); },
+        [&] { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); },
+        [&] { std::filesystem::permissions(directory.write("name", "old"), std::filesystem::perms(0644)); },
+    };
+    const mode_t usual = ::umask(0);
+    for (const auto& plant : plants) {
+        plant();
+        const int open = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
+        File file;
+        EXPECT_TRUE(file.Initialize(path, FILE_OPEN_MODE_TRUNCATE) && file.WriteString("secret") &&
+                    file.Close());
+        char seen[8] = {};
+        EXPECT_TRUE(::read(open, seen, sizeof seen) < 0 || std::string(seen) != "secret");
+        ::close(open);
+        EXPECT_EQ(directory.read("name") + directory.read("victim"), "secretprecious");
+        EXPECT_EQ(std::filesystem::symlink_status(path).permissions(), std::filesystem::perms(0600));
+        EXPECT_TRUE(std::filesystem::remove(path));
+        ::umask(0777);  // takes away what the owner needs, too
+    }
+    ::umask(usual);
+}
+
+TEST(File, RefusesWhatCannotBeReplacedAndWhatIsNoPlainFile) {
+    const test::TemporaryDirectory directory;
     const auto at = [&](const char* name) { return (directory.path() / name).string(); };
-    std::filesystem::create_symlink(directory.write("target", "only a link tells"), at("symlink"));
-    std::filesystem::create_hard_link(victim, at("hardlink"));
     std::filesystem::create_directory(at("folder"));
     ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
-    const int reader = ::open(at("pipe").c_str(), O_RDONLY | O_NONBLOCK);
     File file;
     std::string text = "kept";
-    for (const std::string& path : {at("symlink"), at("hardlink"), at("folder"), at("pipe"),
-                                    at("missing/file"), at("nul") + std::string("\0x", 2)})
+    for (const std::string& path : {at("folder"), at("missing/file"), at("nul") + std::string("\0x", 2)})
         EXPECT_FALSE(file.Initialize(path, FILE_OPEN_MODE_TRUNCATE)) << path;
-    ::close(reader);
-    EXPECT_FALSE(File::ReadStringAll(at("missing"), text) || File::ReadStringAll(at("folder"), text));
+    const std::pair<std::string, int> unreadable[] = {
+        {at("missing"), ENOENT}, {at("folder"), EISDIR}, {at("pipe"), ENOTSUP}, {"/dev/zero", ENOTSUP}};
+    for (const auto& [path, error] : unreadable) {
+        EXPECT_FALSE(File::ReadStringAll(path, text)) << path;
+        EXPECT_EQ(errno, error) << path;
+    }
     EXPECT_FALSE(file.ReadStringAll(text) || file.WriteString("x")) << "nothing is open";
-    EXPECT_EQ(directory.read("victim") + directory.read("target") + text, "preciousonly a link tellskept");
+    EXPECT_EQ(text, "kept");
 }
 
 TEST(DeviceRoot, StandsInFrontOfDevicePaths) {

@@ -5,32 +5,58 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
+
+#include "descriptor.h"
 
 namespace korvo::utils {
 namespace {
 
-/** Repeats a system call for as long as a signal interrupts it. */
-template <class Call>
-auto uninterrupted(Call call) {
-    auto result = call();
-    while (result == -1 && errno == EINTR) result = call();
-    return result;
-}
-
-/** Empties a file that was there before, unless it is not ours alone to write. */
-bool claimForWriting(int descriptor) {
-    struct stat status {};
-    if (::fstat(descriptor, &status) != 0) return false;
-    if (!S_ISREG(status.st_mode) || status.st_nlink != 1 || status.st_uid != ::geteuid()) {
-        errno = EPERM;
-        return false;
-    }
-    return status.st_size == 0 || ::ftruncate(descriptor, 0) == 0;
-}
+constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
+constexpr mode_t permissionBits = S_IRWXU | S_IRWXG | S_IRWXO;
 
 bool refuseAsTooLarge() {
     errno = EFBIG;
     return false;
+}
+
+/** Opens a plain file for reading; -1 with errno set. */
+int openForReading(const char* path) {
+    // Without waiting for the writer of a pipe, and without becoming the session of a terminal.
+    Descriptor file(openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0) return -1;
+    if (S_ISREG(status.st_mode)) return file.release();
+    // A pipe may never end, and a device may not end before the memory does.
+    errno = S_ISDIR(status.st_mode) ? EISDIR : ENOTSUP;
+    return -1;
+}
+
+/** Makes a file that nobody else can have open, in place of what has the name; -1 with errno set. */
+int createAnew(const char* path) {
+    // Whoever may write to the folder may put something there again, but is not always in time.
+    constexpr int attempts = 1000;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        const int descriptor = openFile(path, O_WRONLY | O_CREAT | O_EXCL, ownerOnly);
+        if (descriptor >= 0 || errno != EEXIST) return descriptor;
+        if (::unlink(path) != 0 && errno != ENOENT) return -1;
+    }
+    errno = EEXIST;
+    return -1;
+}
+
+/** Gives a new file its mode, of which the umask may have taken away even what the owner needs. */
+bool repairMode(int descriptor) {
+    struct stat status {};
+    if (::fstat(descriptor, &status) != 0) return false;
+    return (status.st_mode & permissionBits) == ownerOnly || ::fchmod(descriptor, ownerOnly) == 0;
+}
+
+int openForWriting(const char* path) {
+    Descriptor file(createAnew(path));
+    if (!file || repairMode(file.get())) return file.release();
+    keepingErrno([&] { (void)::unlink(path); });
+    return -1;
 }
 
 }  // namespace
@@ -46,26 +72,8 @@ bool File::Initialize(const std::string& path, FILE_OPEN_MODE mode) {
         errno = EINVAL;
         return false;
     }
-    if (mode == FILE_OPEN_MODE_READ) {
-        descriptor = uninterrupted([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); });
-        return descriptor >= 0;
-    }
-    // A file made here is ours without a further look, and nothing can fail any more that would leave it
-    // behind.
-    const int flags = O_WRONLY | O_CLOEXEC | O_NOFOLLOW;
-    const auto create = [&] { return ::open(path.c_str(), flags | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR); };
-    descriptor = uninterrupted(create);
-    if (descriptor >= 0) return true;
-    if (errno != EEXIST) return false;
-    // Not O_TRUNC, which would empty a planted file before it can be looked at; O_NONBLOCK, because opening a
-    // planted pipe would wait for a reader forever.
-    descriptor = uninterrupted([&] { return ::open(path.c_str(), flags | O_NONBLOCK); });
-    if (descriptor < 0) return false;
-    if (claimForWriting(descriptor)) return true;
-    const int error = errno;
-    (void)Close();
-    errno = error;
-    return false;
+    descriptor = mode == FILE_OPEN_MODE_READ ? openForReading(path.c_str()) : openForWriting(path.c_str());
+    return descriptor >= 0;
 }
 
 bool File::ReadStringAll(std::string& text) {
@@ -112,13 +120,16 @@ bool File::CopyAccess(const std::string& path) {
     struct stat own {};
     if (::stat(path.c_str(), &wanted) != 0) return errno == ENOENT;
     if (::fstat(descriptor, &own) != 0) return false;
-    const mode_t bits = wanted.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO);
-    if (bits != (own.st_mode & 07777) && ::fchmod(descriptor, bits) != 0) return false;
+    mode_t bits = wanted.st_mode & permissionBits;
     if (wanted.st_uid != own.st_uid || wanted.st_gid != own.st_gid) {
-        // Only a privileged process may give a file away; what the others write becomes their own.
-        [[maybe_unused]] const int ignored = ::fchown(descriptor, wanted.st_uid, wanted.st_gid);
+        // Only a privileged process may give a file away; any other may still choose among its own groups.
+        const bool groupKept = ::fchown(descriptor, wanted.st_uid, wanted.st_gid) == 0 ||
+                               ::fchown(descriptor, static_cast<uid_t>(-1), wanted.st_gid) == 0;
+        // To the old file the members of the new group were others.
+        if (!groupKept && wanted.st_gid != own.st_gid) bits &= ~mode_t{S_IRWXG} | (bits & S_IRWXO) << 3;
     }
-    return true;
+    // Last, so that nobody has access in between who had none to the old file.
+    return bits == (own.st_mode & 07777) || ::fchmod(descriptor, bits) == 0;
 }
 
 bool File::Sync() {
@@ -126,11 +137,8 @@ bool File::Sync() {
 }
 
 bool File::Close() {
-    if (descriptor < 0) return true;
-    const int closing = descriptor;
-    descriptor = -1;
-    // Not repeated on EINTR: the descriptor is gone either way, and another thread may have it by then.
-    return ::close(closing) == 0 || errno == EINTR;
+    const int closing = std::exchange(descriptor, -1);
+    return closing < 0 || closeFile(closing);
 }
 
 }  // namespace korvo::utils

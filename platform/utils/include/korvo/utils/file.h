@@ -12,16 +12,22 @@ namespace korvo::utils {
 
 /** What a file is opened for. */
 enum FILE_OPEN_MODE {
-    FILE_OPEN_MODE_READ = 0,     ///< an existing file, for reading
-    FILE_OPEN_MODE_TRUNCATE = 2  ///< for writing from empty; made with mode 0600 when it is missing
+    FILE_OPEN_MODE_READ = 0,  ///< an existing file, for reading
+    FILE_OPEN_MODE_TRUNCATE =
+        2  ///< a new and empty file of mode 0600, for writing, in place of what there was
 };
 
 /**
  * One open file.
  *
- * An object owns its descriptor, which no program started later inherits, and closes it when destroyed. Reads
- * and writes that are interrupted or come short are carried on. Failures are reported as false, with errno
- * set. An object must not be used by two threads at once.
+ * An object owns its descriptor, which no program started later inherits, and closes it when destroyed. The
+ * descriptor never has the number of a standard stream, also where the host has closed some, so that nothing
+ * the host prints gets into the file. Reads and writes that are interrupted or come short are carried on, and
+ * no operation is a cancellation point. Failures are reported as false, with errno set. An object must not be
+ * used by two threads at once.
+ *
+ * What the system does to a process that writes is the host's to decide: a file that outgrows RLIMIT_FSIZE
+ * raises SIGXFSZ, which ends the process unless it is ignored; then the write fails.
  */
 class KORVO_UTILS_EXPORT File {
   public:
@@ -33,10 +39,13 @@ class KORVO_UTILS_EXPORT File {
     /**
      * Opens @p path, after closing what was open.
      *
-     * For writing, the last component of the path must be missing or a plain file that belongs to this user
-     * and has no other name: a link or a file that somebody else planted there is refused and left alone, so
-     * that a name that can be guessed in a folder open to all is safe to write. Nothing that is open is
-     * truncated when refused.
+     * For reading it must be a plain file; anything else is refused at once, a folder with EISDIR, the rest
+     * (pipes, devices) with ENOTSUP.
+     *
+     * For writing, what has the name is removed and a new file made, so that a name that can be guessed in a
+     * folder open to all is safe to write: a link that somebody planted there is not followed, and a file that
+     * somebody still has open is not written to. What cannot be removed (a folder, or another user's file in a
+     * sticky folder) is refused and left alone. The mode is 0600 whatever the umask.
      */
     bool Initialize(const std::string& path, FILE_OPEN_MODE mode);
 
@@ -53,8 +62,10 @@ class KORVO_UTILS_EXPORT File {
     bool WriteString(const std::string& text);
 
     /**
-     * Gives the open file the permission bits of the file at @p path, and its owner where the process may; does
-     * nothing when there is no such file. Works on the open file, so that no link planted at its name is followed.
+     * Gives the open file the permission bits of the file at @p path, its group where the process may, and its
+     * owner where the process may; does nothing when there is no such file. Where the group cannot be kept, the
+     * file's own group gets no access that others did not have. Works on the open file, so that no link planted
+     * at its name is followed.
      */
     bool CopyAccess(const std::string& path);
 

@@ -1,0 +1,80 @@
+#include "descriptor.h"
+
+#include <poll.h>
+
+#include <mutex>
+
+namespace korvo::utils {
+namespace {
+
+constexpr int standardStreams = 3;
+
+/** What all guards of the process share. Needs no initialization at run time, which a fork could cut in half. */
+struct {
+    std::mutex mutex;
+    unsigned guards = 0;
+    bool standing[standardStreams] = {};
+} placeholders;
+
+/** Puts placeholders where streams are closed. */
+void placeMissing() {
+    pollfd streams[standardStreams];
+    for (int number = 0; number < standardStreams; ++number) streams[number] = {number, 0, 0};
+    // One call tells of all three which are closed, and it hardly ever tells of any.
+    if (::poll(streams, standardStreams, 0) <= 0) return;
+    for (int number = 0; number < standardStreams; ++number) {
+        if ((streams[number].revents & POLLNVAL) == 0) continue;
+        // A bare file system may lack /dev/null.
+        int opened = uninterrupted([] { return ::open("/dev/null", O_RDWR | O_CLOEXEC); });
+        if (opened < 0) opened = uninterrupted([] { return ::open("/", O_RDONLY | O_CLOEXEC); });
+        if (opened >= standardStreams) (void)closeFile(opened);  // the host has filled the gap meanwhile
+        if (opened >= 0 && opened < standardStreams) placeholders.standing[opened] = true;
+    }
+}
+
+void removePlaceholders() {
+    for (int number = 0; number < standardStreams; ++number) {
+        if (!std::exchange(placeholders.standing[number], false)) continue;
+        // What a host has put in its place, as dup2() does, is not close-on-exec.
+        if (::fcntl(number, F_GETFD) == FD_CLOEXEC) (void)closeFile(number);
+    }
+}
+
+/** Installed when the library is loaded, since a later moment could be another thread's fork. */
+[[maybe_unused]] const int installedAtLoad = StandardStreamGuard::installForkHandlers();
+
+}  // namespace
+
+StandardStreamGuard::StandardStreamGuard() {
+    const std::lock_guard<std::mutex> lock(placeholders.mutex);
+    ++placeholders.guards;
+    placeMissing();
+}
+
+StandardStreamGuard::~StandardStreamGuard() {
+    const std::lock_guard<std::mutex> lock(placeholders.mutex);
+    if (--placeholders.guards == 0) keepingErrno(removePlaceholders);
+}
+
+int StandardStreamGuard::installForkHandlers() {
+    static const int result =
+        ::pthread_atfork([] { placeholders.mutex.lock(); }, [] { placeholders.mutex.unlock(); },
+                         [] {
+                             placeholders.guards = 0;
+                             removePlaceholders();
+                             placeholders.mutex.unlock();
+                         });
+    return result;
+}
+
+int openFile(const char* path, int flags, mode_t mode, int folder) {
+    const StandardStreamGuard guard;
+    const int descriptor = uninterrupted([&] { return ::openat(folder, path, flags | O_CLOEXEC, mode); });
+    if (descriptor < 0 || descriptor >= standardStreams) return descriptor;
+    // There was no placeholder to be had.
+    (void)closeFile(descriptor);
+    errno = EMFILE;
+    return -1;
+}
+
+}  // namespace korvo::utils

@@ -1,0 +1,96 @@
+/** @file How this library opens files and keeps them open; not part of its interface. */
+#pragma once
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace korvo::utils {
+
+/** While one lives, its thread is not cancelled: nothing half done is left, and no destructor is left through. */
+class CancellationShield {
+  public:
+    CancellationShield() { (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before); }
+    CancellationShield(const CancellationShield&) = delete;
+    CancellationShield& operator=(const CancellationShield&) = delete;
+    ~CancellationShield() { (void)::pthread_setcancelstate(before, nullptr); }
+
+  private:
+    int before = PTHREAD_CANCEL_ENABLE;
+};
+
+/** Repeats a system call for as long as a signal interrupts it. */
+template <class Call>
+auto uninterrupted(Call call) {
+    const CancellationShield shield;
+    auto result = call();
+    while (result == -1 && errno == EINTR) result = call();
+    return result;
+}
+
+/**
+ * close(2), which is not repeated after a signal: the descriptor is gone either way, and another thread may have its
+ * number by then. False when the system reports only now that something written was lost.
+ */
+inline bool closeFile(int descriptor) {
+    const CancellationShield shield;
+    return ::close(descriptor) == 0 || errno == EINTR;
+}
+
+/** Does what is to be done on the way out of a failure, and keeps errno. */
+template <class CleanUp>
+void keepingErrno(CleanUp cleanUp) {
+    const int error = errno;
+    cleanUp();
+    errno = error;
+}
+
+/**
+ * While one lives, no descriptor that anybody opens gets the number of a standard stream, also in a host that has
+ * closed some: what such a host prints would go into our files. Moving the descriptor afterwards would come too late.
+ *
+ * Placeholders stand in for the closed streams meanwhile; they are gone with the last object, and in a forked child.
+ */
+class StandardStreamGuard {
+  public:
+    StandardStreamGuard();
+    StandardStreamGuard(const StandardStreamGuard&) = delete;
+    StandardStreamGuard& operator=(const StandardStreamGuard&) = delete;
+    ~StandardStreamGuard();
+
+    /**
+     * Installs what a fork needs, once; 0 or an errno value. Whoever holds a lock of his own while opening files calls
+     * it before he installs handlers for that lock, since handlers run in reverse order before a fork.
+     */
+    static int installForkHandlers();
+};
+
+/** openat(2) through signals, close-on-exec, and never with the number of a standard stream; -1 with errno set. */
+int openFile(const char* path, int flags, mode_t mode = 0, int folder = AT_FDCWD);
+
+/** Owns an open descriptor, or none. */
+class Descriptor {
+  public:
+    explicit Descriptor(int opened = -1) : number(opened) {}
+    Descriptor(Descriptor&& other) noexcept : number(std::exchange(other.number, -1)) {}
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        std::swap(number, other.number);
+        return *this;
+    }
+    ~Descriptor() {
+        if (number >= 0) keepingErrno([this] { (void)closeFile(number); });
+    }
+
+    int get() const { return number; }
+    int release() { return std::exchange(number, -1); }
+    explicit operator bool() const { return number >= 0; }
+
+  private:
+    int number;
+};
+
+}  // namespace korvo::utils
