@@ -1,10 +1,13 @@
 #include "korvo/utils/flash.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 
 #include <functional>
 #include <thread>
 
+#include "support/child_process.h"
 #include "support/device.h"
 
 namespace {
@@ -33,6 +36,44 @@ TEST_F(FlashTest, MakesTheFolderAndAPrivateCopyAndReplacesItLater) {
         // What a power cut may leave; its mode must not pass to the next copy.
         fs::permissions(root.write(copy + ".tmp", "left over"), fs::perms::all);
     }
+}
+
+TEST_F(FlashTest, WaitsNeitherForANeighbourNorForAParentThatDied) {
+    root.write("tmp/system.cfg", "a=1\n");
+    ASSERT_TRUE(saveToFlashRaw(false));
+    const int neighbour = ::open((root.path() / folder).c_str(), O_RDONLY);
+    ASSERT_EQ(::flock(neighbour, LOCK_EX), 0);
+    test::ChildProcess parent([](const test::ChildProcess& self) {
+        const pid_t dying = ::getpid();
+        std::thread saves([] {
+            for (;;) (void)saveToFlashRaw(false);
+        });
+        for (int i = 0; i < 50; ++i) {
+            if (::fork() == 0) {  // forked while the thread saves, saves when its parent is dead
+                while (::getppid() == dying) ::usleep(1000);
+                self.tell(saveToFlashRaw(false) ? 1 : 0);
+                ::_exit(0);
+            }
+            ::usleep(500);
+        }
+        return ::raise(SIGKILL);
+    });
+    EXPECT_EQ(parent.exitStatus(), -SIGKILL);
+    for (int i = 0; i < 50; ++i) ASSERT_EQ(parent.hear(), 1) << i;
+    EXPECT_TRUE(saveToFlashRaw(false));
+    ::close(neighbour);
+}
+
+TEST_F(FlashTest, MakesUsableFoldersUnderAnyUmask) {
+    fs::permissions(root.path(), fs::perms(0777));
+    root.write("tmp/system.cfg", "a=1\n");
+    fs::permissions(root.path() / "tmp", fs::perms(01777));
+    test::ChildProcess user([](const test::ChildProcess&) {
+        if (::geteuid() == 0) test::becomeOtherUser();
+        ::umask(0777);
+        return saveToFlashRaw(false) ? 0 : 1;
+    });
+    EXPECT_TRUE(user.exitStatus() == 0 && root.read(copy) == "a=1\n");
 }
 
 TEST_F(FlashTest, FailureTellsItsCauseAndLeavesTheOldCopy) {

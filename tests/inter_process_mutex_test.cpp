@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -41,18 +42,141 @@ TEST_F(InterProcessMutexTest, RefusesBadNamesAndWhatIsPlantedInPlaceOfTheLockFil
         InterProcessMutex refused(name, true);
         EXPECT_TRUE(refused.acquire() == EINVAL && refused.release() == EINVAL) << (name ? name : "null");
     }
-    const fs::path target = root.write("target", "content");
-    const std::pair<std::function<void()>, int> cases[] = {
-        {[&] { fs::create_symlink(target, lockFile); }, ELOOP},
-        {[&] { fs::create_directory(lockFile); }, EISDIR},
-        {[&] { ASSERT_EQ(::mkfifo(lockFile.c_str(), 0600), 0); }, EPERM},
+}
+
+TEST_F(InterProcessMutexTest, NeverWaitsForALockFileThatSomebodyElseCanHold) {
+    const auto locks = [this](const ChildProcess& self) {
+        struct flock request {};
+        request.l_type = F_WRLCK;
+        self.tell(::fcntl(::open(lockFile.c_str(), O_RDWR), F_SETLK, &request));
+        return ::pause();
     };
-    for (const auto& [plant, error] : cases) {
-        plant();
-        EXPECT_TRUE(mutex.acquire() == error && mutex.release() == EPERM && fs::remove(lockFile)) << error;
+    const auto plant = [&](mode_t mode, uid_t owner) {
+        ASSERT_TRUE(::chmod(root.write("tmp/name.lock", "").c_str(), mode) == 0 &&
+                    (::geteuid() != 0 || ::chown(lockFile.c_str(), owner, 0) == 0));
+    };
+    const std::pair<const char*, std::function<void()>> cases[] = {
+        {"a link", [&] { fs::create_symlink(root.write("target", "content"), lockFile); }},
+        {"a pipe", [&] { ASSERT_EQ(::mkfifo(lockFile.c_str(), 0600), 0); }},
+        {"a folder", [&] { fs::create_directory(lockFile); }},
+        {"open to others", [&] { plant(0606, 0); }},
+        {"open to the group", [&] { plant(0640, 0); }},
+        {"another user's", [&] { plant(0600, test::otherUser + 1); }},
+        {"a second name", [&] { plant(0600, 0), fs::create_hard_link(lockFile, root.path() / "name"); }},
+    };
+    fs::permissions(root.path(), fs::perms(0755));
+    fs::permissions(root.path() / "tmp", fs::perms(01777));
+    const bool isRoot = ::geteuid() == 0;
+    for (const auto& [what, make] : cases) {
+        SCOPED_TRACE(what);
+        if (!isRoot && std::string(what) == "another user's") continue;  // only root can plant that
+        make();
+        ChildProcess other([isRoot](const ChildProcess&) {
+            if (isRoot) test::becomeOtherUser();
+            return InterProcessMutex("name", true).acquire();
+        });
+        EXPECT_EQ(other.exitStatus(), EPERM);
+        const ChildProcess holder(locks);
+        (void)holder.hear();
+        ChildProcess replaces([this](const ChildProcess&) { return mutex.acquire(); });
+        EXPECT_EQ(replaces.exitStatus(), isRoot ? 0 : EPERM);
+        fs::remove_all(lockFile), fs::remove(root.path() / "name");
     }
-    EXPECT_TRUE(root.read("target") == "content" && mutex.acquire() == 0);
-    EXPECT_EQ(fs::status(lockFile).permissions(), fs::perms(0600));
+    root.write("tmp/name.lock/precious", "content");
+    EXPECT_TRUE(mutex.acquire() == EPERM && root.read("tmp/name.lock/precious") == "content");
+}
+
+TEST_F(InterProcessMutexTest, WorksUnderAnyUmaskAndAfterWhatAnotherUmaskLeft) {
+    fs::permissions(root.path(), fs::perms(0755));
+    fs::permissions(root.path() / "tmp", fs::perms(01777));
+    ChildProcess user([this](const ChildProcess&) {
+        if (::geteuid() == 0) test::becomeOtherUser();
+        ::umask(0777);
+        for (const bool leftByKilled : {false, true}) {
+            if (leftByKilled) ::close(::open(lockFile.c_str(), O_RDWR | O_CREAT, 0600));
+            struct stat status {};
+            InterProcessMutex lock("name", true);
+            if (lock.acquire() != 0 || ::stat(lockFile.c_str(), &status) != 0) return 1;
+            if ((status.st_mode & 07777) != 0600 || ::unlink(lockFile.c_str()) != 0) return 2;
+        }
+        return 0;
+    });
+    EXPECT_EQ(user.exitStatus(), 0);
+}
+
+TEST_F(InterProcessMutexTest, NoticesALockFileThatWasRemovedWhileHeldOrWaitedFor) {
+    ASSERT_TRUE(mutex.acquire() == 0 && mutex.held());
+    ChildProcess waiting([this](const ChildProcess& self) {
+        InterProcessMutex waiter("name", true);
+        self.tell(waiter.acquire());
+        ::pause();
+        return 0;
+    });
+    ::usleep(50000);
+    ASSERT_TRUE(fs::remove(lockFile));
+    EXPECT_FALSE(mutex.held());
+    ChildProcess successor([this](const ChildProcess& self) {
+        const int error = mutex.acquire();
+        self.tell(mutex.held() ? error : -1);
+        ::usleep(200000);
+        return 0;
+    });
+    EXPECT_TRUE(successor.hear() == 0 && mutex.release() == 0 && mutex.holder() == successor.id());
+    EXPECT_TRUE(waiting.hear() == 0 && mutex.holder() == waiting.id())
+        << "it got a lock that excludes nobody";
+    EXPECT_EQ(successor.exitStatus(), 0);
+}
+
+TEST_F(InterProcessMutexTest, LeavesAloneWhatAHostOpensUnderTheNumberOfItsDescriptor) {
+    const auto closeAll = [this] {  // as a daemon does
+        for (int descriptor = 3; descriptor < 100; ++descriptor) ::close(descriptor);
+        return ::open(root.write("host", "content").c_str(), O_RDWR);
+    };
+    ChildProcess daemon([&](const ChildProcess&) {
+        auto owned = std::make_unique<InterProcessMutex>("name", true);
+        if (owned->acquire() != 0 || closeAll() != 3 || owned->held() || owned->release() != EPERM) return 1;
+        if (owned->acquire() != 0 || !owned->held() || holder() != ::getpid()) return 2;
+        const int host = closeAll();
+        owned.reset();
+        return ::fcntl(host, F_GETFD) == -1 ? 3 : 0;
+    });
+    EXPECT_EQ(daemon.exitStatus(), 0);
+}
+
+TEST_F(InterProcessMutexTest, TwoNamesInTwoProcessesOfTwoThreadsAreNoDeadlock) {
+    const auto taker = [](const ChildProcess&) {
+        std::atomic<int> failures{0};
+        const auto take = [&](const char* name) {
+            InterProcessMutex one(name, true);
+            for (int i = 0; i < 500; ++i) {
+                if (one.acquire() != 0) ++failures;
+                if (i % 100 == 0) ::usleep(1000);
+                if (one.release() != 0) ++failures;
+            }
+        };
+        std::thread first(take, "name"), second(take, "other");
+        first.join(), second.join();
+        return failures > 0 ? 1 : 0;
+    };
+    ChildProcess one(taker), two(taker);
+    EXPECT_TRUE(one.exitStatus() == 0 && two.exitStatus() == 0);
+}
+
+TEST_F(InterProcessMutexTest, CancelledThreadPassesItsTurnOn) {
+    ASSERT_EQ(mutex.acquire(), 0);
+    pthread_t thread{};
+    const auto wait = [](void*) -> void* {
+        InterProcessMutex waiter("name", true);
+        (void)waiter.acquire();
+        for (;;) ::pause();
+    };
+    ASSERT_EQ(::pthread_create(&thread, nullptr, wait, nullptr), 0);
+    ::usleep(20000);
+    ASSERT_TRUE(::pthread_cancel(thread) == 0 && mutex.release() == 0);
+    void* result = nullptr;
+    ASSERT_TRUE(::pthread_join(thread, &result) == 0 && result == PTHREAD_CANCELED);
+    ChildProcess next([](const ChildProcess&) { return InterProcessMutex("name", true).acquire(); });
+    EXPECT_TRUE(next.exitStatus() == 0 && mutex.acquire() == 0);
 }
 
 TEST_F(InterProcessMutexTest, BelongsToOneObjectAndRefusesToHangItsThread) {
@@ -87,10 +211,7 @@ TEST_F(InterProcessMutexTest, ThreadsTakeTurnsAndAForkAtAnyMomentLeavesTheChildA
     };
     std::thread first(count, 0), second(count, 1);
     for (int i = 0; i < 100; ++i) {
-        ChildProcess child([](const ChildProcess&) {
-            ::alarm(20);  // a child that hangs dies of it
-            return InterProcessMutex("name", true).acquire();
-        });
+        ChildProcess child([](const ChildProcess&) { return InterProcessMutex("name", true).acquire(); });
         EXPECT_EQ(child.exitStatus(), 0);
     }
     stop = true;

@@ -1,6 +1,7 @@
 /** @file A forked process that runs a piece of the test, and is killed at the latest with the object. */
 #pragma once
 
+#include <grp.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,13 +11,25 @@
 
 namespace test {
 
+/** A user and a group that own nothing on the machine. */
+constexpr uid_t otherUser = 54321;
+
+/** Makes this process one of the other user, in the group @p more too; only root can. */
+inline void becomeOtherUser(gid_t more = otherUser) {
+    if (::setgroups(1, &more) != 0 || ::setgid(otherUser) != 0 || ::setuid(otherUser) != 0)
+        throw std::runtime_error("only root can become another user");
+}
+
 class ChildProcess {
   public:
     /** Runs `int body(const ChildProcess& self)`, whose result is the exit status. */
     template <class Body>
     explicit ChildProcess(Body body) {
         if (::pipe(channel) != 0 || (process = ::fork()) < 0) throw std::runtime_error("fork failed");
-        if (process == 0) ::_exit(body(*this));
+        if (process == 0) {
+            ::alarm(60);  // a child that hangs dies of it
+            ::_exit(body(*this));
+        }
         ::close(channel[1]);
     }
     ChildProcess(const ChildProcess&) = delete;

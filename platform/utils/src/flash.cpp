@@ -1,71 +1,79 @@
 #include "korvo/utils/flash.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <string>
+#include <utility>
 
+#include "descriptor.h"
 #include "korvo/utils/device_root.h"
 #include "korvo/utils/file.h"
+#include "korvo/utils/inter_process_mutex.h"
 
 namespace korvo::utils {
 namespace {
 
-/** An open folder, which can be made durable and locked against other users of this class. */
-class Folder {
-  public:
-    Folder() = default;
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    ~Folder() {
-        const int error = errno;
-        // A child forked meanwhile has the descriptor too, and the lock would last until it closes it.
-        if (locked) (void)::flock(descriptor, LOCK_UN);
-        if (descriptor >= 0) (void)::close(descriptor);
-        errno = error;
-    }
+constexpr mode_t folderMode = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
 
-    bool open(const std::string& path) {
-        descriptor = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        return descriptor >= 0;
-    }
-
-    bool lock() {
-        while (::flock(descriptor, LOCK_EX) != 0) {
-            if (errno != EINTR) return false;
-        }
-        locked = true;
-        return true;
-    }
-
-    /** Waits until the names in the folder have reached the storage device. */
-    bool sync() {
-        while (::fsync(descriptor) != 0) {
-            if (errno != EINTR) return false;
-        }
-        return true;
-    }
-
-  private:
-    int descriptor = -1;
-    bool locked = false;
-};
-
-/** Makes a folder and what is missing of its parents, each durable in the one above. */
+/** Makes a folder and what is missing of its parents. */
 bool makeFolders(const std::string& path) {
     for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
         const std::string folder = path.substr(0, end);
-        if (::mkdir(folder.c_str(), S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH) == 0) {
-            Folder parent;
-            if (!parent.open(folder.substr(0, folder.rfind('/') + 1)) || !parent.sync()) return false;
+        if (::mkdir(folder.c_str(), folderMode) == 0) {
+            // The umask may have taken away even what the owner needs.
+            struct stat status {};
+            if (::stat(folder.c_str(), &status) != 0) return false;
+            if ((status.st_mode & S_IRWXU) != S_IRWXU && ::chmod(folder.c_str(), folderMode) != 0)
+                return false;
         } else if (errno != EEXIST) {
             return false;
         }
         if (end == std::string::npos) return true;
+    }
+}
+
+Descriptor openFolder(const char* path, int above = AT_FDCWD) {
+    return Descriptor(openFile(path, O_RDONLY | O_DIRECTORY, 0, above));
+}
+
+/** Opens a folder, which is made when it is missing. */
+Descriptor openOrMakeFolder(const std::string& path) {
+    Descriptor folder = openFolder(path.c_str());
+    if (!folder && errno == ENOENT && makeFolders(path)) folder = openFolder(path.c_str());
+    return folder;
+}
+
+/** Waits until the names in a folder have reached the storage device. */
+bool syncFolder(const Descriptor& folder) {
+    if (uninterrupted([&] { return ::fsync(folder.get()); }) == 0) return true;
+    return errno == EINVAL || errno == EROFS;  // it cannot be waited for there, or nothing can have changed
+}
+
+/**
+ * Makes the names of a folder and of all folders above it durable, up to where its file system begins: nobody knows
+ * which of them a save that was killed has left new.
+ */
+bool syncFoldersAbove(const Descriptor& folder) {
+    struct stat below {};
+    if (::fstat(folder.get(), &below) != 0) return false;
+    Descriptor current;
+    for (int number = folder.get();; number = current.get()) {
+        Descriptor above = openFolder("..", number);
+        if (!above && errno == EACCES) {
+            ::sync();  // a folder that others keep closed can only be waited for together with everything else
+            return true;
+        }
+        struct stat status {};
+        if (!above || ::fstat(above.get(), &status) != 0) return false;
+        const bool isTop = status.st_dev != below.st_dev || status.st_ino == below.st_ino;
+        if (isTop) return true;
+        if (!syncFolder(above)) return false;
+        below = status;
+        current = std::move(above);
     }
 }
 
@@ -78,26 +86,28 @@ bool writeDurably(const std::string& path, const std::string& text) {
 }  // namespace
 
 bool saveToFlashRaw(bool /*reserved*/) {
-    const std::string path = devicePath(KORVO_FLASH_DIR);
-    Folder folder;
-    if (!folder.open(path) && (errno != ENOENT || !makeFolders(path) || !folder.open(path))) return false;
-    // Locked before reading, so that the later save has the later text.
-    if (!folder.lock()) return false;
-    std::string text;
-    if (!File::ReadStringAll(devicePath("/tmp/system.cfg"), text)) return false;
-
-    const std::string copy = path + "/system.cfg";
-    // One name for all, so that power cuts cannot fill the flash; removed first, so that its mode is that of
-    // a new file.
-    const std::string temporary = copy + ".tmp";
-    if (::unlink(temporary.c_str()) != 0 && errno != ENOENT) return false;
-    if (!writeDurably(temporary, text) || std::rename(temporary.c_str(), copy.c_str()) != 0) {
-        const int error = errno;
-        (void)::unlink(temporary.c_str());
+    // Locked before reading, so that the later save has the later text. A lock that nobody else can take, or keep.
+    InterProcessMutex lock("system.cfg.flash", true);
+    const int error = lock.acquire();
+    if (error != 0) {
         errno = error;
         return false;
     }
-    return folder.sync();
+    std::string text;
+    if (!File::ReadStringAll(devicePath("/tmp/system.cfg"), text)) return false;
+
+    const std::string path = devicePath(KORVO_FLASH_DIR);
+    const Descriptor folder = openOrMakeFolder(path);
+    if (!folder || !syncFoldersAbove(folder)) return false;
+
+    const std::string copy = path + "/system.cfg";
+    // One name for all, so that power cuts cannot fill the flash.
+    const std::string temporary = copy + ".tmp";
+    if (!writeDurably(temporary, text) || std::rename(temporary.c_str(), copy.c_str()) != 0) {
+        keepingErrno([&] { (void)::unlink(temporary.c_str()); });
+        return false;
+    }
+    return syncFolder(folder);
 }
 
 }  // namespace korvo::utils

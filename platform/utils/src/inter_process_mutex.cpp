@@ -7,8 +7,10 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <map>
@@ -16,68 +18,189 @@
 #include <new>
 #include <string>
 
+#include "descriptor.h"
 #include "korvo/utils/device_root.h"
 
 namespace {
 
-int setLock(int descriptor, int command, short type) {
-    struct flock request {};
-    request.l_type = type;
-    request.l_whence = SEEK_SET;
-    while (::fcntl(descriptor, command, &request) != 0) {
-        if (errno != EINTR) return errno;
-    }
-    return 0;
+using korvo::utils::CancellationShield;
+using korvo::utils::closeFile;
+using korvo::utils::Descriptor;
+using korvo::utils::openFile;
+
+constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
+
+/** Whether the file can be trusted to be a lock: nobody else can hold it, or ever get to it by another name. */
+bool isTrusted(const struct stat& status) {
+    return S_ISREG(status.st_mode) && status.st_nlink == 1 && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0 &&
+           (status.st_uid == 0 || status.st_uid == ::geteuid());
 }
 
-/** The open lock file, or -1 with errno set. */
-int openLockFile(const char* path) {
-    const int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
-    for (;;) {
-        // Without O_CREAT first: in a folder open to all the kernel refuses that for a file of another user.
-        int descriptor = ::open(path, flags);
-        if (descriptor < 0 && errno == ENOENT)
-            descriptor = ::open(path, flags | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);
-        // Between the two calls another process may have made it.
-        if (descriptor >= 0 || (errno != EINTR && errno != EEXIST)) return descriptor;
-    }
+/** Makes a lock file; -1 with errno set. */
+int createLockFile(const char* path) {
+    Descriptor file(openFile(path, O_RDWR | O_CREAT | O_EXCL, ownerOnly));
+    struct stat status {};
+    // The umask may have taken away even what the owner needs.
+    if (!file || ::fchmod(file.get(), ownerOnly) != 0 || ::fstat(file.get(), &status) != 0) return -1;
+    if (isTrusted(status)) return file.release();
+    errno = EPERM;  // a file system without owners or modes
+    return -1;
 }
+
+/** Opens a lock file that is there and to be trusted; -1 with errno set, EPERM where it is not to be trusted. */
+int openTrusted(const char* path) {
+    // Without O_CREAT: in a folder open to all the kernel refuses that for a file of another user.
+    Descriptor file(openFile(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK));
+    struct stat status {};
+    if (file) {
+        if (::fstat(file.get(), &status) == 0 && isTrusted(status)) return file.release();
+        errno = EPERM;
+    } else if (errno != ENOENT && ::lstat(path, &status) == 0 && !isTrusted(status)) {
+        errno = EPERM;  // a link, a folder, a socket, a file of somebody else
+    }
+    return -1;
+}
+
+/** Removes what stands where the lock file belongs, if this process may judge that; false where it stays. */
+bool clearTheWay(const char* path, int error) {
+    // Root may replace anything; an owner what it cannot open, which one killed under an odd umask left.
+    if (::geteuid() != 0 && error != EACCES) return false;
+    struct stat status {};
+    if (::lstat(path, &status) != 0) return errno == ENOENT;
+    if (::geteuid() != 0 && (status.st_uid != ::geteuid() || (status.st_mode & ownerOnly) == ownerOnly))
+        return false;
+    return ::unlink(path) == 0 || ::rmdir(path) == 0 || errno == ENOENT;
+}
+
+/** The open lock file, which is made when it is missing; -1 with errno set. */
+int openLockFile(const char* path) {
+    // Whoever else may write to the folder may be quicker again and again, but not always.
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        int descriptor = openTrusted(path);
+        if (descriptor < 0 && errno == ENOENT) descriptor = createLockFile(path);
+        if (descriptor >= 0) return descriptor;
+        const int error = errno;
+        // Another process may have made or removed it between two calls.
+        if (error == EEXIST || ((error == EPERM || error == EACCES) && clearTheWay(path, error))) continue;
+        errno = error;
+        return -1;
+    }
+    errno = EPERM;
+    return -1;
+}
+
+/** A lock file as this process has it open. */
+class LockFile {
+  public:
+    explicit LockFile(std::string lockPath) : path(std::move(lockPath)) {}
+    LockFile(const LockFile&) = delete;
+    LockFile& operator=(const LockFile&) = delete;
+    ~LockFile() { close(); }
+
+    const std::string& name() const { return path; }
+
+    /** Opens the file with @p openPath, unless it is open already; 0 or an errno value. */
+    int open(int (*openPath)(const char* path)) {
+        if (check() == 0) return 0;
+        close();
+        Descriptor opened(openPath(path.c_str()));
+        struct stat status {};
+        if (!opened || ::fstat(opened.get(), &status) != 0) return errno;
+        descriptor = opened.release();
+        device = status.st_dev;
+        inode = status.st_ino;
+        return 0;
+    }
+
+    /** Whether the descriptor is still ours: a host may have closed it, and opened something else under its number. */
+    bool isOpen() const {
+        struct stat status {};
+        return descriptor >= 0 && ::fstat(descriptor, &status) == 0 && isThis(status);
+    }
+
+    /** 0 when the file is open and the one that others find too; ESTALE when they do not; else an errno value. */
+    int check() const {
+        if (!isOpen()) return EBADF;
+        struct stat status {};
+        if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT ? ESTALE : errno;
+        return isThis(status) ? 0 : ESTALE;
+    }
+
+    /** 0 or an errno value; EBADF when a host has closed the descriptor. */
+    int waitForLock() const { return setLock(F_SETLKW, F_WRLCK); }
+    int unlock() const { return setLock(F_SETLK, F_UNLCK); }
+
+    /** The other process that holds the lock, or 0. */
+    pid_t holder() const {
+        struct flock request {};
+        request.l_type = F_WRLCK;
+        request.l_whence = SEEK_SET;
+        return ::fcntl(descriptor, F_GETLK, &request) == 0 && request.l_type != F_UNLCK ? request.l_pid : 0;
+    }
+
+    /** Gives up the file, and with it the lock. */
+    void close() {
+        if (isOpen()) (void)closeFile(descriptor);
+        descriptor = -1;
+    }
+
+  private:
+    bool isThis(const struct stat& status) const { return status.st_dev == device && status.st_ino == inode; }
+
+    int setLock(int command, short type) const {
+        struct flock request {};
+        request.l_type = type;
+        request.l_whence = SEEK_SET;
+        constexpr long millisecond = 1000000;
+        timespec pause{0, millisecond};
+        while (::fcntl(descriptor, command, &request) != 0) {
+            if (errno == EINTR) continue;
+            if (errno != EDEADLK) return errno;
+            // The kernel judges whole processes, as if each waited for all that its threads wait for.
+            (void)::nanosleep(&pause, nullptr);
+            pause.tv_nsec = std::min(pause.tv_nsec * 2, 50 * millisecond);
+        }
+        return 0;
+    }
+
+    const std::string path;
+    int descriptor = -1;
+    dev_t device = 0;
+    ino_t inode = 0;
+};
 
 }  // namespace
 
 /** What all objects of one name have in common. */
-struct InterProcessMutex::Shared {
-    std::string path;
-    int users = 0;  ///< objects of this name
-    int descriptor = -1;
+struct InterProcessMutex::NamedLock {
+    explicit NamedLock(const std::string& path) : file(path) {}
+
+    LockFile file;
+    int users = 0;                              ///< objects of this name
     unsigned nextTicket = 0;                    ///< of the thread that comes next
     unsigned servedTicket = 0;                  ///< of the thread whose turn it is
     const InterProcessMutex* holder = nullptr;  ///< the object that holds the lock
     unsigned long long thread = 0;              ///< that acquired it for the holder
     std::condition_variable turn;
 
-    /**
-     * To be called with the table locked, since a fork copies open files and memory at two moments and would
-     * see the one without the other.
-     */
-    int openFile() {
-        if (descriptor >= 0) return 0;
-        descriptor = openLockFile(path.c_str());
-        if (descriptor < 0) return errno;
-        struct stat status {};
-        const int error = ::fstat(descriptor, &status) != 0 ? errno : S_ISREG(status.st_mode) ? 0 : EPERM;
-        if (error != 0) closeFile();
-        return error;
+    /** Waits for the kernel's lock on the file of that name, whatever happens to it meanwhile; 0 or an errno value. */
+    int waitForFile(std::unique_lock<std::mutex>& guard) {
+        for (;;) {
+            int error = file.open(openLockFile);
+            if (error != 0) return error;
+            guard.unlock();
+            error = file.waitForLock();
+            guard.lock();
+            if (error == 0) error = file.check();
+            if (error == 0) return 0;
+            // Removed, replaced or closed by the host: then the next one is waited for.
+            file.close();
+            if (error != ESTALE && error != EBADF) return error;
+        }
     }
 
-    int lockFile() const { return setLock(descriptor, F_SETLKW, F_WRLCK); }
-
-    int unlockFile() const { return setLock(descriptor, F_SETLK, F_UNLCK); }
-
-    void closeFile() {
-        if (descriptor >= 0) (void)::close(descriptor);
-        descriptor = -1;
-    }
+    /** Whether any thread holds the lock or waits for it. */
+    bool isUsed() const { return servedTicket != nextTicket; }
 
     void endTurn() {
         holder = nullptr;
@@ -87,13 +210,17 @@ struct InterProcessMutex::Shared {
 };
 
 /** What a process knows of its locks. Never destroyed: objects with static lifetime may live longer. */
-struct InterProcessMutex::Table {
-    std::mutex mutex;  ///< guards everything here, but is not held while waiting for the kernel
-    std::map<std::string, Shared> names;
-    unsigned long long threads = 0;  ///< so many have been numbered
+struct InterProcessMutex::LockTable {
+    /**
+     * Guards everything here, but is not held while waiting for the kernel. Files are opened with it held, since a
+     * fork copies open files and memory at two moments and would see the one without the other.
+     */
+    std::mutex mutex;
+    std::map<std::string, NamedLock> locks;  ///< by path
+    unsigned long long threads = 0;          ///< so many have been numbered
 
-    static Table& instance() {
-        static Table& table = *new Table;
+    static LockTable& instance() {
+        static LockTable& table = *new LockTable;
         return table;
     }
 
@@ -104,20 +231,17 @@ struct InterProcessMutex::Table {
     }
 
   private:
-    Table() {
+    LockTable() {
         if (forkHandlers != 0) throw std::bad_alloc();
     }
 
-    /**
-     * Installed when the library is loaded, not with the first use: a fork in another thread's first use would leave
-     * the child a half-made table.
-     */
+    /** Which are there when the library is loaded, not with the first use, for a child that is forked meanwhile. */
     static const int forkHandlers;
+    static int installForkHandlers();
 
     /** In a forked child, which has inherited neither the record locks nor the threads that wait. */
     void forgetLocks() {
-        for (auto& name : names) {
-            Shared& lock = name.second;
+        for (auto& [path, lock] : locks) {
             lock.servedTicket = lock.nextTicket;
             lock.holder = nullptr;
             // Made anew without being destroyed, which would wait for threads that are not there.
@@ -127,62 +251,76 @@ struct InterProcessMutex::Table {
     }
 };
 
-const int InterProcessMutex::Table::forkHandlers = ::pthread_atfork(
-    [] { instance().mutex.lock(); }, [] { instance().mutex.unlock(); }, [] { instance().forgetLocks(); });
+const int InterProcessMutex::LockTable::forkHandlers = installForkHandlers();
 
-InterProcessMutex::InterProcessMutex(const char* name, bool /*reserved*/) : shared(nullptr) {
+int InterProcessMutex::LockTable::installForkHandlers() {
+    const int error = korvo::utils::StandardStreamGuard::installForkHandlers();
+    if (error != 0) return error;
+    return ::pthread_atfork([] { instance().mutex.lock(); }, [] { instance().mutex.unlock(); },
+                            [] { instance().forgetLocks(); });
+}
+
+InterProcessMutex::InterProcessMutex(const char* name, bool /*reserved*/) : lock(nullptr) {
     const std::string text = name != nullptr ? name : "";
     if (text.empty() || text.find('/') != std::string::npos) return;
     const std::string path = korvo::utils::devicePath(("/tmp/" + text + ".lock").c_str());
-    Table& table = Table::instance();
+    LockTable& table = LockTable::instance();
     const std::lock_guard<std::mutex> guard(table.mutex);
-    Shared& entry = table.names[path];
-    if (entry.path.empty()) entry.path = path;
-    ++entry.users;
-    shared = &entry;
+    lock = &table.locks.try_emplace(path, path).first->second;
+    ++lock->users;
 }
 
 InterProcessMutex::~InterProcessMutex() {
-    if (shared == nullptr) return;
-    Table& table = Table::instance();
+    if (lock == nullptr) return;
+    LockTable& table = LockTable::instance();
     const std::lock_guard<std::mutex> guard(table.mutex);
-    if (shared->holder == this) {
-        if (shared->unlockFile() != 0) shared->closeFile();
-        shared->endTurn();
+    if (lock->holder == this) {
+        if (lock->file.isOpen() && lock->file.unlock() != 0) lock->file.close();
+        lock->endTurn();
     }
-    if (--shared->users > 0) return;
-    shared->closeFile();
-    table.names.erase(table.names.find(shared->path));
+    if (--lock->users == 0) table.locks.erase(table.locks.find(lock->file.name()));
 }
 
 int InterProcessMutex::acquire() {
-    if (shared == nullptr) return EINVAL;
-    Table& table = Table::instance();
+    if (lock == nullptr) return EINVAL;
+    const CancellationShield shield;  // a turn that is not ended is never passed on
+    LockTable& table = LockTable::instance();
     std::unique_lock<std::mutex> guard(table.mutex);
     const unsigned long long thread = table.callingThread();
-    if (shared->holder != nullptr && shared->thread == thread) return EDEADLK;
-    const unsigned ticket = shared->nextTicket++;
-    shared->turn.wait(guard, [&] { return shared->servedTicket == ticket; });
-    int error = shared->openFile();
-    if (error == 0) {
-        guard.unlock();
-        error = shared->lockFile();
-        guard.lock();
-    }
+    if (lock->holder != nullptr && lock->thread == thread) return EDEADLK;
+    const unsigned ticket = lock->nextTicket++;
+    lock->turn.wait(guard, [&] { return lock->servedTicket == ticket; });
+    const int error = lock->waitForFile(guard);
     if (error != 0) {
-        shared->endTurn();
+        lock->endTurn();
         return error;
     }
-    shared->holder = this;
-    shared->thread = thread;
+    lock->holder = this;
+    lock->thread = thread;
     return 0;
 }
 
 int InterProcessMutex::release() {
-    if (shared == nullptr) return EINVAL;
-    const std::lock_guard<std::mutex> guard(Table::instance().mutex);
-    if (shared->holder != this) return EPERM;
-    const int error = shared->unlockFile();
-    if (error == 0) shared->endTurn();
+    if (lock == nullptr) return EINVAL;
+    const CancellationShield shield;
+    const std::lock_guard<std::mutex> guard(LockTable::instance().mutex);
+    if (lock->holder != this) return EPERM;
+    const bool lost = !lock->file.isOpen();
+    const int error = lost ? EPERM : lock->file.unlock();
+    if (lost || error == 0) lock->endTurn();
     return error;
+}
+
+bool InterProcessMutex::held() const {
+    if (lock == nullptr) return false;
+    const std::lock_guard<std::mutex> guard(LockTable::instance().mutex);
+    return lock->holder == this && lock->file.check() == 0;
+}
+
+pid_t InterProcessMutex::holder() const {
+    if (lock == nullptr) return 0;
+    const std::lock_guard<std::mutex> guard(LockTable::instance().mutex);
+    // What a thread holds or waits for is left as it is.
+    const bool isKnown = (lock->isUsed() && lock->file.isOpen()) || lock->file.open(openTrusted) == 0;
+    return isKnown ? lock->file.holder() : 0;
 }

@@ -4,19 +4,32 @@
  */
 #pragma once
 
+#include <sys/types.h>
+
 #include "korvo/utils/export.h"
 
 /**
  * One claim on a named lock; all objects made with the same name, in whatever process, contend for it.
  *
  * The lock is a record lock on the file "/tmp/<name>.lock", which is made with mode 0600 when it is missing
- * and never removed: whoever removes it while it is in use breaks the exclusion. The kernel gives the lock
- * back when the process that holds it ends, however it ends. A child made by fork holds nothing, whatever its
- * parent held, and cannot give back what the parent holds; a program started with exec holds nothing.
+ * and never removed. The kernel gives the lock back when the process that holds it ends, however it ends. A
+ * child made by fork holds nothing, whatever its parent held, and cannot give back what the parent holds; a
+ * program started with exec holds nothing.
  *
- * Threads: acquire() and release() may be called from any thread. A lock belongs to the object that acquired
- * it, not to the thread: another thread may release it. Threads that wait for one name get it in the order in
- * which they came. Objects of one name share one open file, which closes with the last of them.
+ * The lock file must be a plain file with one name, without access for group and others, and owned by root or
+ * the caller, so that nobody else can hold it; all users of one lock therefore run as one user. Root replaces
+ * what is no such file (a folder only when it is empty); for everyone else acquire() fails.
+ *
+ * The lock is lost when somebody removes the lock file, or when the host closes the library's descriptor of
+ * it, as daemons do that close all they have. held() tells; a waiter or a later acquire() opens the file anew, and
+ * no descriptor is touched that is not the library's any more. Not noticed is a host that opens and closes the
+ * lock file by itself, which by the rules of record locks gives the lock back.
+ *
+ * Threads: all operations may be called from any thread. A lock belongs to the object that acquired it, not
+ * to the thread: another thread may release it. Threads that wait for one name get it in the order in which
+ * they came. Objects of one name share one open file, which closes with the last of them. No operation is a
+ * cancellation point: a thread that is cancelled while it waits ends once it has the lock, at the next
+ * cancellation point of the host.
  *
  * Results are 0 or an errno value.
  */
@@ -35,24 +48,37 @@ class KORVO_UTILS_EXPORT InterProcessMutex {
     ~InterProcessMutex();
 
     /**
-     * Waits, through signals too, until the lock is held.
-     * @return 0; EDEADLK when waiting could not end: the calling thread acquired this name before, through this
-     *         or another object, and it is still held, or the kernel sees processes wait for one another; EINVAL
-     *         for a refused name; EPERM when something other than a plain file has the lock file's name; else why
-     *         the file cannot be opened (ELOOP for a link) or locked
+     * Waits, through signals too and without a time limit, until the lock is held. Two names that two threads or
+     * processes take in opposite order make them wait for one another forever, as with any lock.
+     * @return 0; EDEADLK when waiting could not end because the calling thread acquired this name before, through
+     *         this or another object, and has not released it; EINVAL for a refused name; EPERM when something
+     *         other than a lock file as described above has its name; else why the file cannot be opened or locked
      */
     int acquire();
 
     /**
      * Gives the lock back.
-     * @return 0; EPERM when this object does not hold the lock in this process; EINVAL for a refused name;
-     *         else why the kernel refused, and the lock is still held
+     * @return 0; EPERM when this object does not hold the lock in this process, or the host has closed the lock
+     *         file meanwhile; EINVAL for a refused name; else why the kernel refused, and the lock is still held
      */
     int release();
 
-  private:
-    struct KORVO_UTILS_PRIVATE Shared;
-    struct KORVO_UTILS_PRIVATE Table;
+    /**
+     * Whether this object still holds the lock in this process, and nobody has removed or replaced the file. To be
+     * asked before what must not happen without the lock; two system calls.
+     */
+    bool held() const;
 
-    Shared* shared;  ///< what all objects of the name have in common; null for a refused name
+    /**
+     * The process that holds the lock, when it is another one; 0 when there is none, when it is in another pid
+     * namespace, or when the file cannot be opened. May be asked while another thread waits in acquire(), to tell
+     * an operator what he waits for.
+     */
+    pid_t holder() const;
+
+  private:
+    struct KORVO_UTILS_PRIVATE NamedLock;
+    struct KORVO_UTILS_PRIVATE LockTable;
+
+    NamedLock* lock;  ///< what all objects of the name have in common; null for a refused name
 };
