@@ -1,8 +1,10 @@
 #include "korvo/variant_utils/system_cfg.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -181,9 +183,56 @@ int clampedInt(const char* text) {
     return static_cast<int>(std::clamp<long long>(std::strtoll(text, nullptr, 10), INT_MIN, INT_MAX));
 }
 
+/** What the integer get() tells of a value. */
 int toInt(const Variant& value) {
     const VariantType type = value;
     return type == TypeString ? clampedInt(value) : static_cast<int>(value);
+}
+
+/** The count that a value stands for; the nearest int. */
+int toCount(const Variant& value) {
+    const VariantType type = value;
+    if (type == TypeString) return clampedInt(value);
+    const double count = value;  // exact for all that is not clamped
+    return count >= INT_MAX ? INT_MAX : count <= INT_MIN ? INT_MIN : static_cast<int>(value);
+}
+
+VariantType categoryOf(int) {
+    return TypeNumeric;
+}
+VariantType categoryOf(const std::string&) {
+    return TypeString;
+}
+
+bool equals(const Variant& stored, int value) {
+    return toInt(stored) == value;
+}
+bool equals(const Variant& stored, const std::string& value) {
+    return static_cast<const std::string&>(stored) == value;
+}
+
+bool canBeValue(int) {
+    return true;
+}
+/** Whether a text loads again as it is written: a line break would end it, and a host may take it for ended by a NUL. */
+bool canBeValue(const std::string& value) {
+    return value.find_first_of(std::string_view("\n\0", 2)) == std::string::npos &&
+           (value.empty() || value.back() != '\r');
+}
+
+// Processes
+
+/** So many forks lie between this process and the one that loaded the library. */
+std::atomic<unsigned> generation{0};
+
+[[maybe_unused]] const int forkHandlers = ::pthread_atfork(nullptr, nullptr, [] { ++generation; });
+
+/**
+ * Tells a process from its children, also from one that has the same process id in a pid namespace of its own, and from
+ * one that was made without the C library's knowledge.
+ */
+std::pair<unsigned, int> thisProcess() {
+    return {generation, ::getpid()};
 }
 
 }  // namespace
@@ -202,26 +251,30 @@ SystemCfgManager::SystemCfgManager(Variant* tree, bool escape, bool asStrings, b
       fromKvpFlag(lastKvpFlag),
       variant(tree),
       mutex(std::make_unique<InterProcessMutex>("system.cfg", true)),
-      initializedBy(0) {}
+      openedBy(thisProcess()),
+      emptiedByRead(false) {}
 
 SystemCfgManager::~SystemCfgManager() {
     try {
-        if (initialized && initializedBy == ::getpid()) (void)close(false, false);
+        if (isOpen()) (void)close(false, false);
     } catch (const std::bad_alloc&) {
         // The file stays as it was, which is all that can be done for it here.
     }
     if (!variantBorrowed) delete variant;
 }
 
+bool SystemCfgManager::isOpen() const {
+    return initialized && openedBy == thisProcess();
+}
+
 bool SystemCfgManager::checkInitialized(const char* function) {
-    if (initialized && initializedBy == ::getpid()) return true;
+    if (isOpen()) return true;
     KORVO_LOG_FROM(function, LevelError, 0, "SystemCfgManager not initialized");
     return false;
 }
 
 bool SystemCfgManager::init() {
-    const int process = ::getpid();
-    if (initialized && initializedBy == process) {
+    if (isOpen()) {
         KORVO_LOG(LevelError, "SystemCfgManager already initialized");
         return false;
     }
@@ -241,7 +294,7 @@ bool SystemCfgManager::init() {
         return false;
     }
     (void)lock.release();
-    initializedBy = process;
+    openedBy = thisProcess();
     initialized = true;
     return true;
 }
@@ -259,22 +312,26 @@ bool SystemCfgManager::read() {
     }
     (void)file.Close();
     rewriteLoaded(text, escapeIndexKeys);
+    emptiedByRead = true;  // also when memory runs out
     variant->Reset();
     if (!variant->FromKVP(text, true, valuesAsStrings, fromKvpFlag)) {
         KORVO_LOG(LevelError, "Failed to deserialize system.cfg file");
         return false;
     }
+    emptiedByRead = false;
     return true;
 }
 
-bool SystemCfgManager::serialize(std::string& text) const {
-    return variant->ToKVP(text, "=", "\n") && (!escapeIndexKeys || rewriteForFile(text));
+bool SystemCfgManager::checkNotEmptied(const char* function) {
+    if (!emptiedByRead) return true;
+    KORVO_LOG_FROM(function, LevelError, 0, "Failed to serialize variant to key-value pairs");
+    return false;
 }
 
 bool SystemCfgManager::write() {
-    if (!checkInitialized(__func__)) return false;
+    if (!checkInitialized(__func__) || !checkNotEmptied(__func__)) return false;
     std::string text;
-    if (!serialize(text)) {
+    if (!variant->ToKVP(text, "=", "\n") || (escapeIndexKeys && !rewriteForFile(text))) {
         KORVO_LOG(LevelError, "Failed to serialize variant to key-value pairs");
         return false;
     }
@@ -288,7 +345,8 @@ bool SystemCfgManager::write() {
         KORVO_LOG(LevelError, "Failed to open system.cfg");
         return false;
     }
-    if (!file.WriteString(text) || !file.CopyAccess(target) || !file.Close()) {
+    // Whoever holds the lock by now may have written since this manager loaded the file.
+    if (!file.WriteString(text) || !file.CopyAccess(target) || !file.Close() || !mutex->held()) {
         (void)::unlink(temporary.c_str());
         KORVO_LOG(LevelError, "Failed to write system.cfg");
         return false;
@@ -308,19 +366,22 @@ bool SystemCfgManager::getVariant(Variant& out) {
 }
 
 void SystemCfgManager::markChanged() {
-    if (checkInitialized(__func__)) changed = true;
+    if (!checkInitialized(__func__)) return;
+    changed = true;
+    if (variantBorrowed) emptiedByRead = false;  // the host has filled its tree again
 }
 
 void SystemCfgManager::getLastNode(const std::string& key, Variant*& node, std::string& lastKey) {
     node = nullptr;
-    lastKey.clear();
     bool escaped = true;
     if (escapeIndexKeys) {
         forEachIndexComponent(
             key, [&](std::size_t, std::size_t underscores) { escaped = escaped && underscores > 0; });
     }
     std::vector<std::string> components;
-    if (!escaped || !splitKey(key, components)) return;
+    const bool accepted = escaped && splitKey(key, components);
+    lastKey.clear();  // only now, because it may be the key itself
+    if (!accepted) return;
     // Whatever refuses the key stands before the first missing member, so nothing has been made then.
     Variant* parent = variant;
     for (std::size_t i = 0;; ++i) {
@@ -374,31 +435,29 @@ bool SystemCfgManager::get(const std::string& key, std::string* value, bool* not
 }
 
 bool SystemCfgManager::set(const std::string& key, int value, bool* valueChanged) {
-    return setValue(key, valuesAsStrings ? Variant(utils::format("%d", value)) : Variant(value),
-                    valueChanged);
+    if (valuesAsStrings) return setValue(key, utils::format("%d", value), valueChanged);
+    return setValue(key, value, valueChanged);
 }
 
 bool SystemCfgManager::set(const std::string& key, const std::string& value, bool* valueChanged) {
-    return setValue(key, Variant(value), valueChanged);
+    return setValue(key, value, valueChanged);
 }
 
-bool SystemCfgManager::setValue(const std::string& key, Variant value, bool* valueChanged) {
-    if (!checkInitialized("set")) return false;
-    const bool isText = static_cast<VariantType>(value) == TypeString;
-    const std::string& text = value;
+template <class Value>
+bool SystemCfgManager::setValue(const std::string& key, const Value& value, bool* valueChanged) {
+    if (!checkInitialized("set") || !checkNotEmptied("set")) return false;
     Variant* parent = nullptr;
     std::string lastKey;
-    if (text.find_first_of(std::string_view("\n\r\0", 3)) == std::string::npos)
-        getLastNode(key, parent, lastKey);
+    if (canBeValue(value)) getLastNode(key, parent, lastKey);
     if (parent == nullptr) {
         KORVO_LOG_FROM("set", LevelError, 0, "Failed to set system.cfg key %s", key.c_str());
         return false;
     }
-    const Variant* stored = parent->GetKeyChain(isText ? TypeString : TypeNumeric, lastKey.c_str(), true);
-    const bool differs = stored == nullptr || (isText ? *stored != value : toInt(*stored) != toInt(value));
+    const Variant* stored = parent->GetKeyChain(categoryOf(value), lastKey.c_str(), true);
+    const bool differs = stored == nullptr || !equals(*stored, value);
     if (differs) {
         changed = true;
-        (*parent)[lastKey] = std::move(value);
+        (*parent)[lastKey] = value;
     }
     if (valueChanged != nullptr) *valueChanged = differs;
     return write();
@@ -423,11 +482,10 @@ bool SystemCfgManager::close(bool saveToFlash, bool forceSave) {
 
 /** The part of close() that saves to flash. */
 bool SystemCfgManager::saveCounted() {
-    int cycles = 0;
-    bool notFound = false;
+    Variant* stored = nullptr;
     const char* failure = nullptr;
-    const bool known = get(flashCyclesKey, &cycles, &notFound);
-    if (notFound) cycles = 0;
+    const bool known = getSystemCfgValue(flashCyclesKey, valuesAsStrings ? TypeString : TypeNumeric, &stored);
+    const int cycles = stored != nullptr ? toCount(*stored) : 0;
     if (!known || !set(flashCyclesKey, std::min(cycles, INT_MAX - 1) + 1, nullptr)) {
         failure = "Failed to read flash write cycles";
     } else if (!write()) {

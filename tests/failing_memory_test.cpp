@@ -124,7 +124,7 @@ TEST(FailingMemory, LeavesTheConfigurationWholeAndUnlocked) {
         const std::string text = device.read("tmp/system.cfg");
         EXPECT_TRUE(text.find("section.item=" + longText + "\n") == 0 && text.back() == '\n') << text;
         for (const auto& file : std::filesystem::directory_iterator(device.path() / "tmp"))
-            EXPECT_EQ(file.path().stem(), file.path().extension() == ".lock" ? "system.cfg" : "system");
+            EXPECT_TRUE(file.path().extension() == ".lock" || file.path().filename() == "system.cfg") << file;
         EXPECT_TRUE(kept.init() && kept.close(false, false)) << "the lock is not free";
     };
     for (const bool save : {false, true}) {

@@ -1,11 +1,15 @@
 #include "korvo/variant_utils/system_cfg.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
+#include <thread>
 
 #include "korvo/utils/inter_process_mutex.h"
 #include "support/cases.h"
@@ -125,7 +129,12 @@ TEST_F(SystemCfgTest, RefusedKeysAndValuesLeaveNoTrace) {
     longest.resize(longest.size() - 2);  // one component less
     ASSERT_TRUE(store.init() && store.set(longest, "deepest", nullptr));
     EXPECT_TRUE(store.set("new._45.b", "v=1.1#", nullptr));
-    EXPECT_EQ(configuration(), "a=1\n" + longest + "=deepest\nnew.45.b=v=1.1#\n");
+    EXPECT_TRUE(store.set("cr", "x\ry", nullptr) && store.read()) << "what can be loaded can be set";
+    EXPECT_EQ(configuration(), "a=1\ncr=x\ry\n" + longest + "=deepest\nnew.45.b=v=1.1#\n");
+    std::string key = "new._45.b";
+    Variant* node = nullptr;
+    store.getLastNode(key, node, key);
+    EXPECT_TRUE(node != nullptr && key == "b") << "the last key may replace the key";
 }
 
 TEST_F(SystemCfgTest, EveryOperationNeedsAManagerOpenInThisProcess) {
@@ -260,11 +269,126 @@ TEST_F(SystemCfgTest, SetThatCannotWriteTellsSoAndSpoilsNothing) {
         EXPECT_EQ(fs::remove(temporary), planted) << "what was planted stays, what was begun does not";
         EXPECT_TRUE(store.set("a", value, nullptr) && configuration() == "a=" + std::to_string(value) + '\n');
     };
-    fs::create_symlink(target, temporary);
-    refuses("Failed to open system.cfg", true);
     fs::create_directory(temporary);
     refuses("Failed to open system.cfg", true);
     refuses("Failed to write system.cfg", false);
+    fs::create_symlink(target, temporary);  // is no more in the way than a file that a killed process left
+    EXPECT_TRUE(store.set("a", "9", nullptr) && configuration() == "a=9\n" && root.read("target") == "kept");
+    // Without the lock nothing is written: its file was removed, and somebody else may hold the new one.
+    fs::remove(root.path() / "tmp/system.cfg.lock");
+    EXPECT_FALSE(store.set("a", "10", nullptr));
+    EXPECT_EQ(log.messages(), "Failed to write system.cfg");
+    EXPECT_TRUE(configuration() == "a=9\n" && !fs::exists(temporary));
+}
+
+TEST_F(SystemCfgTest, WritesNothingAfterAReadThatEmptiedTheTree) {
+    for (const bool borrowed : {false, true}) {
+        configuration("a=1\n");
+        fs::remove_all(root.path() / flashFolder);
+        auto store = borrowed ? std::make_unique<SystemCfgManager>(&tree, false, true, true)
+                              : std::make_unique<SystemCfgManager>();
+        ASSERT_TRUE(store->init());
+        configuration("damaged\n");
+        EXPECT_FALSE(store->read());
+        (void)log.take();
+        const std::string cause = "Failed to serialize variant to key-value pairs";
+        EXPECT_FALSE(store->write() || store->set("a", "2", nullptr) || store->set("a", 2, nullptr));
+        EXPECT_EQ(log.messages(), cause + '|' + cause + '|' + cause);
+        EXPECT_FALSE(store->close(false, true));
+        EXPECT_EQ(log.messages(), cause + "|Failed to read flash write cycles");
+        EXPECT_EQ(configuration() + flashCopy(), "damaged\n");
+        store->markChanged();
+        EXPECT_EQ(store->close(false, false), borrowed) << "only a host can have filled its tree again";
+        EXPECT_EQ(configuration(), borrowed ? "" : "damaged\n");
+        if (borrowed) continue;
+        configuration("a=3\n");
+        EXPECT_TRUE(store->read() && store->set("b", 4, nullptr) && store->close(false, false));
+        EXPECT_EQ(configuration(), "a=3\nb=4\n");
+    }
+}
+
+TEST_F(SystemCfgTest, RefusesAConfigurationThatIsNoFileAtOnce) {
+    const std::function<void()> plants[] = {
+        [&] { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); },
+        [&] { fs::create_symlink("/dev/zero", path); },
+        [&] { fs::create_directory(path); },
+    };
+    for (const auto& plant : plants) {
+        fs::remove(path);
+        plant();
+        EXPECT_FALSE(SystemCfgManager().init());
+        EXPECT_EQ(log.messages(), "Failed to open system.cfg file|Failed to read system.cfg into variant");
+        EXPECT_TRUE(lockIsFree());
+    }
+}
+
+TEST_F(SystemCfgTest, NothingPrintedGetsIntoAFileWhenTheHostHasClosedItsStandardStreams) {
+    for (const std::vector<int>& closed : {std::vector{0, 1, 2}, std::vector{2}, std::vector{1}}) {
+        configuration("a=0\n");
+        ChildProcess host([&](const ChildProcess&) {
+            for (const int stream : closed) ::close(stream);
+            std::atomic<bool> stop{false};
+            std::thread prints([&] {
+                while (!stop) (void)!(::write(1, "printed\n", 8) + ::write(2, "logged\n", 7));
+            });
+            SystemCfgManager store;
+            bool done = store.init();
+            for (int i = 1; i <= 300; ++i) done = done && store.set("a", i, nullptr);
+            done = done && store.close(true, false);
+            stop = true;
+            prints.join();
+            const bool stillClosed = ::fcntl(closed.back(), F_GETFD) == -1;
+            return done && stillClosed ? 0 : 1;
+        });
+        EXPECT_EQ(host.exitStatus(), 0);
+        EXPECT_EQ(configuration(), "a=300\nsystem.flash.cycles=1\n");
+        EXPECT_EQ(flashCopy() + root.read("tmp/system.cfg.lock"), configuration());
+    }
+}
+
+TEST_F(SystemCfgTest, GroupThatCannotBeKeptGetsNothingThatOthersHadNot) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file to another user";
+    fs::permissions(root.path(), fs::perms(0755));
+    fs::permissions(root.path() / "tmp", fs::perms(0777));
+    const uid_t user = test::otherUser, stranger = user + 1;
+    const gid_t member = 1234, foreign = 1235;
+    const std::tuple<uid_t, gid_t, mode_t, gid_t, mode_t> cases[] = {
+        {stranger, member, 0660, member, 0660},
+        {user, foreign, 0660, user, 0600},
+        {user, foreign, 0664, user, 0644},
+    };
+    for (const auto& [owner, group, mode, newGroup, newMode] : cases) {
+        ASSERT_TRUE(::chown(path.c_str(), owner, group) == 0 && ::chmod(path.c_str(), mode) == 0);
+        ChildProcess child([&](const ChildProcess&) {
+            test::becomeOtherUser(member);
+            SystemCfgManager store;
+            return store.init() && store.set("a", "2", nullptr) ? 0 : 1;
+        });
+        struct stat status {};
+        EXPECT_TRUE(child.exitStatus() == 0 && ::stat(path.c_str(), &status) == 0);
+        EXPECT_EQ(status.st_mode & 0777U, newMode);
+        EXPECT_EQ(status.st_gid, newGroup);
+    }
+}
+
+TEST_F(SystemCfgTest, ChildOfTheSameProcessIdIsAnotherProcess) {
+    ChildProcess first([](const ChildProcess&) {
+        if (::unshare(CLONE_NEWPID) != 0) return 77;
+        const auto inNamespace = [](const auto& body) {
+            const pid_t child = ::fork();
+            if (child == 0) ::_exit(body());
+            int ended = 0;
+            return ::waitpid(child, &ended, 0) == child && WIFEXITED(ended) ? WEXITSTATUS(ended) : 99;
+        };
+        return inNamespace([&] {
+            SystemCfgManager store;
+            if (::getpid() != 1 || !store.init() || ::unshare(CLONE_NEWPID) != 0) return 2;
+            return inNamespace([&] { return ::getpid() != 1 ? 3 : store.write() ? 4 : 0; });
+        });
+    });
+    const int status = first.exitStatus();
+    if (status == 77) GTEST_SKIP() << "no pid namespaces here";
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(SystemCfgTest, IncrementsOfSeveralProcessesAllCountAsTheyDoNotWithoutTheLock) {

@@ -13,6 +13,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "korvo/variant/variant.h"
 #include "korvo/variant_utils/export.h"
@@ -153,10 +154,11 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
                            korvo::variant::Variant** value);
 
   private:
+    KORVO_VARIANT_UTILS_PRIVATE bool isOpen() const;
     KORVO_VARIANT_UTILS_PRIVATE bool checkInitialized(const char* function);
-    KORVO_VARIANT_UTILS_PRIVATE bool setValue(const std::string& key, korvo::variant::Variant value,
-                                              bool* valueChanged);
-    KORVO_VARIANT_UTILS_PRIVATE bool serialize(std::string& text) const;
+    KORVO_VARIANT_UTILS_PRIVATE bool checkNotEmptied(const char* function);
+    template <class Value>
+    KORVO_VARIANT_UTILS_PRIVATE bool setValue(const std::string& key, const Value& value, bool* valueChanged);
     KORVO_VARIANT_UTILS_PRIVATE bool saveCounted();
 
     bool initialized;
@@ -167,5 +169,6 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     bool fromKvpFlag;
     korvo::variant::Variant* variant;
     std::unique_ptr<InterProcessMutex> mutex;
-    int initializedBy;  ///< process id; a forked child inherits the object but not the lock
+    std::pair<unsigned, int> openedBy;  ///< the process; a forked child inherits the object but not the lock
+    bool emptiedByRead;                 ///< the tree is not the file's content but what a failed read() left
 };
