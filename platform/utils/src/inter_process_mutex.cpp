@@ -51,12 +51,14 @@ int createLockFile(const char* path) {
 int openTrusted(const char* path) {
     // Without O_CREAT: in a folder open to all the kernel refuses that for a file of another user.
     Descriptor file(openFile(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK));
+    const int error = errno;
     struct stat status {};
     if (file) {
-        if (::fstat(file.get(), &status) == 0 && isTrusted(status)) return file.release();
+        if (::fstat(file.get(), &status) != 0) return -1;
+        if (isTrusted(status)) return file.release();
         errno = EPERM;
-    } else if (errno != ENOENT && ::lstat(path, &status) == 0 && !isTrusted(status)) {
-        errno = EPERM;  // a link, a folder, a socket, a file of somebody else
+    } else if (error != ENOENT) {  // also for a link, a folder, a socket, a file of somebody else
+        errno = ::lstat(path, &status) == 0 && !isTrusted(status) ? EPERM : error;
     }
     return -1;
 }
@@ -112,15 +114,21 @@ class LockFile {
         return 0;
     }
 
-    /** Whether the descriptor is still ours: a host may have closed it, and opened something else under its number. */
-    bool isOpen() const {
+    /**
+     * 0 when the descriptor is still ours; EBADF when a host has closed it, and may have opened something else under
+     * its number; else an errno value.
+     */
+    int identify() const {
         struct stat status {};
-        return descriptor >= 0 && ::fstat(descriptor, &status) == 0 && isThis(status);
+        if (descriptor < 0) return EBADF;
+        if (::fstat(descriptor, &status) != 0) return errno;
+        return isThis(status) ? 0 : EBADF;
     }
 
-    /** 0 when the file is open and the one that others find too; ESTALE when they do not; else an errno value. */
+    /** The same, and ESTALE when others no longer find that file. */
     int check() const {
-        if (!isOpen()) return EBADF;
+        const int error = identify();
+        if (error != 0) return error;
         struct stat status {};
         if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT ? ESTALE : errno;
         return isThis(status) ? 0 : ESTALE;
@@ -140,7 +148,7 @@ class LockFile {
 
     /** Gives up the file, and with it the lock. */
     void close() {
-        if (isOpen()) (void)closeFile(descriptor);
+        if (identify() == 0) (void)closeFile(descriptor);
         descriptor = -1;
     }
 
@@ -275,7 +283,7 @@ InterProcessMutex::~InterProcessMutex() {
     LockTable& table = LockTable::instance();
     const std::lock_guard<std::mutex> guard(table.mutex);
     if (lock->holder == this) {
-        if (lock->file.isOpen() && lock->file.unlock() != 0) lock->file.close();
+        if (lock->file.identify() == 0 && lock->file.unlock() != 0) lock->file.close();
         lock->endTurn();
     }
     if (--lock->users == 0) table.locks.erase(table.locks.find(lock->file.name()));
@@ -305,9 +313,9 @@ int InterProcessMutex::release() {
     const CancellationShield shield;
     const std::lock_guard<std::mutex> guard(LockTable::instance().mutex);
     if (lock->holder != this) return EPERM;
-    const bool lost = !lock->file.isOpen();
-    const int error = lost ? EPERM : lock->file.unlock();
-    if (lost || error == 0) lock->endTurn();
+    const int known = lock->file.identify();
+    const int error = known == 0 ? lock->file.unlock() : known == EBADF ? EPERM : known;
+    if (error == 0 || known == EBADF) lock->endTurn();
     return error;
 }
 
@@ -321,6 +329,6 @@ pid_t InterProcessMutex::holder() const {
     if (lock == nullptr) return 0;
     const std::lock_guard<std::mutex> guard(LockTable::instance().mutex);
     // What a thread holds or waits for is left as it is.
-    const bool isKnown = (lock->isUsed() && lock->file.isOpen()) || lock->file.open(openTrusted) == 0;
+    const bool isKnown = (lock->isUsed() && lock->file.identify() == 0) || lock->file.open(openTrusted) == 0;
     return isKnown ? lock->file.holder() : 0;
 }
