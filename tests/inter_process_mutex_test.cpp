@@ -121,7 +121,7 @@ TEST_F(InterProcessMutexTest, NoticesALockFileThatWasRemovedWhileHeldOrWaitedFor
         ::usleep(200000);
         return 0;
     });
-    EXPECT_TRUE(successor.hear() == 0 && mutex.release() == 0 && mutex.holder() == successor.id());
+    EXPECT_TRUE(successor.hear() == 0 && mutex.release() == EPERM && mutex.holder() == successor.id());
     EXPECT_TRUE(waiting.hear() == 0 && mutex.holder() == waiting.id())
         << "it got a lock that excludes nobody";
     EXPECT_EQ(successor.exitStatus(), 0);

@@ -46,17 +46,11 @@ int createAnew(const char* path) {
 }
 
 /** Gives a new file its mode, of which the umask may have taken away even what the owner needs. */
-bool repairMode(int descriptor) {
-    struct stat status {};
+bool repairMode(int descriptor, struct stat& status) {
     if (::fstat(descriptor, &status) != 0) return false;
-    return (status.st_mode & permissionBits) == ownerOnly || ::fchmod(descriptor, ownerOnly) == 0;
-}
-
-int openForWriting(const char* path) {
-    Descriptor file(createAnew(path));
-    if (!file || repairMode(file.get())) return file.release();
-    keepingErrno([&] { (void)::unlink(path); });
-    return -1;
+    if ((status.st_mode & permissionBits) == ownerOnly) return true;
+    status.st_mode = ownerOnly;
+    return ::fchmod(descriptor, ownerOnly) == 0;
 }
 
 }  // namespace
@@ -65,15 +59,29 @@ File::~File() {
     (void)Close();
 }
 
-bool File::Initialize(const std::string& path, FILE_OPEN_MODE mode) {
+bool File::Initialize(const std::string& path, FILE_OPEN_MODE openMode) {
     (void)Close();
-    const bool knownMode = mode == FILE_OPEN_MODE_READ || mode == FILE_OPEN_MODE_TRUNCATE;
+    const bool knownMode = openMode == FILE_OPEN_MODE_READ || openMode == FILE_OPEN_MODE_TRUNCATE;
     if (!knownMode || path.find('\0') != std::string::npos) {
         errno = EINVAL;
         return false;
     }
-    descriptor = mode == FILE_OPEN_MODE_READ ? openForReading(path.c_str()) : openForWriting(path.c_str());
-    return descriptor >= 0;
+    if (openMode == FILE_OPEN_MODE_READ) {
+        descriptor = openForReading(path.c_str());
+        return descriptor >= 0;
+    }
+    Descriptor made(createAnew(path.c_str()));
+    struct stat status {};
+    if (!made) return false;
+    if (!repairMode(made.get(), status)) {
+        keepingErrno([&] { (void)::unlink(path.c_str()); });
+        return false;
+    }
+    descriptor = made.release();
+    mode = status.st_mode & permissionBits;
+    owner = status.st_uid;
+    group = status.st_gid;
+    return true;
 }
 
 bool File::ReadStringAll(std::string& text) {
@@ -117,19 +125,17 @@ bool File::WriteString(const std::string& text) {
 
 bool File::CopyAccess(const std::string& path) {
     struct stat wanted {};
-    struct stat own {};
     if (::stat(path.c_str(), &wanted) != 0) return errno == ENOENT;
-    if (::fstat(descriptor, &own) != 0) return false;
     mode_t bits = wanted.st_mode & permissionBits;
-    if (wanted.st_uid != own.st_uid || wanted.st_gid != own.st_gid) {
+    if (wanted.st_uid != owner || wanted.st_gid != group) {
         // Only a privileged process may give a file away; any other may still choose among its own groups.
         const bool groupKept = ::fchown(descriptor, wanted.st_uid, wanted.st_gid) == 0 ||
                                ::fchown(descriptor, static_cast<uid_t>(-1), wanted.st_gid) == 0;
         // To the old file the members of the new group were others.
-        if (!groupKept && wanted.st_gid != own.st_gid) bits &= ~mode_t{S_IRWXG} | (bits & S_IRWXO) << 3;
+        if (!groupKept && wanted.st_gid != group) bits &= ~mode_t{S_IRWXG} | (bits & S_IRWXO) << 3;
     }
     // Last, so that nobody has access in between who had none to the old file.
-    return bits == (own.st_mode & 07777) || ::fchmod(descriptor, bits) == 0;
+    return bits == mode || ::fchmod(descriptor, bits) == 0;
 }
 
 bool File::Sync() {

@@ -103,7 +103,7 @@ class LockFile {
 
     /** Opens the file with @p openPath, unless it is open already; 0 or an errno value. */
     int open(int (*openPath)(const char* path)) {
-        if (check() == 0) return 0;
+        if (identify() == 0) return 0;
         close();
         Descriptor opened(openPath(path.c_str()));
         struct stat status {};
@@ -115,17 +115,24 @@ class LockFile {
     }
 
     /**
-     * 0 when the descriptor is still ours; EBADF when a host has closed it, and may have opened something else under
-     * its number; else an errno value.
+     * 0 when the descriptor is still ours and the file still has its name; EBADF when a host has closed it, and may have
+     * opened something else under its number; ESTALE when the file was removed or replaced; else an errno value.
      */
     int identify() const {
         struct stat status {};
         if (descriptor < 0) return EBADF;
         if (::fstat(descriptor, &status) != 0) return errno;
-        return isThis(status) ? 0 : EBADF;
+        if (!isThis(status)) return EBADF;
+        return status.st_nlink > 0 ? 0 : ESTALE;
     }
 
-    /** The same, and ESTALE when others no longer find that file. */
+    /** Whether the descriptor is still ours, whatever has become of the file. */
+    bool isOpen() const {
+        const int error = identify();
+        return error == 0 || error == ESTALE;
+    }
+
+    /** The same as identify(), but sees a file that was moved away too, for which it takes a path through the folders. */
     int check() const {
         const int error = identify();
         if (error != 0) return error;
@@ -148,7 +155,7 @@ class LockFile {
 
     /** Gives up the file, and with it the lock. */
     void close() {
-        if (identify() == 0) (void)closeFile(descriptor);
+        if (isOpen()) (void)closeFile(descriptor);
         descriptor = -1;
     }
 
@@ -199,7 +206,7 @@ struct InterProcessMutex::NamedLock {
             guard.unlock();
             error = file.waitForLock();
             guard.lock();
-            if (error == 0) error = file.check();
+            if (error == 0) error = file.identify();
             if (error == 0) return 0;
             // Removed, replaced or closed by the host: then the next one is waited for.
             file.close();
@@ -283,7 +290,7 @@ InterProcessMutex::~InterProcessMutex() {
     LockTable& table = LockTable::instance();
     const std::lock_guard<std::mutex> guard(table.mutex);
     if (lock->holder == this) {
-        if (lock->file.identify() == 0 && lock->file.unlock() != 0) lock->file.close();
+        if (lock->file.isOpen() && lock->file.unlock() != 0) lock->file.close();
         lock->endTurn();
     }
     if (--lock->users == 0) table.locks.erase(table.locks.find(lock->file.name()));
@@ -314,21 +321,26 @@ int InterProcessMutex::release() {
     const std::lock_guard<std::mutex> guard(LockTable::instance().mutex);
     if (lock->holder != this) return EPERM;
     const int known = lock->file.identify();
-    const int error = known == 0 ? lock->file.unlock() : known == EBADF ? EPERM : known;
-    if (error == 0 || known == EBADF) lock->endTurn();
+    const bool lost = known == EBADF;
+    const int error = known == 0 || known == ESTALE ? lock->file.unlock() : lost ? EPERM : known;
+    if (error == 0 || lost) lock->endTurn();
     return error;
 }
 
 bool InterProcessMutex::held() const {
     if (lock == nullptr) return false;
     const std::lock_guard<std::mutex> guard(LockTable::instance().mutex);
-    return lock->holder == this && lock->file.check() == 0;
+    if (lock->holder != this) return false;
+    const int error = lock->file.check();
+    // What excludes nobody any more is not kept, so that the next one opens the file that the others use.
+    if (error == ESTALE) lock->file.close();
+    return error == 0;
 }
 
 pid_t InterProcessMutex::holder() const {
     if (lock == nullptr) return 0;
     const std::lock_guard<std::mutex> guard(LockTable::instance().mutex);
     // What a thread holds or waits for is left as it is.
-    const bool isKnown = (lock->isUsed() && lock->file.identify() == 0) || lock->file.open(openTrusted) == 0;
+    const bool isKnown = (lock->isUsed() && lock->file.isOpen()) || lock->file.open(openTrusted) == 0;
     return isKnown ? lock->file.holder() : 0;
 }

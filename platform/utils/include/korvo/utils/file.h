@@ -4,6 +4,8 @@
  */
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "korvo/utils/export.h"
@@ -47,7 +49,7 @@ class KORVO_UTILS_EXPORT File {
      * somebody still has open is not written to. What cannot be removed (a folder, or another user's file in a
      * sticky folder) is refused and left alone. The mode is 0600 whatever the umask.
      */
-    bool Initialize(const std::string& path, FILE_OPEN_MODE mode);
+    bool Initialize(const std::string& path, FILE_OPEN_MODE openMode);
 
     /**
      * Replaces @p text by everything from the current position to the end of the file, whatever size the file
@@ -64,8 +66,8 @@ class KORVO_UTILS_EXPORT File {
     /**
      * Gives the open file the permission bits of the file at @p path, its group where the process may, and its
      * owner where the process may; does nothing when there is no such file. Where the group cannot be kept, the
-     * file's own group gets no access that others did not have. Works on the open file, so that no link planted
-     * at its name is followed.
+     * file's own group gets no access that others did not have. For a file opened for writing. Works on the open
+     * file, so that no link planted at its name is followed.
      */
     bool CopyAccess(const std::string& path);
 
@@ -77,6 +79,10 @@ class KORVO_UTILS_EXPORT File {
 
   private:
     int descriptor = -1;
+    // Of a file made for writing, as the system gave them to it:
+    mode_t mode = 0;
+    uid_t owner = 0;
+    gid_t group = 0;
 };
 
 }  // namespace korvo::utils

@@ -58,14 +58,14 @@ class KORVO_UTILS_EXPORT InterProcessMutex {
 
     /**
      * Gives the lock back.
-     * @return 0; EPERM when this object does not hold the lock in this process, or the host has closed the lock
-     *         file meanwhile; EINVAL for a refused name; else why the kernel refused, and the lock is still held
+     * @return 0; EPERM when this object does not hold the lock in this process, or has lost it; EINVAL for a
+     *         refused name; else why the kernel refused, and the lock is still held
      */
     int release();
 
     /**
-     * Whether this object still holds the lock in this process, and nobody has removed or replaced the file. To be
-     * asked before what must not happen without the lock; two system calls.
+     * Whether this object still holds the lock in this process, and nobody has removed, moved or replaced the file.
+     * To be asked before what must not happen without the lock; two system calls. A lock that is lost stays lost.
      */
     bool held() const;
 
