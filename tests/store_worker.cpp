@@ -1,13 +1,35 @@
-// One use of the configuration store, step by step, for scripts/fault-injection: store_worker ROOT KEY VALUE
+// A process that uses the configuration store for the scripts that break it.
+//   store_worker ROOT KEY VALUE    one use, step by step, for scripts/fault-injection and scripts/power-cut
+//   store_worker ROOT --storm SEED NUMBER   counts with so many threads until ROOT/stop exists, for scripts/kill-storm
 
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <iostream>
+#include <random>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "korvo/utils/device_root.h"
 #include "korvo/utils/inter_process_mutex.h"
+#include "korvo/utils/text.h"
 #include "korvo/variant_utils/system_cfg.h"
+
+#ifdef WITHOUT_LOCK
+// Stands in front of the utility library's own, to show that scripts/kill-storm would see a lock that fails.
+InterProcessMutex::InterProcessMutex(const char* /*name*/, bool /*reserved*/) : shared(nullptr) {}
+InterProcessMutex::~InterProcessMutex() = default;
+int InterProcessMutex::acquire() {
+    return shared == nullptr ? 0 : EINVAL;
+}
+int InterProcessMutex::release() {
+    return shared == nullptr ? 0 : EINVAL;
+}
+#endif
 
 namespace {
 
@@ -29,10 +51,79 @@ int use(const char* key, const char* value) {
     return report("close", store.close(true, false)) ? 0 : 1;
 }
 
+/** Counts in the store, and tells ROOT/journal before and after each step, so that whoever kills it knows how far it was. */
+class Storm {
+  public:
+    explicit Storm(const std::string& root)
+        : stop(root + "/stop"),
+          journal(::open((root + "/journal").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC)) {}
+
+    void run(unsigned seed, unsigned number) {
+        std::vector<std::thread> threads;
+        for (unsigned i = 0; i < number; ++i) threads.emplace_back([=] { count(seed + i, 0); });
+        for (unsigned i = 1; !stopped(); ++i) {
+            const pid_t parent = ::getpid(), child = ::fork();
+            if (child == 0) orphan(parent, seed + i);
+            (void)::waitpid(child, nullptr, 0);
+        }
+        for (std::thread& thread : threads) thread.join();
+    }
+
+  private:
+    bool stopped() const { return ::access(stop.c_str(), F_OK) == 0; }
+
+    /** One call a line, so that lines of several processes do not mix. */
+    void tell(const std::string& line) const {
+        if (::write(journal, line.data(), line.size()) < 0) ::_exit(1);
+    }
+
+    /** What a forked child does: the parent's other threads may be anywhere, and it may be gone at any time. */
+    [[noreturn]] void orphan(pid_t parent, unsigned seed) {
+        if (seed % 4 == 0 && ::getppid() == parent) {
+            tell("killed " + std::to_string(parent) + '\n');
+            (void)::kill(parent, SIGKILL);
+        }
+        ::usleep(seed % 16 * 1000);
+        count(seed, 3);
+        ::_exit(0);
+    }
+
+    /** Makes so many turns; with 0 it goes on until it is stopped. */
+    void count(unsigned seed, unsigned turns) {
+        std::minstd_rand random(seed);
+        for (unsigned i = 0; turns == 0 ? !stopped() : i < turns; ++i) turn(random());
+    }
+
+    void turn(unsigned long random) {
+        static std::atomic<unsigned> turns{0};
+        const std::string key = "count." + std::to_string(random % 4);
+        const bool save = random / 4 % 4 == 0, close = random / 16 % 8 != 0;
+        const std::string id = std::to_string(::getpid()) + ':' + std::to_string(++turns);
+        int value = -1, cycles = -1;
+        {
+            SystemCfgManager store;
+            if (!store.init() || !store.get(key, &value, nullptr) ||
+                !store.get("system.flash.cycles", &cycles, nullptr))
+                return tell("failed " + id + " to begin\n");
+            tell(korvo::utils::format("begin %s %s %d %d %d\n", id.c_str(), key.c_str(), value, cycles,
+                                      save && close ? 1 : 0));
+            tell((store.set(key, value + 1, nullptr) ? "set " : "failed to set ") + id + '\n');
+            if (close && !store.close(save, false)) tell("failed to close " + id + '\n');
+        }
+        tell("end " + id + '\n');
+    }
+
+    const std::string stop;
+    const int journal;
+};
+
 }  // namespace
 
 int main(int count, char** arguments) {
-    if (count != 4) return 3;
+    if (count < 4) return 3;
     korvo::utils::setDeviceRoot(arguments[1]);
-    return use(arguments[2], arguments[3]);
+    if (count == 4) return use(arguments[2], arguments[3]);
+    Storm(arguments[1])
+        .run(static_cast<unsigned>(std::stoul(arguments[3])),
+             static_cast<unsigned>(std::stoul(arguments[4])));
 }
