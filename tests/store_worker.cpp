@@ -1,6 +1,6 @@
-// A process that uses the configuration store for the scripts that break it.
-//   store_worker ROOT KEY VALUE    one use, step by step, for scripts/fault-injection and scripts/power-cut
-//   store_worker ROOT --storm SEED NUMBER   counts with so many threads until ROOT/stop exists, for scripts/kill-storm
+// A process that uses the configuration store, for the scripts that break it.
+//   store_worker ROOT KEY VALUE             one use, step by step: scripts/fault-injection, scripts/power-cut
+//   store_worker ROOT --storm SEED THREADS  counts until ROOT/stop exists: scripts/kill-storm
 
 #include <fcntl.h>
 #include <signal.h>
@@ -21,13 +21,19 @@
 
 #ifdef WITHOUT_LOCK
 // Stands in front of the utility library's own, to show that scripts/kill-storm would see a lock that fails.
-InterProcessMutex::InterProcessMutex(const char* /*name*/, bool /*reserved*/) : shared(nullptr) {}
+InterProcessMutex::InterProcessMutex(const char* /*name*/, bool /*reserved*/) : lock(nullptr) {}
 InterProcessMutex::~InterProcessMutex() = default;
 int InterProcessMutex::acquire() {
-    return shared == nullptr ? 0 : EINVAL;
+    return 0;
 }
 int InterProcessMutex::release() {
-    return shared == nullptr ? 0 : EINVAL;
+    return 0;
+}
+bool InterProcessMutex::held() const {
+    return lock == nullptr;
+}
+pid_t InterProcessMutex::holder() const {
+    return 0;
 }
 #endif
 
@@ -51,7 +57,7 @@ int use(const char* key, const char* value) {
     return report("close", store.close(true, false)) ? 0 : 1;
 }
 
-/** Counts in the store, and tells ROOT/journal before and after each step, so that whoever kills it knows how far it was. */
+/** Counts in the store, and notes each step in ROOT/journal, so that a killer knows how far it came. */
 class Storm {
   public:
     explicit Storm(const std::string& root)
@@ -77,7 +83,7 @@ class Storm {
         if (::write(journal, line.data(), line.size()) < 0) ::_exit(1);
     }
 
-    /** What a forked child does: the parent's other threads may be anywhere, and it may be gone at any time. */
+    /** What a forked child does: the parent's other threads may be anywhere, or all of it gone. */
     [[noreturn]] void orphan(pid_t parent, unsigned seed) {
         if (seed % 4 == 0 && ::getppid() == parent) {
             tell("killed " + std::to_string(parent) + '\n');
