@@ -1,13 +1,17 @@
 #include "korvo/variant_utils/commandline.h"
 
+#include <cerrno>
 #include <charconv>
-#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "korvo/utils/text.h"
 #include "log.h"
@@ -92,6 +96,16 @@ Declaration findDeclaration(const Variant& definitions, const std::string& name)
             found->GetKeyChain(TypeAny, "defaultValue", false)};
 }
 
+/** The canonical path of a program, null where there is none. */
+Variant canonicalPath(const char* program) {
+    Variant path;
+    if (program == nullptr) return path;
+    const std::unique_ptr<char, decltype(&std::free)> found(::realpath(program, nullptr), &std::free);
+    if (found == nullptr && errno == ENOMEM) throw std::bad_alloc();
+    path = found.get();
+    return path;
+}
+
 /** Stores the option that one argument gives; false when it matches no declaration. */
 bool parseOption(const std::string& argument, const Variant& definitions, Variant& result) {
     const std::size_t equals = argument.find('=');
@@ -116,16 +130,18 @@ void AddParameter(Variant& definitions, char shortName, const char* longName, co
     record["shortName"] = static_cast<signed char>(shortName);
     record["description"] = description;
     record["defaultValue"] = defaultValue;
+    // From here on the arguments are not looked at: they may be texts of a declaration that is replaced.
+    const std::string& name = record["longName"];
     definitions["byShortName"][shortNameIndex(shortName)] = record;
-    definitions["byLongName"][longName] = record;
+    definitions["byLongName"][name] = record;
     definitions["all"][-1] = std::move(record);
 }
 
 void PrintHelp(const char* programName, Variant& definitions) {
+    std::printf("%s <option>[=<value>]\n", programName);
     definitions.IsArray(false);
     Variant& all = definitions["all"];
     all.IsArray(true);
-    std::printf("%s <option>[=<value>]\n", programName);
     for (auto element = all.num_begin(); element != all.num_end(); ++element) {
         Variant& parameter = element->second;
         parameter.IsArray(false);
@@ -140,21 +156,27 @@ void PrintHelp(const char* programName, Variant& definitions) {
 }
 
 void ParseCommandLine(int argc, const char** argv, Variant& definitions, Variant& result) {
+    // Copied, since they may be texts of the values that are changed here.
+    std::vector<std::string> arguments;
+    for (int i = 1; i < argc; ++i) {
+        if (argv[i] != nullptr) arguments.emplace_back(argv[i]);
+    }
+    const char* program = argc > 0 ? argv[0] : nullptr;
+    Variant executed;
+    executed = program;
+    Variant fullPath = canonicalPath(program);
     definitions.IsArray(false);
     definitions["byShortName"].IsArray(false);
     definitions["byLongName"].IsArray(false);
-    for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i];
+    for (const std::string& argument : arguments) {
         if (parseOption(argument, definitions, result)) continue;
         KORVO_LOG(logger::LevelWarning, "unknown parameter detected: `%s`", argument.c_str());
         result["unknownParameters"][-1] = argument;
     }
     result.Compact();
-    const char* executed = argc > 0 ? argv[0] : nullptr;
-    char fullPath[PATH_MAX];
     Variant& commandLine = result["commandLine"];
-    commandLine["executed"] = executed;
-    commandLine["fullPath"] = executed != nullptr ? ::realpath(executed, fullPath) : nullptr;
+    commandLine["executed"] = std::move(executed);
+    commandLine["fullPath"] = std::move(fullPath);
 }
 
 }  // namespace korvo::variant

@@ -95,6 +95,24 @@ TEST(CommandLine, FindsOptionsByShortAndLongName) {
     EXPECT_EQ(parse(options, {"--"})["parameters"][""], Variant(1));
 }
 
+TEST(CommandLine, ArgumentsMayBeTextsOfWhatTheCallChangesOrNull) {
+    test::LogCapture log;
+    const std::string name = "a name that is too long for the small string optimisation";
+    Variant options;
+    AddParameter(options, 'a', name.c_str(), "What it is", 1);
+    const Variant declared = options["byLongName"];
+    Variant& record = options["byShortName"]['a'];
+    AddParameter(options, 'a', record["longName"], record["description"], record["defaultValue"]);
+    EXPECT_EQ(options["byLongName"], declared);
+
+    Variant result = parse(options, {("-a=" + name).c_str()});
+    const Variant commandLine = result["commandLine"];
+    const char* arguments[] = {result["commandLine"]["executed"], "-a", nullptr, result["parameters"][name]};
+    ParseCommandLine(4, arguments, options, result);
+    EXPECT_TRUE(result["commandLine"] == commandLine && result["parameters"][name] == Variant(1));
+    EXPECT_EQ(log.messages(), "unknown parameter detected: `" + name + "`");
+}
+
 TEST(CommandLine, ConvertsValuesByHowTheyAreWrittenInEveryLocale) {
     Variant options = cameraOptions();
     test::inEveryLocale([&] {

@@ -15,7 +15,8 @@
  * "shortName", "description" and "defaultValue".
  *
  * Threads: the functions keep no state. The values handed to them must not be used by another thread
- * meanwhile. Errors: nothing is thrown but std::bad_alloc.
+ * meanwhile. Arguments may be texts of the values that a call changes. Errors: nothing is thrown but
+ * std::bad_alloc.
  */
 #pragma once
 
@@ -27,8 +28,10 @@ namespace korvo::variant {
 /**
  * Declares one option.
  *
- * Nothing is checked: any character is a short name and any text a long name. A name declared again replaces
- * the earlier declaration for parsing; the help lists both.
+ * Nothing is checked: any character is a short name and any text a long name. Some of them no argument can
+ * give, so that the option has only its other name: the short names "=", "-" and the zero character; a long
+ * name that holds "=" or "/", or that stands in brackets, such as "[x]". A name declared again replaces the
+ * earlier declaration for parsing; the help lists both.
  *
  * @param definitions   the declarations so far; a new Variant for the first
  * @param shortName     the option's letter, as in `-p`; a character of any code
@@ -51,22 +54,30 @@ KORVO_VARIANT_UTILS_EXPORT void PrintHelp(const char* programName, Variant& defi
 /**
  * Parses an argument vector against the declarations.
  *
- * An option is `-c`, `-c=VALUE`, `--name` or `--name=VALUE`. Only what stands behind "=" is its value;
- * without one, or with an empty one, the option receives a copy of its declared default. What is written like
- * a number becomes one, in every locale alike: `8080` an unsigned 64-bit integer, `-3` a signed one, `0x1F`
- * hexadecimal, `010` octal, `2.5` a double, and `1.0` the signed integer 1. Anything else is held as a
- * string, whatever the type of the default.
+ * An option is `-c`, `-c=VALUE`, `--name` or `--name=VALUE`. Only what follows the first "=" is its value;
+ * without one, or with an empty one, the option receives a copy of its declared default. Of an option that is
+ * given twice the later value counts. The type of a value depends on how it is written, in every locale alike,
+ * and never on the type of the default:
+ *
+ * - Digits become an unsigned 64-bit integer, with "-" in front a signed one. They are hexadecimal after "0x" and
+ *   octal after "0": `8080`, `-3`, `0x1F`, `010`. An integer above 9223372036854775807 becomes that, in either
+ *   type, and one below -9223372036854775808 that.
+ * - With a "." a number becomes a double, `2.5`, or a signed 64-bit integer where it is a whole one that fits:
+ *   `1.0` and `1.5e3`. One too large for a double becomes infinity.
+ * - Anything else is a string, also what is almost a number: `08`, `1e3`, `0X1F`, `0b11`, `1_000`, `inf`.
  *
  * Parsing never fails. What is no declared option is logged as a warning and collected; the host decides what
- * that means.
+ * that means. That goes for every argument that does not begin with "-", for several letters after one "-", and
+ * for what follows an option as an argument of its own. `--` has no special meaning.
  *
  * @param argc         the number of arguments, the program's name included; 0 is survived
- * @param argv         the arguments
+ * @param argv         the arguments; null ones among them are skipped
  * @param definitions  the declarations
  * @param result       receives "parameters", a map from long names to values; "unknownParameters", an array of
  *                     the arguments that match no declaration, each whole; and "commandLine", a map with
- *                     "executed", the program's name as given, and "fullPath", its canonical path, or null where
- *                     there is none. What else the value holds stays; "parameters" and "unknownParameters" are
+ *                     "executed", the program's name as given, and "fullPath", its canonical path from the working
+ *                     directory on, or null where there is none, as for a program that was found through PATH.
+ *                     What else the value holds stays; "parameters" and "unknownParameters" are
  *                     made only when needed.
  */
 KORVO_VARIANT_UTILS_EXPORT void ParseCommandLine(int argc, const char** argv, Variant& definitions,
