@@ -25,32 +25,42 @@ class InterProcessMutex;
  *
  * The file has one `key=value` line per value; the components of the key between dots name nested maps.
  * Loading takes a value that is as a whole enabled, enable or on for 1, and disabled, disable or off for 0;
- * these words are not written back. Every other pair is written as it was loaded, in the order of the keys;
- * comments and blank lines are dropped.
+ * these words are not written back. Every other pair is written as it was loaded, in the order of the tree's
+ * keys; comments and blank lines are dropped.
  *
- * Index components, when they are escaped: a component behind a dot that begins with a digit 1 to 4 has an
+ * Index components, when they are escaped: a component after a dot that begins with a digit 1 to 4 has an
  * underscore before it in the tree, `a.1.b` being member b of member `_1` of a. One that begins with
  * underscores and such a digit has one underscore more, so that the file's `a.1` and `a._1` stay two keys.
  * Keys given to get() and set() are those of the tree.
  *
  * Keys are refused, with an error logged, when they are empty or have an empty component, more than 64
  * components, or a component that begins with "#" or holds "/", "[", "]", "=" or a control character. set()
- * also refuses what could not be written or loaded again: a value with a line break or a zero byte, a key
- * below a key that has a value, a key that looks like an indexed member of a tree that the host filled, and,
- * when index components are escaped, one that lacks its underscore. What is refused leaves no trace.
+ * also refuses what could not be written or loaded again: a value with a line feed or a zero byte in it or a
+ * carriage return at its end, a key below a key that has a value, a key that looks like an indexed member of a
+ * tree that the host filled, and, when index components are escaped, one that lacks its underscore. What is
+ * refused leaves no trace.
  *
  * Writing replaces the file in one step: every reader sees the old text or the new one, whole, also when the
- * process is killed. That is not durable; the flash copy that close() makes is. The new file keeps the
- * permission bits of the old one, and its owner where the process may. A failed write leaves no temporary
- * file; the process id is part of its name, so a killed process may leave one.
+ * process is killed. That is not durable; the flash copy that close() makes is. So "/tmp" is best a tmpfs: on
+ * flash every set() would wear it. The new file keeps the permission bits of the old one, its group where the
+ * process may, and its owner where the process may; where the group cannot be kept, the new one gets no access
+ * that others did not have. A failed write leaves no temporary file; the process id is part of its name, so a
+ * killed process may leave one, which the next process of that id replaces.
  *
  * Processes: the lock is the InterProcessMutex "system.cfg". It is free again when its holder dies. In a
- * child made by fork an open manager is not initialized, and the parent's stays open.
+ * child made by fork an open manager is not initialized, and the parent's stays open. Where the lock is lost
+ * in spite of that, because its file was removed or the host has closed all its descriptors, nothing is
+ * written any more: somebody else may have changed the configuration meanwhile.
  *
  * Threads: an object must not be used by two threads at once. Two objects of one process exclude one another:
- * init() waits for another thread's object, and fails where the object is the same thread's.
+ * init() waits for another thread's object, and fails where the object is the same thread's. A thread that is
+ * cancelled inside of a call leaves nothing half done.
  *
- * Errors are logged and returned as false. Out-parameters may be null. Nothing is thrown but std::bad_alloc.
+ * Signals are the host's business: a configuration that outgrows RLIMIT_FSIZE raises SIGXFSZ, and a message on
+ * a standard error that is a broken pipe SIGPIPE; both end a process that does not ignore them.
+ *
+ * Errors are logged and returned as false. Out-parameters may be null, and texts may be texts inside of the
+ * tree. Nothing is thrown but std::bad_alloc.
  */
 class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
   public:
@@ -74,13 +84,17 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     /** Does what close(false, false) does when the manager is open, and gives the lock back in any case. */
     ~SystemCfgManager();
 
-    /** Waits for the lock and loads the file. After a failure the lock is not held. */
+    /**
+     * Waits for the lock, without a time limit, and loads the file. After a failure the lock is not held, except
+     * where the manager is open already: then it stays open. What is no plain file is refused.
+     */
     bool init();
 
     /**
      * Loads the file; changes to the tree that were not written are lost. Neither takes the lock nor needs
      * it. When the text is no key=value text the tree is empty afterwards; otherwise a failure leaves it as
-     * it was.
+     * it was. An emptied tree is not written, neither by write() nor by set() or close(), until a read() or
+     * init() succeeds or the host, having filled a tree of its own again, calls markChanged().
      */
     bool read();
 
@@ -96,14 +110,15 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     /**
      * Reads an integer.
      *
-     * Held as strings, the value is that of the text's leading decimal digits, behind white space and a sign;
-     * 0 when there are none; texts outside of int give the nearest int. Held as numbers, it is the number as int.
+     * Held as strings, the value is that of the text's leading decimal digits, after white space and a sign;
+     * 0 when there are none; texts outside of int give the nearest int. Held as numbers, it is the number as int,
+     * which loses the upper bits of one that is wider.
      *
      * @param key       dotted
      * @param value     receives the integer; -1 when there is none
      * @param notFound  receives whether the key is missing or its value is of another type
      * @return true also when the key is missing; false when the manager is not open, which leaves the
-     *         out-parameters alone, or the key is refused
+     *         out-parameters alone, or the key is refused, which leaves only @p notFound alone
      */
     bool get(const std::string& key, int* value, bool* notFound);
 
@@ -118,6 +133,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * @param key           dotted
      * @param value         the integer
      * @param valueChanged  receives whether the value differed; left alone when the key is refused
+     * @return whether the file was written; false also when the key or the value is refused
      */
     bool set(const std::string& key, int value, bool* valueChanged);
 
