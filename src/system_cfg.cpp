@@ -64,7 +64,9 @@ class Replacements {
     std::size_t done = 0;  ///< so much of the text has been dealt with
 };
 
-/** Calls @p visit with the places of the key, the "=" and the end of the value of each line that is a pair. */
+/**
+ * Calls @p visit with the places of the key, the "=" and the end of the value of each line that is a pair.
+ */
 template <class Visit>
 void forEachPair(std::string_view text, Visit visit) {
     for (std::size_t begin = 0; begin < text.size();) {
@@ -214,7 +216,10 @@ bool equals(const Variant& stored, const std::string& value) {
 bool canBeValue(int) {
     return true;
 }
-/** Whether a text loads again as it is written: a line break would end it, and a host may take it for ended by a NUL. */
+/**
+ * Whether a text loads again as it is written: a line break would end it, and a host may take it for ended by
+ * a NUL.
+ */
 bool canBeValue(const std::string& value) {
     return value.find_first_of(std::string_view("\n\0", 2)) == std::string::npos &&
            (value.empty() || value.back() != '\r');
@@ -228,8 +233,8 @@ std::atomic<unsigned> generation{0};
 [[maybe_unused]] const int forkHandlers = ::pthread_atfork(nullptr, nullptr, [] { ++generation; });
 
 /**
- * Tells a process from its children, also from one that has the same process id in a pid namespace of its own, and from
- * one that was made without the C library's knowledge.
+ * Tells a process from its children, also from one that has the same process id in a pid namespace of its
+ * own, and from one that was made without the C library's knowledge.
  */
 std::pair<unsigned, int> thisProcess() {
     return {generation, ::getpid()};

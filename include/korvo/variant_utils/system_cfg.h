@@ -36,16 +36,16 @@ class InterProcessMutex;
  * Keys are refused, with an error logged, when they are empty or have an empty component, more than 64
  * components, or a component that begins with "#" or holds "/", "[", "]", "=" or a control character. set()
  * also refuses what could not be written or loaded again: a value with a line feed or a zero byte in it or a
- * carriage return at its end, a key below a key that has a value, a key that looks like an indexed member of a
- * tree that the host filled, and, when index components are escaped, one that lacks its underscore. What is
+ * carriage return at its end, a key below a key that has a value, a key that looks like an indexed member of
+ * a tree that the host filled, and, when index components are escaped, one that lacks its underscore. What is
  * refused leaves no trace.
  *
  * Writing replaces the file in one step: every reader sees the old text or the new one, whole, also when the
  * process is killed. That is not durable; the flash copy that close() makes is. So "/tmp" is best a tmpfs: on
  * flash every set() would wear it. The new file keeps the permission bits of the old one, its group where the
- * process may, and its owner where the process may; where the group cannot be kept, the new one gets no access
- * that others did not have. A failed write leaves no temporary file; the process id is part of its name, so a
- * killed process may leave one, which the next process of that id replaces.
+ * process may, and its owner where the process may; where the group cannot be kept, the new one gets no
+ * access that others did not have. A failed write leaves no temporary file; the process id is part of its
+ * name, so a killed process may leave one, which the next process of that id replaces.
  *
  * Processes: the lock is the InterProcessMutex "system.cfg". It is free again when its holder dies. In a
  * child made by fork an open manager is not initialized, and the parent's stays open. Where the lock is lost
@@ -56,8 +56,8 @@ class InterProcessMutex;
  * init() waits for another thread's object, and fails where the object is the same thread's. A thread that is
  * cancelled inside of a call leaves nothing half done.
  *
- * Signals are the host's business: a configuration that outgrows RLIMIT_FSIZE raises SIGXFSZ, and a message on
- * a standard error that is a broken pipe SIGPIPE; both end a process that does not ignore them.
+ * Signals are the host's business: a configuration that outgrows RLIMIT_FSIZE raises SIGXFSZ, and a message
+ * on a standard error that is a broken pipe SIGPIPE; both end a process that does not ignore them.
  *
  * Errors are logged and returned as false. Out-parameters may be null, and texts may be texts inside of the
  * tree. Nothing is thrown but std::bad_alloc.
@@ -85,8 +85,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     ~SystemCfgManager();
 
     /**
-     * Waits for the lock, without a time limit, and loads the file. After a failure the lock is not held, except
-     * where the manager is open already: then it stays open. What is no plain file is refused.
+     * Waits for the lock, without a time limit, and loads the file. After a failure the lock is not held,
+     * except where the manager is open already: then it stays open. What is no plain file is refused.
      */
     bool init();
 
@@ -111,8 +111,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * Reads an integer.
      *
      * Held as strings, the value is that of the text's leading decimal digits, after white space and a sign;
-     * 0 when there are none; texts outside of int give the nearest int. Held as numbers, it is the number as int,
-     * which loses the upper bits of one that is wider.
+     * 0 when there are none; texts outside of int give the nearest int. Held as numbers, it is the number as
+     * int, which loses the upper bits of one that is wider.
      *
      * @param key       dotted
      * @param value     receives the integer; -1 when there is none

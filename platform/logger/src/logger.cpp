@@ -32,7 +32,10 @@ std::size_t sequenceLength(const char* text) {
     return invalid ? 0 : length;
 }
 
-/** Whether the sequence that @p text begins with, or the byte where it begins with none, is a control character. */
+/**
+ * Whether the sequence that @p text begins with, or the byte where it begins with none, is a control
+ * character.
+ */
 bool isControl(const char* text, std::size_t length) {
     const auto byte = static_cast<unsigned char>(*text);
     if (length == 0) return byte < 0xa0;
@@ -48,7 +51,9 @@ void appendEscaped(std::string& line, char character) {
     if (letter == 'x') line += {hex[byte >> 4], hex[byte & 0xf]};
 }
 
-/** Writes control characters visibly, those of terminals above 127 too; other bytes that are no UTF-8 stay. */
+/**
+ * Writes control characters visibly, those of terminals above 127 too; other bytes that are no UTF-8 stay.
+ */
 std::string escapeControls(const char* text) {
     std::string escaped;
     while (*text != '\0') {

@@ -9,7 +9,9 @@ namespace {
 
 constexpr int standardStreams = 3;
 
-/** What all guards of the process share. Needs no initialization at run time, which a fork could cut in half. */
+/**
+ * What all guards of the process share. Needs no initialization at run time, which a fork could cut in half.
+ */
 struct {
     std::mutex mutex;
     unsigned guards = 0;

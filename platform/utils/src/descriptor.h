@@ -11,7 +11,9 @@
 
 namespace korvo::utils {
 
-/** While one lives, its thread is not cancelled: nothing half done is left, and no destructor is left through. */
+/**
+ * While one lives, its thread is not cancelled: nothing half done is left, and no destructor is left through.
+ */
 class CancellationShield {
   public:
     CancellationShield() { (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before); }
@@ -33,8 +35,8 @@ auto uninterrupted(Call call) {
 }
 
 /**
- * close(2), which is not repeated after a signal: the descriptor is gone either way, and another thread may have its
- * number by then. False when the system reports only now that something written was lost.
+ * close(2), which is not repeated after a signal: the descriptor is gone either way, and another thread may
+ * have its number by then. False when the system reports only now that something written was lost.
  */
 inline bool closeFile(int descriptor) {
     const CancellationShield shield;
@@ -50,10 +52,12 @@ void keepingErrno(CleanUp cleanUp) {
 }
 
 /**
- * While one lives, no descriptor that anybody opens gets the number of a standard stream, also in a host that has
- * closed some: what such a host prints would go into our files. Moving the descriptor afterwards would come too late.
+ * While one lives, no descriptor that anybody opens gets the number of a standard stream, also in a host that
+ * has closed some: what such a host prints would go into our files. Moving the descriptor afterwards would
+ * come too late.
  *
- * Placeholders stand in for the closed streams meanwhile; they are gone with the last object, and in a forked child.
+ * Placeholders stand in for the closed streams meanwhile; they are gone with the last object, and in a forked
+ * child.
  */
 class StandardStreamGuard {
   public:
@@ -63,13 +67,17 @@ class StandardStreamGuard {
     ~StandardStreamGuard();
 
     /**
-     * Installs what a fork needs, once; 0 or an errno value. Whoever holds a lock of his own while opening files calls
-     * it before he installs handlers for that lock, since handlers run in reverse order before a fork.
+     * Installs what a fork needs, once; 0 or an errno value. Whoever holds a lock of his own while opening
+     * files calls it before he installs handlers for that lock, since handlers run in reverse order before a
+     * fork.
      */
     static int installForkHandlers();
 };
 
-/** openat(2) through signals, close-on-exec, and never with the number of a standard stream; -1 with errno set. */
+/**
+ * openat(2) through signals, close-on-exec, and never with the number of a standard stream; -1 with errno
+ * set.
+ */
 int openFile(const char* path, int flags, mode_t mode = 0, int folder = AT_FDCWD);
 
 /** Owns an open descriptor, or none. */

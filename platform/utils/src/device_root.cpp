@@ -5,8 +5,8 @@
 namespace korvo::utils {
 namespace {
 
-// A pointer, which needs no initialization at run time: a process may be forked while another thread makes its first
-// use of the library, and the child must not wait for that thread.
+// A pointer, which needs no initialization at run time: a process may be forked while another thread makes
+// its first use of the library, and the child must not wait for that thread.
 std::atomic<const std::string*> deviceRoot{nullptr};
 
 }  // namespace

@@ -54,8 +54,8 @@ bool syncFolder(const Descriptor& folder) {
 }
 
 /**
- * Makes the names of a folder and of all folders above it durable, up to where its file system begins: nobody knows
- * which of them a save that was killed has left new.
+ * Makes the names of a folder and of all folders above it durable, up to where its file system begins: nobody
+ * knows which of them a save that was killed has left new.
  */
 bool syncFoldersAbove(const Descriptor& folder) {
     struct stat below {};
@@ -64,7 +64,7 @@ bool syncFoldersAbove(const Descriptor& folder) {
     for (int number = folder.get();; number = current.get()) {
         Descriptor above = openFolder("..", number);
         if (!above && errno == EACCES) {
-            ::sync();  // a folder that others keep closed can only be waited for together with everything else
+            ::sync();  // a folder that others keep closed can only be waited for together with all else
             return true;
         }
         struct stat status {};
@@ -86,7 +86,8 @@ bool writeDurably(const std::string& path, const std::string& text) {
 }  // namespace
 
 bool saveToFlashRaw(bool /*reserved*/) {
-    // Locked before reading, so that the later save has the later text. A lock that nobody else can take, or keep.
+    // Locked before reading, so that the later save has the later text. A lock that nobody else can take, or
+    // keep.
     InterProcessMutex lock("system.cfg.flash", true);
     const int error = lock.acquire();
     if (error != 0) {

@@ -30,7 +30,9 @@ using korvo::utils::openFile;
 
 constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
 
-/** Whether the file can be trusted to be a lock: nobody else can hold it, or ever get to it by another name. */
+/**
+ * Whether the file can be trusted to be a lock: nobody else can hold it, or ever get to it by another name.
+ */
 bool isTrusted(const struct stat& status) {
     return S_ISREG(status.st_mode) && status.st_nlink == 1 && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0 &&
            (status.st_uid == 0 || status.st_uid == ::geteuid());
@@ -47,7 +49,9 @@ int createLockFile(const char* path) {
     return -1;
 }
 
-/** Opens a lock file that is there and to be trusted; -1 with errno set, EPERM where it is not to be trusted. */
+/**
+ * Opens a lock file that is there and to be trusted; -1 with errno set, EPERM where it is not to be trusted.
+ */
 int openTrusted(const char* path) {
     // Without O_CREAT: in a folder open to all the kernel refuses that for a file of another user.
     Descriptor file(openFile(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK));
@@ -115,8 +119,9 @@ class LockFile {
     }
 
     /**
-     * 0 when the descriptor is still ours and the file still has its name; EBADF when a host has closed it, and may have
-     * opened something else under its number; ESTALE when the file was removed or replaced; else an errno value.
+     * 0 when the descriptor is still ours and the file still has its name; EBADF when a host has closed it,
+     * and may have opened something else under its number; ESTALE when the file was removed or replaced; else
+     * an errno value.
      */
     int identify() const {
         struct stat status {};
@@ -132,7 +137,10 @@ class LockFile {
         return error == 0 || error == ESTALE;
     }
 
-    /** The same as identify(), but sees a file that was moved away too, for which it takes a path through the folders. */
+    /**
+     * The same as identify(), but sees a file that was moved away too, for which it takes a path through the
+     * folders.
+     */
     int check() const {
         const int error = identify();
         if (error != 0) return error;
@@ -198,7 +206,10 @@ struct InterProcessMutex::NamedLock {
     unsigned long long thread = 0;              ///< that acquired it for the holder
     std::condition_variable turn;
 
-    /** Waits for the kernel's lock on the file of that name, whatever happens to it meanwhile; 0 or an errno value. */
+    /**
+     * Waits for the kernel's lock on the file of that name, whatever happens to it meanwhile; 0 or an errno
+     * value.
+     */
     int waitForFile(std::unique_lock<std::mutex>& guard) {
         for (;;) {
             int error = file.open(openLockFile);
@@ -227,8 +238,8 @@ struct InterProcessMutex::NamedLock {
 /** What a process knows of its locks. Never destroyed: objects with static lifetime may live longer. */
 struct InterProcessMutex::LockTable {
     /**
-     * Guards everything here, but is not held while waiting for the kernel. Files are opened with it held, since a
-     * fork copies open files and memory at two moments and would see the one without the other.
+     * Guards everything here, but is not held while waiting for the kernel. Files are opened with it held,
+     * since a fork copies open files and memory at two moments and would see the one without the other.
      */
     std::mutex mutex;
     std::map<std::string, NamedLock> locks;  ///< by path
@@ -250,7 +261,10 @@ struct InterProcessMutex::LockTable {
         if (forkHandlers != 0) throw std::bad_alloc();
     }
 
-    /** Which are there when the library is loaded, not with the first use, for a child that is forked meanwhile. */
+    /**
+     * Which are there when the library is loaded, not with the first use, for a child that is forked
+     * meanwhile.
+     */
     static const int forkHandlers;
     static int installForkHandlers();
 

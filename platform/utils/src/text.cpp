@@ -43,7 +43,10 @@ void trim(std::string& text) {
 
 namespace {
 
-/** Finds a text in others, in a time that grows with their lengths but never with the product (Knuth, Morris, Pratt). */
+/**
+ * Finds a text in others, in a time that grows with their lengths but never with the product (Knuth, Morris,
+ * Pratt).
+ */
 class Finder {
   public:
     explicit Finder(const std::string& wanted) : search(wanted) {
@@ -68,7 +71,10 @@ class Finder {
   private:
     static constexpr std::size_t shortLength = 16;  ///< what the library's own search cannot be slow at
 
-    /** The length of the longest beginning of the search text that ends with @p next, of those that end before it. */
+    /**
+     * The length of the longest beginning of the search text that ends with @p next, of those that end before
+     * it.
+     */
     std::size_t extend(std::size_t matched, char next) const {
         while (matched > 0 && search[matched] != next) matched = borders[matched - 1];
         return search[matched] == next ? matched + 1 : 0;

@@ -53,7 +53,8 @@ KORVO_LOGGER_EXPORT void syslogSink(const Record& record);
  * The message is formatted as printf does. Control characters in it, whichever argument they come from, are
  * written as `\n`, `\t`, `\xNN` and the like, so that nothing logged can pass for a second line or steer a
  * terminal. U+0080 to U+009F and single bytes of that range are control characters too; the same bytes within
- * another UTF-8 character are not. errno is left as it was, and the ready-made sinks are no cancellation points.
+ * another UTF-8 character are not. errno is left as it was, and the ready-made sinks are no cancellation
+ * points.
  *
  * @param module      the library or program that logs
  * @param sourceFile  the calling source file

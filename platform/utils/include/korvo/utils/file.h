@@ -45,9 +45,9 @@ class KORVO_UTILS_EXPORT File {
      * (pipes, devices) with ENOTSUP.
      *
      * For writing, what has the name is removed and a new file made, so that a name that can be guessed in a
-     * folder open to all is safe to write: a link that somebody planted there is not followed, and a file that
-     * somebody still has open is not written to. What cannot be removed (a folder, or another user's file in a
-     * sticky folder) is refused and left alone. The mode is 0600 whatever the umask.
+     * folder open to all is safe to write: a link that somebody planted there is not followed, and a file
+     * that somebody still has open is not written to. What cannot be removed (a folder, or another user's
+     * file in a sticky folder) is refused and left alone. The mode is 0600 whatever the umask.
      */
     bool Initialize(const std::string& path, FILE_OPEN_MODE openMode);
 
@@ -64,10 +64,10 @@ class KORVO_UTILS_EXPORT File {
     bool WriteString(const std::string& text);
 
     /**
-     * Gives the open file the permission bits of the file at @p path, its group where the process may, and its
-     * owner where the process may; does nothing when there is no such file. Where the group cannot be kept, the
-     * file's own group gets no access that others did not have. For a file opened for writing. Works on the open
-     * file, so that no link planted at its name is followed.
+     * Gives the open file the permission bits of the file at @p path, its group where the process may, and
+     * its owner where the process may; does nothing when there is no such file. Where the group cannot be
+     * kept, the file's own group gets no access that others did not have. For a file opened for writing.
+     * Works on the open file, so that no link planted at its name is followed.
      */
     bool CopyAccess(const std::string& path);
 

@@ -21,9 +21,9 @@
  * what is no such file (a folder only when it is empty); for everyone else acquire() fails.
  *
  * The lock is lost when somebody removes the lock file, or when the host closes the library's descriptor of
- * it, as daemons do that close all they have. held() tells; a waiter or a later acquire() opens the file anew, and
- * no descriptor is touched that is not the library's any more. Not noticed is a host that opens and closes the
- * lock file by itself, which by the rules of record locks gives the lock back.
+ * it, as daemons do that close all they have. held() tells; a waiter or a later acquire() opens the file
+ * anew, and no descriptor is touched that is not the library's any more. Not noticed is a host that opens and
+ * closes the lock file by itself, which by the rules of record locks gives the lock back.
  *
  * Threads: all operations may be called from any thread. A lock belongs to the object that acquired it, not
  * to the thread: another thread may release it. Threads that wait for one name get it in the order in which
@@ -48,11 +48,12 @@ class KORVO_UTILS_EXPORT InterProcessMutex {
     ~InterProcessMutex();
 
     /**
-     * Waits, through signals too and without a time limit, until the lock is held. Two names that two threads or
-     * processes take in opposite order make them wait for one another forever, as with any lock.
-     * @return 0; EDEADLK when waiting could not end because the calling thread acquired this name before, through
-     *         this or another object, and has not released it; EINVAL for a refused name; EPERM when something
-     *         other than a lock file as described above has its name; else why the file cannot be opened or locked
+     * Waits, through signals too and without a time limit, until the lock is held. Two names that two threads
+     * or processes take in opposite order make them wait for one another forever, as with any lock.
+     * @return 0; EDEADLK when waiting could not end because the calling thread acquired this name before,
+     *         through this or another object, and has not released it; EINVAL for a refused name; EPERM when
+     *         something other than a lock file as described above has its name; else why the file cannot be
+     *         opened or locked
      */
     int acquire();
 
@@ -64,15 +65,16 @@ class KORVO_UTILS_EXPORT InterProcessMutex {
     int release();
 
     /**
-     * Whether this object still holds the lock in this process, and nobody has removed, moved or replaced the file.
-     * To be asked before what must not happen without the lock; two system calls. A lock that is lost stays lost.
+     * Whether this object still holds the lock in this process, and nobody has removed, moved or replaced the
+     * file. To be asked before what must not happen without the lock; two system calls. A lock that is lost
+     * stays lost.
      */
     bool held() const;
 
     /**
-     * The process that holds the lock, when it is another one; 0 when there is none, when it is in another pid
-     * namespace, or when the file cannot be opened. May be asked while another thread waits in acquire(), to tell
-     * an operator what he waits for.
+     * The process that holds the lock, when it is another one; 0 when there is none, when it is in another
+     * pid namespace, or when the file cannot be opened. May be asked while another thread waits in acquire(),
+     * to tell an operator what he waits for.
      */
     pid_t holder() const;
 

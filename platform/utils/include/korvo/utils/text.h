@@ -20,7 +20,9 @@ namespace korvo::utils {
 KORVO_UTILS_EXPORT void split(const std::string& text, const std::string& separator,
                               std::vector<std::string>& pieces);
 
-/** Removes ASCII white space at both ends: blank, tab, line feed, vertical tab, form feed, carriage return. */
+/**
+ * Removes ASCII white space at both ends: blank, tab, line feed, vertical tab, form feed, carriage return.
+ */
 KORVO_UTILS_EXPORT void trim(std::string& text);
 
 /**
@@ -39,8 +41,8 @@ KORVO_UTILS_EXPORT std::string format(const char* format, ...) __attribute__((fo
 /**
  * strtod() as it works in the "C" locale, whatever locale the host has set: the decimal point is always ".".
  * @param text  a zero-terminated text
- * @param end   when not null, receives the first character that is not part of the number; @p text when there is
- *              no number
+ * @param end   when not null, receives the first character that is not part of the number; @p text when there
+ *              is no number
  * @return the number; 0 when there is none, plus or minus infinity when it is out of range
  */
 KORVO_UTILS_EXPORT double toDouble(const char* text, const char** end = nullptr);
