@@ -26,22 +26,29 @@ namespace korvo::variant {
  * | member          | type         | meaning, and where it is from                                   |
  * |-----------------|--------------|-----------------------------------------------------------------|
  * | "hwaddr"        | string       | hardware address as written in the board file: 021b2ca1b2c3     |
- * | others          | as written   | whatever else the board file has in its group "board"           |
- * | "hwaddrColons"  | string       | its first twelve characters in pairs: 02:1b:2c:a1:b2:c3         |
+ * | others          | as written   | whatever else the board file has in its group "board": a number |
+ * |                 |              | where it is written like one, else a string, a map for a group  |
+ * | "hwaddrColons"  | string       | its first twelve characters in pairs: 02:1b:2c:a1:b2:c3; of a   |
+ * |                 |              | shorter one what is there, empty without one                    |
  * | "feature_mic"   | signed char  | board file: 0 without a microphone; likewise "feature_ir",      |
  * |                 |              | "feature_rtc", "feature_wifi", "feature_sdmmc", "feature_video" |
  * | "hostName"      | string       | first line of /proc/sys/kernel/hostname                         |
- * | "upTime"        | double       | /proc/uptime: seconds since the start                           |
- * | "idleTime"      | double       | /proc/uptime: idle seconds, summed over the processors          |
- * | "totalLoad"     | double       | 1 - idleTime / upTime; missing when idleTime is 0               |
+ * | "upTime"        | double       | /proc/uptime: seconds since the start; not gathered from an     |
+ * |                 |              | empty line                                                      |
+ * | "idleTime"      | double       | /proc/uptime: idle seconds, summed over the processors; the int |
+ * |                 |              | 0 when the line has no second field                             |
+ * | "totalLoad"     | double       | 1 - idleTime / upTime, so below 0 on several processors, minus  |
+ * |                 |              | infinity when upTime is 0; not gathered when idleTime is 0      |
  * | "fullVersion"   | string       | /lib/version: AB1.xyz.v4.0.1.34.4f2a1b3.170101.1200             |
- * | "version"       | string       | without its second field: AB1.v4.0.1.34.4f2a1b3.170101.1200     |
- * | "deviceModel"   | string       | its first field: AB1                                            |
+ * | "version"       | string       | without its second field: AB1.v4.0.1.34.4f2a1b3.170101.1200;    |
+ * |                 |              | not gathered with fewer than two dots                           |
+ * | "deviceModel"   | string       | its first field: AB1; not gathered when there is no text        |
  * | "protocolVer"   | unsigned int | the fourth number of its version: 34                            |
  *
  * The board file is /etc/board.info, key=value text as Variant::FromKVP() reads it, in which "board" is a
- * group of dotted keys and the features are keys of their own. The record holds no state beside the map, so
- * it may be copied, exported and changed like any Variant.
+ * group of dotted keys and the features are keys of their own. What is gathered replaces a member of the same
+ * name in the group; where nothing is gathered that member stays, such as a "board.totalLoad". The record
+ * holds no state beside the map, so it may be copied, exported and changed like any Variant.
  */
 class KORVO_VARIANT_UTILS_EXPORT CameraInfo : public Variant {
   public:

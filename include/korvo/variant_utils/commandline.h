@@ -56,29 +56,30 @@ KORVO_VARIANT_UTILS_EXPORT void PrintHelp(const char* programName, Variant& defi
  *
  * An option is `-c`, `-c=VALUE`, `--name` or `--name=VALUE`. Only what follows the first "=" is its value;
  * without one, or with an empty one, the option receives a copy of its declared default. Of an option that is
- * given twice the later value counts. The type of a value depends on how it is written, in every locale alike,
- * and never on the type of the default:
+ * given twice the later value counts. The type of a value depends on how it is written, in every locale
+ * alike, and never on the type of the default:
  *
- * - Digits become an unsigned 64-bit integer, with "-" in front a signed one. They are hexadecimal after "0x" and
- *   octal after "0": `8080`, `-3`, `0x1F`, `010`. An integer above 9223372036854775807 becomes that, in either
- *   type, and one below -9223372036854775808 that.
- * - With a "." a number becomes a double, `2.5`, or a signed 64-bit integer where it is a whole one that fits:
- *   `1.0` and `1.5e3`. One too large for a double becomes infinity.
+ * - Digits become an unsigned 64-bit integer, with "-" in front a signed one. They are hexadecimal after "0x"
+ *   and octal after "0": `8080`, `-3`, `0x1F`, `010`. What no signed 64-bit integer can hold becomes the
+ *   nearest one: 18446744073709551615 becomes 9223372036854775807.
+ * - A number with a "." becomes a double, `2.5`, or a signed 64-bit integer when it is whole and fits into
+ *   one: `1.0`, `1.5e3`. One too large for a double becomes infinity.
  * - Anything else is a string, also what is almost a number: `08`, `1e3`, `0X1F`, `0b11`, `1_000`, `inf`.
  *
  * Parsing never fails. What is no declared option is logged as a warning and collected; the host decides what
- * that means. That goes for every argument that does not begin with "-", for several letters after one "-", and
- * for what follows an option as an argument of its own. `--` has no special meaning.
+ * that means. So every argument that does not begin with "-" is collected, also one that follows an option,
+ * and several letters after one "-" are. `--` has no special meaning: it is the option with the empty long
+ * name.
  *
  * @param argc         the number of arguments, the program's name included; 0 is survived
  * @param argv         the arguments; null ones among them are skipped
  * @param definitions  the declarations
- * @param result       receives "parameters", a map from long names to values; "unknownParameters", an array of
- *                     the arguments that match no declaration, each whole; and "commandLine", a map with
- *                     "executed", the program's name as given, and "fullPath", its canonical path from the working
- *                     directory on, or null where there is none, as for a program that was found through PATH.
- *                     What else the value holds stays; "parameters" and "unknownParameters" are
- *                     made only when needed.
+ * @param result       receives "parameters", a map from long names to values; "unknownParameters", an array
+ *                     of the arguments that match no declaration, each whole; and "commandLine", a map with
+ *                     "executed", the program's name as given, and "fullPath", its canonical path seen from
+ *                     the working directory, or null where there is none (often so for a program found
+ *                     through PATH). What else the value holds stays; "parameters" and "unknownParameters"
+ *                     are made only when needed.
  */
 KORVO_VARIANT_UTILS_EXPORT void ParseCommandLine(int argc, const char** argv, Variant& definitions,
                                                  Variant& result);

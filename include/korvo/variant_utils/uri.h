@@ -28,7 +28,7 @@ namespace korvo::variant {
  * | member                           | type           | for rtsp://user:pw@10.0.0.2:8554/live/ch0?a=1&b |
  * |----------------------------------|----------------|-------------------------------------------------|
  * | "originalUri"                    | string         | the text without white space around it          |
- * | "fullUri"                        | string         | rtsp://10.0.0.2:8554/live/ch0?a=1&b             |
+ * | "fullUri"                        | string         | rtsp://10.0.0.2:8554/live/ch0?a=1&b (see below) |
  * | "fullUriWithAuth"                | string         | the text exactly as given                       |
  * | "schema"                         | string         | rtsp (in lower case)                            |
  * | "userName", "password"           | string         | user, pw (empty when not given)                 |
@@ -43,6 +43,9 @@ namespace korvo::variant {
  * | "documentWithFullParameters"     | string         | ch0?a=1&b                                       |
  * | "parameters"                     | map of strings | a = 1, b = (empty)                              |
  * | "ip"                             | string         | the resolved address; FromString() only         |
+ *
+ * "fullUri" is "originalUri" without the user-info and its "@". Where the text has none it is the text
+ * exactly as given, white space around it included.
  *
  * Nothing is decoded or escaped. The record holds no state beside the map, so it may be copied, exported and
  * changed like any Variant.
@@ -62,8 +65,9 @@ class KORVO_VARIANT_UTILS_EXPORT URI : public Variant {
 
     /** @name Getters
      * Each returns its member. A member that is missing or has another type is first replaced by its default
-     * (empty, 0 or false), which stays in the record. Any number is accepted as a port and taken modulo
-     * 65536.
+     * (empty, 0 or false), which stays in the record. Any number is accepted as a port: an integer is taken
+     * modulo 65536, and of a double the nearest whole number towards 0 within 0 and 65535. A number is no
+     * portSpecified(): only a boolean is.
      * @{ */
     std::string schema();
     std::string userName();
@@ -78,7 +82,8 @@ class KORVO_VARIANT_UTILS_EXPORT URI : public Variant {
     /**
      * The URI of the folder that the document stands in, composed from the members: schema, user name and
      * password when both are there, host, the port when one was given, and the document path. Empty when the
-     * schema, the host or the document path is, so always for file.
+     * schema, the host or the document path is, so always for file. Reads the members as the getters do, so
+     * that their defaults may stay in the record.
      */
     std::string baseURI();
 
@@ -106,9 +111,11 @@ class KORVO_VARIANT_UTILS_EXPORT URI : public Variant {
  * Parses `schema://[user[:password]@]host[:port][/path][?query]` into @p uri.
  *
  * A port is a decimal number from 1 to 65535 without sign or leading zeros; it may be left out where the
- * schema has a default. For schemas that begin with "rtmp", a document name begins behind the last "/" before
- * the path's first ":" and may itself contain "/". Any bytes are survived. Bracketed IPv6 addresses are not
- * supported.
+ * schema has a default. An "@" ends the user-info only before the first "/" that follows the schema, and
+ * there wherever it is: `http://cam?mail=a@b` names the host b and the user "cam?mail=a", but
+ * `http://cam/?mail=a@b` the host cam. For schemas that begin with "rtmp", a document name begins after the
+ * last "/" before the path's first ":" and may itself contain "/". Any bytes are survived. Bracketed IPv6
+ * addresses are not supported.
  *
  * @param text  the URI
  * @param uri   what it held before is dropped; afterwards it holds all members but "ip", or nothing
