@@ -293,7 +293,7 @@ TEST_F(SystemCfgTest, WritesNothingAfterAReadThatEmptiedTheTree) {
         (void)log.take();
         const std::string cause = "Failed to serialize variant to key-value pairs";
         EXPECT_FALSE(store->write() || store->set("a", "2", nullptr) || store->set("a", 2, nullptr));
-        EXPECT_EQ(log.messages(), cause + '|' + cause + '|' + cause);
+        for (const test::LogLine& line : log.take()) EXPECT_EQ(line.message, cause);
         EXPECT_FALSE(store->close(false, true));
         EXPECT_EQ(log.messages(), cause + "|Failed to read flash write cycles");
         EXPECT_EQ(configuration() + flashCopy(), "damaged\n");

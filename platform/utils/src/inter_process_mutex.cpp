@@ -270,7 +270,8 @@ struct InterProcessMutex::LockTable {
 
     /** In a forked child, which has inherited neither the record locks nor the threads that wait. */
     void forgetLocks() {
-        for (auto& [path, lock] : locks) {
+        for (auto& entry : locks) {
+            NamedLock& lock = entry.second;
             lock.servedTicket = lock.nextTicket;
             lock.holder = nullptr;
             // Made anew without being destroyed, which would wait for threads that are not there.
