@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
+#include <iterator>
 #include <limits>
+#include <memory>
 #include <new>
 
 namespace korvo::variant {
@@ -17,7 +20,8 @@ MemberPool::~MemberPool() {
 
 void MemberPool::reserve(std::size_t size) {
     void* memory = ::operator new(sizeof(Chunk) + size);
-    chunks = ::new (memory) Chunk{chunks};
+    if (free != nullptr) chunks->end = free;
+    chunks = ::new (memory) Chunk{chunks, nullptr, 0};
     free = static_cast<char*>(memory) + sizeof(Chunk);
     end = free + size;
 }
@@ -29,31 +33,130 @@ void MemberPool::grow(std::size_t size) {
     reserve(std::max(size, std::clamp(usedBytes, firstChunk, largestChunk)));
 }
 
+/** The next power of two, which keeps the number of sizes small. */
+std::size_t MemberPool::roundedLarge(std::size_t size) {
+    std::size_t power = 1024;
+    while (power < size && power <= std::numeric_limits<std::size_t>::max() / 4) power *= 2;
+    return std::max(power, size);
+}
+
+void* MemberPool::reuse(std::size_t size) noexcept {
+    for (Released** place = &released; *place != nullptr; place = &(*place)->otherSize) {
+        Released* found = *place;
+        if (found->size != size) continue;
+        *place = found->otherSize;
+        if (Released* next = found->sameSize) {
+            next->otherSize = *place;
+            *place = next;
+        }
+        return found;
+    }
+    return nullptr;
+}
+
+void MemberPool::push(void* memory, std::size_t size) noexcept {
+    Released** place = &released;
+    while (*place != nullptr && (*place)->size != size) place = &(*place)->otherSize;
+    Released* same = *place;
+    *place = ::new (memory) Released{same, same != nullptr ? same->otherSize : nullptr, size};
+}
+
+void MemberPool::release(void* memory, std::size_t size) noexcept {
+    size = rounded(size);
+    usedBytes -= size;
+    push(memory, size);
+}
+
+void MemberPool::shrink() {
+    if (released == nullptr) return;
+    std::vector<Chunk*> sorted;
+    for (Chunk* chunk = chunks; chunk != nullptr; chunk = chunk->next) sorted.push_back(chunk);
+    if (free != nullptr) chunks->end = free;
+    std::sort(sorted.begin(), sorted.end(), std::less<>());
+    const auto chunkOf = [&](void* memory) {
+        return *std::prev(std::upper_bound(sorted.begin(), sorted.end(), memory, std::less<void*>()));
+    };
+    const auto isUnused = [](const Chunk* chunk) {
+        return chunk->releasedBytes ==
+               static_cast<std::size_t>(chunk->end - reinterpret_cast<const char*>(chunk + 1));
+    };
+    // One list of all sizes.
+    std::vector<Released*> all;
+    for (Released* size = released; size != nullptr; size = size->otherSize) {
+        for (Released* memory = size; memory != nullptr; memory = memory->sameSize) all.push_back(memory);
+    }
+    for (Released* memory : all) chunkOf(memory)->releasedBytes += memory->size;
+    released = nullptr;
+    for (Released* memory : all) {
+        if (!isUnused(chunkOf(memory))) push(memory, memory->size);
+    }
+    if (isUnused(chunks)) free = end = nullptr;
+    for (Chunk** place = &chunks; *place != nullptr;) {
+        Chunk* chunk = *place;
+        if (isUnused(chunk)) {
+            *place = chunk->next;
+            ::operator delete(chunk);
+        } else {
+            chunk->releasedBytes = 0;
+            place = &chunk->next;
+        }
+    }
+}
+
 NamedMember* Container::newMember(std::string_view key) {
     void* memory = pool.allocate(sizeof(NamedMember) + key.size());
     if (!key.empty()) std::memcpy(static_cast<char*>(memory) + sizeof(NamedMember), key.data(), key.size());
     return ::new (memory) NamedMember{Variant(), key.size()};
 }
 
-NumMember* Container::newMember(long long index) {
-    return ::new (pool.allocate(sizeof(NumMember))) NumMember{Variant(), index};
+IndexedMember* Container::newMember(long long index) {
+    return ::new (pool.allocate(sizeof(IndexedMember))) IndexedMember{Variant(), index};
+}
+
+template <class Entries, class Key>
+Variant& Container::insertInto(Entries& entries, Key key) {
+    const typename Entries::Key wanted(key);
+    // Texts and declarations mostly come in order, so the end is tried before searching.
+    if (entries.endsBefore(wanted)) {
+        auto* member = newMember(key);
+        entries.append({wanted.rank(), member});
+        return member->value;
+    }
+    const auto position = entries.lowerBound(wanted);
+    if (const auto* entry = entries.at(position, wanted)) return entry->member->value;
+    auto* member = newMember(key);
+    entries.insert(position, {wanted.rank(), member});
+    return member->value;
 }
 
 Variant& Container::insert(std::string_view key) {
-    const NamedEntry::Key wanted(key);
-    const auto position = named.lowerBound(wanted);
-    if (const NamedEntry* entry = named.at(position, wanted)) return entry->member->value;
-    NamedMember* member = newMember(key);
-    named.insert(position, {wanted.prefix, member});
-    return member->value;
+    return insertInto(named, key);
 }
 
 Variant& Container::insert(long long index) {
-    const auto position = numbered.lowerBound(index);
-    if (const NumEntry* entry = numbered.at(position, index)) return entry->member->value;
-    NumMember* member = newMember(index);
-    numbered.insert(position, {index, member});
-    return member->value;
+    return insertInto(indexed, index);
+}
+
+template <class Entries, class Key>
+bool Container::removeFrom(Entries& entries, Key key) noexcept {
+    const typename Entries::Key wanted(key);
+    const auto position = entries.lowerBound(wanted);
+    const auto* entry = entries.at(position, wanted);
+    if (entry == nullptr) return false;
+    auto* member = entry->member;
+    entries.erase(position);
+    const std::size_t size = member->size();
+    std::destroy_at(member);  // the key may have been in there
+    pool.release(member, size);
+    return true;
+}
+
+bool Container::remove(std::string_view key) noexcept {
+    return removeFrom(named, key);
+}
+
+bool Container::remove(long long index) noexcept {
+    return removeFrom(indexed, index);
 }
 
 Variant* Container::find(std::string_view key) const {
@@ -62,20 +165,21 @@ Variant* Container::find(std::string_view key) const {
 }
 
 Variant* Container::find(long long index) const {
-    const NumEntry* entry = numbered.find(index);
+    const IndexedEntry* entry = indexed.find(IndexedEntry::Key(index));
     return entry != nullptr ? &entry->member->value : nullptr;
 }
 
 long long Container::nextIndex() const {
-    if (numbered.blockCount() == 0) return 0;
-    const long long last = numbered.block(numbered.blockCount() - 1).back().index;
+    if (indexed.size() == 0) return 0;
+    const long long last = indexed.last().index;
     if (last == std::numeric_limits<long long>::max()) return last;
     return std::max(last + 1, 0LL);
 }
 
 void Container::shrink() {
     named.shrink();
-    numbered.shrink();
+    indexed.shrink();
+    pool.shrink();
 }
 
 void Container::destroy(Container* container) noexcept {
@@ -118,10 +222,10 @@ Container::Owner Container::copyOneLevel(const Container& source, std::vector<Ne
         copyValue(entry.member->value, member->value);
         return NamedEntry{entry.prefix, member};
     });
-    target->numbered.copyFrom(source.numbered, [&](const NumEntry& entry) {
-        NumMember* member = target->newMember(entry.index);
+    target->indexed.copyFrom(source.indexed, [&](const IndexedEntry& entry) {
+        IndexedMember* member = target->newMember(entry.index);
         copyValue(entry.member->value, member->value);
-        return NumEntry{entry.index, member};
+        return IndexedEntry{entry.index, member};
     });
     return target;
 }

@@ -1,3 +1,9 @@
+/**
+ * @file
+ * The members of a value, in a container of our own. Two std::maps in its place would save 390 lines and 9 KB of
+ * ARM code. Parsing a URI would then take 1.6 times as long, loading 10,000 keys 2.3 times, copying a tree 1.6
+ * times, mostly because a map asks for memory for each key and each member, and walks from one to the next.
+ */
 #pragma once
 
 #include <endian.h>
@@ -10,7 +16,7 @@
 #include <vector>
 
 #include "korvo/variant/variant.h"
-#include "sorted_index.h"
+#include "sorted_entries.h"
 
 namespace korvo::variant {
 
@@ -20,17 +26,19 @@ struct NamedMember {
     std::size_t keyLength;
 
     std::string_view key() const { return {reinterpret_cast<const char*>(this + 1), keyLength}; }
+    std::size_t size() const { return sizeof *this + keyLength; }
 };
 
 /** A member with an index. */
-struct NumMember {
+struct IndexedMember {
     Variant value;
     long long index;
 
     long long key() const { return index; }
+    std::size_t size() const { return sizeof *this; }
 };
 
-/** An entry of the index over text keys. It holds the key's first bytes, which decide most comparisons. */
+/** An entry for a text key. It holds the key's first bytes, which decide most comparisons. */
 struct NamedEntry {
     struct Key {
         explicit Key(std::string_view name) : prefix(0), text(name) {
@@ -43,6 +51,7 @@ struct NamedEntry {
                 prefix <<= 8 * (sizeof prefix - name.size());
             }
         }
+        std::uintptr_t rank() const { return prefix; }
 
         std::uintptr_t prefix;  ///< the first bytes, most significant first, zeros behind a short key
         std::string_view text;
@@ -51,28 +60,51 @@ struct NamedEntry {
     std::uintptr_t prefix;
     NamedMember* member;
 
+    std::uintptr_t rank() const { return prefix; }
     static bool less(const NamedEntry& entry, const Key& key) {
-        return entry.prefix != key.prefix ? entry.prefix < key.prefix : entry.member->key() < key.text;
+        const std::size_t length = entry.member->keyLength;
+        // Of keys that end within equal prefixes, the longer one has zeros at its end.
+        if (length <= sizeof prefix || key.text.size() <= sizeof prefix) return length < key.text.size();
+        return entry.member->key().substr(sizeof prefix) < key.text.substr(sizeof prefix);
     }
     static bool equals(const NamedEntry& entry, const Key& key) {
-        return entry.prefix == key.prefix && entry.member->key() == key.text;
+        const std::size_t length = key.text.size();
+        return entry.member->keyLength == length &&
+               (length <= sizeof prefix || sameRest(entry.member->key().data(), key.text.data(), length));
+    }
+
+  private:
+    /** Whether two texts that are longer than the prefix are the same behind it. */
+    static bool sameRest(const char* left, const char* right, std::size_t length) {
+        // Mostly what is left is no longer than a prefix again; then its last bytes are compared, which may
+        // overlap with the prefix.
+        if (length > 2 * sizeof prefix)
+            return std::memcmp(left + sizeof prefix, right + sizeof prefix, length - sizeof prefix) == 0;
+        return std::memcmp(left + length - sizeof prefix, right + length - sizeof prefix, sizeof prefix) == 0;
     }
 };
 
-/** An entry of the index over numbers. */
-struct NumEntry {
-    using Key = long long;
+/** An entry for an index. */
+struct IndexedEntry {
+    struct Key {
+        explicit Key(long long wanted) : index(wanted) {}
+        long long rank() const { return index; }
+
+        long long index;
+    };
 
     long long index;
-    NumMember* member;
+    IndexedMember* member;
 
-    static bool less(const NumEntry& entry, Key key) { return entry.index < key; }
-    static bool equals(const NumEntry& entry, Key key) { return entry.index == key; }
+    long long rank() const { return index; }
+    static bool less(const IndexedEntry& /*entry*/, const Key& /*key*/) { return false; }
+    static bool equals(const IndexedEntry& /*entry*/, const Key& /*key*/) { return true; }
 };
 
 /**
- * The memory of one container's members. A container gives members back only all at once, so they are carved
- * one after the other from chunks that double in size, and never move.
+ * The memory of one container's members, which never move. They are carved one after the other from chunks that
+ * double in size. What a removed member took waits for one of the same size; the sizes are few, so what all of
+ * them take stays in proportion to the most that was ever there at once.
  */
 class MemberPool {
   public:
@@ -83,31 +115,58 @@ class MemberPool {
 
     /** Memory for @p size bytes, aligned for a member. */
     void* allocate(std::size_t size) {
-        size = (size + alignof(Chunk) - 1) / alignof(Chunk) * alignof(Chunk);
+        size = rounded(size);
+        usedBytes += size;
+        if (released != nullptr) {
+            if (void* memory = reuse(size)) return memory;
+        }
         if (size > static_cast<std::size_t>(end - free)) grow(size);
         void* memory = free;
         free += size;
-        usedBytes += size;
         return memory;
     }
+
+    /** Takes memory back that was allocated with this @p size. */
+    void release(void* memory, std::size_t size) noexcept;
 
     /** Asks for one chunk that @p size bytes fit into. */
     void reserve(std::size_t size);
 
-    /** The bytes handed out. */
+    /** Gives the chunks back of which nothing is in use any more. */
+    void shrink();
+
+    /** The bytes in use. */
     std::size_t used() const { return usedBytes; }
 
   private:
-    struct alignas(NumMember) Chunk {
+    struct alignas(IndexedMember) Chunk {
         Chunk* next;
+        char* end;  ///< of what was handed out; for the chunk that is carved from that is `free`
+        std::size_t releasedBytes;  ///< while shrinking
     };
 
+    /** What stands in memory that was taken back. */
+    struct Released {
+        Released* sameSize;
+        Released* otherSize;  ///< the first one of another size
+        std::size_t size;
+    };
+
+    static std::size_t rounded(std::size_t size) {
+        constexpr std::size_t largestExact = 512;
+        if (size > largestExact) return roundedLarge(size);
+        return (size + alignof(Chunk) - 1) / alignof(Chunk) * alignof(Chunk);
+    }
+    static std::size_t roundedLarge(std::size_t size);
+    void* reuse(std::size_t size) noexcept;
+    void push(void* memory, std::size_t size) noexcept;
     void grow(std::size_t size);
 
     Chunk* chunks = nullptr;
-    char* free = nullptr;
+    char* free = nullptr;  ///< null when the first chunk is not carved from any more
     char* end = nullptr;
     std::size_t usedBytes = 0;
+    Released* released = nullptr;  ///< one of each size
 };
 
 /** The members of one Variant that is a map or an array. */
@@ -133,6 +192,13 @@ class Container {
     Variant* find(std::string_view key) const;
     Variant* find(long long index) const;
 
+    /** Removes the member under a key; false when it is missing. */
+    bool remove(std::string_view key) noexcept;
+    bool remove(long long index) noexcept;
+
+    /** The number of members. */
+    std::size_t size() const { return named.size() + indexed.size(); }
+
     /** The index that appending uses. */
     long long nextIndex() const;
 
@@ -140,13 +206,13 @@ class Container {
     template <class Visit>
     void forEachValue(Visit visit) const {
         named.forEach([&](const NamedEntry& entry) { visit(entry.member->value); });
-        numbered.forEach([&](const NumEntry& entry) { visit(entry.member->value); });
+        indexed.forEach([&](const IndexedEntry& entry) { visit(entry.member->value); });
     }
 
     void shrink();
 
-    const SortedIndex<NamedEntry>& entries(std::string_view) const { return named; }
-    const SortedIndex<NumEntry>& entries(long long) const { return numbered; }
+    const SortedEntries<NamedEntry>& entries(std::string_view) const { return named; }
+    const SortedEntries<IndexedEntry>& entries(long long) const { return indexed; }
 
   private:
     struct Destroyer {
@@ -157,11 +223,15 @@ class Container {
 
     ~Container() = default;
     NamedMember* newMember(std::string_view key);
-    NumMember* newMember(long long index);
+    IndexedMember* newMember(long long index);
+    template <class Entries, class Key>
+    Variant& insertInto(Entries& entries, Key key);
+    template <class Entries, class Key>
+    bool removeFrom(Entries& entries, Key key) noexcept;
     static Owner copyOneLevel(const Container& source, std::vector<NestedCopy>& nested);
 
-    SortedIndex<NamedEntry> named;
-    SortedIndex<NumEntry> numbered;
+    SortedEntries<NamedEntry> named;
+    SortedEntries<IndexedEntry> indexed;
     MemberPool pool;
     Container* nextToDestroy = nullptr;
 };

@@ -81,7 +81,7 @@ class KeyValueReader {
         const std::size_t lastDot = key.rfind('.');
         Variant* group = lastDot == std::string_view::npos ? &root : findGroup(key.substr(0, lastDot));
         if (group == nullptr) return false;
-        Variant& leaf = group->member(key.substr(lastDot + 1), TypeMap);
+        Variant& leaf = group->member(key.substr(lastDot + 1));
         if (leaf.isContainer()) return false;
         setValue(leaf, value);
         return true;
@@ -96,7 +96,7 @@ class KeyValueReader {
         for (std::size_t begin = 0; begin <= path.size();) {
             if (++components > maxComponents) return nullptr;
             const std::size_t end = std::min(path.find('.', begin), path.size());
-            group = &group->member(path.substr(begin, end - begin), TypeMap);
+            group = &group->member(path.substr(begin, end - begin));
             if (group->type == TypeNull) group->IsArray(false);
             if (!group->isContainer()) return nullptr;
             begin = end + 1;
@@ -150,9 +150,9 @@ class KeyValueWriter {
         const Container* container = value.members();
         if (container == nullptr) return true;
         if (level > maxComponents) return false;
-        const auto& numbered = container->entries(0LL);
-        for (std::size_t block = 0; block < numbered.blockCount(); ++block) {
-            for (const NumEntry& entry : numbered.block(block)) {
+        const auto& indexed = container->entries(0LL);
+        for (std::size_t block = 0; block < indexed.blockCount(); ++block) {
+            for (const IndexedEntry& entry : indexed.block(block)) {
                 char buffer[numberBufferSize];
                 const std::string_view key = formatNumber(entry.index, buffer);
                 if (container->find(key) != nullptr || !writeMember(key, entry.member->value, level))

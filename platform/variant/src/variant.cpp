@@ -13,25 +13,37 @@
 namespace korvo::variant {
 namespace {
 
-/** The double nearest to zero beyond the range of Integer: 2^(number of value bits). */
-template <class Integer>
-double upperBound() {
-    return std::ldexp(1.0, std::numeric_limits<Integer>::digits);
+/** The double nearest to zero that is beyond the range of integers with so many value bits. */
+double upperBound(int valueBits) {
+    return 2.0 * static_cast<double>(1ULL << (valueBits - 1));
 }
 
-template <class Integer>
-Integer saturate(double value) {
+/** A double as an integer with so many value bits, and with a sign bit or without; modulo 2^64. */
+std::uint64_t saturated(double value, int valueBits, bool isSigned) {
+    const double bound = upperBound(valueBits);
+    const std::uint64_t largest = ~0ULL >> (64 - valueBits);
     if (std::isnan(value)) return 0;
-    if (value >= upperBound<Integer>()) return std::numeric_limits<Integer>::max();
-    if (value <= static_cast<double>(std::numeric_limits<Integer>::min()))
-        return std::numeric_limits<Integer>::min();
-    return static_cast<Integer>(value);
+    if (value >= bound) return largest;
+    if (!isSigned) return value > 0 ? static_cast<std::uint64_t>(value) : 0;
+    return value <= -bound ? ~largest : static_cast<std::uint64_t>(static_cast<std::int64_t>(value));
 }
 
-const std::string& emptyText() {
-    static const std::string empty;
-    return empty;
-}
+/** What is there for values that hold no text, and where no member is. Both outlive every use. */
+union Nothing {
+    constexpr Nothing() : value() {}
+    ~Nothing() {}
+    Variant value;
+};
+const Nothing nothing;
+
+union EmptyText {
+    EmptyText() : text() {}
+    ~EmptyText() {}
+    std::string text;
+};
+// Made while the library is loaded, before what needs no such order; made on first use it could keep a child
+// waiting that was forked meanwhile.
+__attribute__((init_priority(101))) const EmptyText emptyText;
 
 }  // namespace
 
@@ -51,40 +63,12 @@ Variant::Variant(Variant&& other) noexcept : type(TypeNull) {
     moveFrom(other);
 }
 
-Variant::Variant(bool value) noexcept : type(TypeBool) {
-    payload.integer = value ? 1 : 0;
-}
-
-Variant::Variant(signed char value) noexcept : type(TypeInt8) {
-    payload.integer = static_cast<std::uint64_t>(static_cast<long long>(value));
-}
-
-Variant::Variant(int value) noexcept : type(TypeInt32) {
-    payload.integer = static_cast<std::uint64_t>(value);
-}
-
-Variant::Variant(unsigned int value) noexcept : type(TypeUInt32) {
-    payload.integer = value;
-}
-
-Variant::Variant(unsigned short value) noexcept : type(TypeUInt16) {
-    payload.integer = value;
-}
-
-Variant::Variant(long long value) noexcept : type(TypeInt64) {
-    payload.integer = static_cast<std::uint64_t>(value);
-}
-
-Variant::Variant(unsigned long long value) noexcept : type(TypeUInt64) {
-    payload.integer = value;
-}
-
-Variant::Variant(double value) noexcept : type(TypeDouble) {
-    payload.real = value;
-}
-
 Variant::Variant(const char* value) : type(TypeNull) {
     if (value != nullptr) setText(value);
+}
+
+Variant::Variant(std::string_view value) : type(TypeNull) {
+    setText(value);
 }
 
 Variant::Variant(const std::string& value) : type(TypeNull) {
@@ -142,6 +126,12 @@ void Variant::setInteger(VariantType newType, std::uint64_t value) noexcept {
     type = newType;
 }
 
+void Variant::setReal(double value) noexcept {
+    release();
+    payload.real = value;
+    type = TypeDouble;
+}
+
 void Variant::setText(std::string_view value) {
     if (type == TypeString) {
         payload.text.assign(value);
@@ -171,56 +161,17 @@ Variant& Variant::operator=(Variant&& other) noexcept {
     return *this;
 }
 
-Variant& Variant::operator=(bool value) noexcept {
-    release();
-    payload.integer = value ? 1 : 0;
-    type = TypeBool;
-    return *this;
-}
-
-Variant& Variant::operator=(signed char value) noexcept {
-    setInteger(TypeInt8, static_cast<std::uint64_t>(static_cast<long long>(value)));
-    return *this;
-}
-
-Variant& Variant::operator=(int value) noexcept {
-    setInteger(TypeInt32, static_cast<std::uint64_t>(value));
-    return *this;
-}
-
-Variant& Variant::operator=(unsigned int value) noexcept {
-    setInteger(TypeUInt32, value);
-    return *this;
-}
-
-Variant& Variant::operator=(unsigned short value) noexcept {
-    setInteger(TypeUInt16, value);
-    return *this;
-}
-
-Variant& Variant::operator=(long long value) noexcept {
-    setInteger(TypeInt64, static_cast<std::uint64_t>(value));
-    return *this;
-}
-
-Variant& Variant::operator=(unsigned long long value) noexcept {
-    setInteger(TypeUInt64, value);
-    return *this;
-}
-
-Variant& Variant::operator=(double value) noexcept {
-    release();
-    payload.real = value;
-    type = TypeDouble;
-    return *this;
-}
-
 Variant& Variant::operator=(const char* value) {
     if (value != nullptr) {
         setText(value);
     } else {
         release();
     }
+    return *this;
+}
+
+Variant& Variant::operator=(std::string_view value) {
+    setText(value);
     return *this;
 }
 
@@ -271,26 +222,52 @@ Variant& Variant::firstMember(Key key, VariantType typeWhenNone) {
     return payload.container->insert(key);
 }
 
-template <class Key>
-Variant& Variant::member(Key key, VariantType typeWhenNone) {
+Variant& Variant::member(std::string_view key) {
     Container* owned = members();
-    return owned != nullptr ? owned->insert(key) : firstMember(key, typeWhenNone);
+    return owned != nullptr ? owned->insert(key) : firstMember(key, TypeMap);
 }
 
-template Variant& Variant::member(std::string_view key, VariantType typeWhenNone);
-
-Variant& Variant::operator[](const char* key) {
-    return member(std::string_view(key != nullptr ? key : ""), TypeMap);
+Variant& Variant::member(long long index) {
+    Container* owned = members();
+    if (index == -1) index = owned != nullptr ? owned->nextIndex() : 0;
+    return owned != nullptr ? owned->insert(index) : firstMember(index, TypeArray);
 }
 
-Variant& Variant::operator[](const std::string& key) {
-    return member(std::string_view(key), TypeMap);
+template <class Key>
+const Variant& Variant::memberOrNull(Key key) const noexcept {
+    const Container* owned = members();
+    const Variant* found = owned != nullptr ? owned->find(key) : nullptr;
+    return found != nullptr ? *found : nothing.value;
 }
 
-Variant& Variant::operator[](long long index) {
-    if (index == -1) index = members() != nullptr ? members()->nextIndex() : 0;
-    return member(index, TypeArray);
+std::size_t Variant::Size() const noexcept {
+    const Container* owned = members();
+    return owned != nullptr ? owned->size() : 0;
 }
+
+template <class Key>
+bool Variant::hasMember(Key key) const noexcept {
+    const Container* owned = members();
+    return owned != nullptr && owned->find(key) != nullptr;
+}
+
+template <class Key>
+bool Variant::removeMember(Key key) noexcept {
+    Container* owned = members();
+    if (owned == nullptr || !owned->remove(key)) return false;
+    if (owned->size() == 0) {
+        payload.container = nullptr;
+        Container::destroy(owned);
+    }
+    return true;
+}
+
+template const Variant& Variant::memberOrNull(std::string_view key) const noexcept;
+template const Variant& Variant::memberOrNull(long long index) const noexcept;
+template bool Variant::hasMember(std::string_view key) const noexcept;
+template bool Variant::hasMember(long long index) const noexcept;
+template bool Variant::removeMember(std::string_view key) noexcept;
+template bool Variant::removeMember(long long index) noexcept;
 
 void Variant::Compact() {
     std::vector<Variant*> pending{this};
@@ -309,9 +286,9 @@ void Variant::Compact() {
 }
 
 template <class Key, class Value>
-typename MemberIterator<Key, Value>::Element MemberIterator<Key, Value>::operator*() const {
+typename MemberIterator<Key, Value>::reference MemberIterator<Key, Value>::operator*() const {
     auto* member = container->entries(Key()).block(block)[offset].member;
-    return {member->key(), member->value};
+    return *::new (static_cast<void*>(shown)) Element{member->key(), member->value};
 }
 
 template <class Key, class Value>
@@ -408,40 +385,20 @@ Variant* Variant::GetKeyChain(VariantType filter, const char* path, bool reserve
 
 // Conversions and comparison
 
-template <class Integer>
-Integer Variant::toInteger() const noexcept {
-    if (type == TypeDouble) return saturate<Integer>(payload.real);
-    if ((type & TypeNumeric) != 0) return static_cast<Integer>(payload.integer);
-    if (type == TypeBool) return payload.integer != 0 ? 1 : 0;
-    return 0;
+std::uint64_t Variant::toInteger(int valueBits, bool isSigned) const noexcept {
+    if (type == TypeDouble) return saturated(payload.real, valueBits, isSigned);
+    return (type & TypeNumeric) != 0 || type == TypeBool ? payload.integer : 0;
 }
 
-Variant::operator bool() const noexcept {
-    if (type == TypeBool) return payload.integer != 0;
+bool Variant::toBool() const noexcept {
     if (type == TypeDouble) return payload.real != 0 && !std::isnan(payload.real);
-    return (type & TypeNumeric) != 0 && payload.integer != 0;
+    return ((type & TypeNumeric) != 0 || type == TypeBool) && payload.integer != 0;
 }
 
-Variant::operator signed char() const noexcept {
-    return toInteger<signed char>();
-}
-
-Variant::operator int() const noexcept {
-    return toInteger<int>();
-}
-
-Variant::operator unsigned short() const noexcept {
-    return toInteger<unsigned short>();
-}
-
-Variant::operator long long() const noexcept {
-    return toInteger<long long>();
-}
-
-Variant::operator double() const noexcept {
+double Variant::toReal() const noexcept {
     if (type == TypeDouble) return payload.real;
     if (type == TypeUInt64) return static_cast<double>(payload.integer);
-    return static_cast<double>(toInteger<long long>());
+    return static_cast<double>(static_cast<std::int64_t>(toInteger(63, true)));
 }
 
 Variant::operator const char*() const noexcept {
@@ -449,7 +406,7 @@ Variant::operator const char*() const noexcept {
 }
 
 Variant::operator const std::string&() const noexcept {
-    return type == TypeString ? payload.text : emptyText();
+    return type == TypeString ? payload.text : emptyText.text;
 }
 
 namespace {
@@ -460,8 +417,8 @@ using ValuePairs = std::vector<std::pair<const Variant*, const Variant*>>;
 template <class Iterator>
 bool sameKeys(Iterator left, Iterator leftEnd, Iterator right, Iterator rightEnd, ValuePairs& values) {
     for (; left != leftEnd && right != rightEnd; ++left, ++right) {
-        const auto leftElement = *left;
-        const auto rightElement = *right;
+        const auto& leftElement = *left;
+        const auto& rightElement = *right;
         if (leftElement.first != rightElement.first) return false;
         values.emplace_back(&leftElement.second, &rightElement.second);
     }
@@ -472,11 +429,41 @@ bool sameReal(double left, double right) {
     return left == right || (std::isnan(left) && std::isnan(right));
 }
 
+/** Whether a double is exactly the integer, which is its low 64 bits and its sign. */
+bool sameNumber(double real, std::uint64_t integer, bool isNegative) {
+    const int valueBits = isNegative ? 63 : 64;
+    if (!(isNegative ? real < 0 && real >= -upperBound(63) : real >= 0 && real < upperBound(64)))
+        return false;
+    return std::trunc(real) == real && saturated(real, valueBits, isNegative) == integer;
+}
+
+/** Whether the 64 bits of an integer of that type are those of a negative number. */
+bool isNegative(VariantType type, std::uint64_t integer) {
+    const bool isSigned = type == TypeInt8 || type == TypeInt32 || type == TypeInt64;
+    return isSigned && static_cast<std::int64_t>(integer) < 0;
+}
+
 }  // namespace
 
-bool Variant::operator==(const Variant& other) const {
+bool Variant::equalsInteger(std::uint64_t value, bool isNegativeValue) const noexcept {
+    if (type == TypeDouble) return sameNumber(payload.real, value, isNegativeValue);
+    if ((type & TypeNumeric) == 0 && type != TypeBool) return false;
+    return payload.integer == value && isNegative(type, value) == isNegativeValue;
+}
+
+bool Variant::equalsReal(double value) const noexcept {
+    if (type == TypeDouble) return payload.real == value;
+    if ((type & TypeNumeric) == 0 && type != TypeBool) return false;
+    return sameNumber(value, payload.integer, isNegative(type, payload.integer));
+}
+
+bool Variant::equalsView(std::string_view value) const noexcept {
+    return type == TypeString && payload.text == value;
+}
+
+bool operator==(const Variant& leftValue, const Variant& rightValue) {
     ValuePairs pending;
-    pending.emplace_back(this, &other);
+    pending.emplace_back(&leftValue, &rightValue);
     while (!pending.empty()) {
         const Variant& left = *pending.back().first;
         const Variant& right = *pending.back().second;

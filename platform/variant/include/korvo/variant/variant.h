@@ -3,11 +3,22 @@
  * Variant, the dynamically typed value in which the device's libraries exchange everything: a null, a
  * boolean, an integer, a double, a string, or a container of further values.
  *
+ * @code
+ * Variant camera;
+ * camera["name"] = "door";
+ * camera["rtsp"]["port"] = 554;
+ * camera["presets"][-1] = 2.5;
+ * const int port = camera["rtsp"]["port"];
+ * if (camera["name"] == "door" && !camera.Contains("zoom")) camera.Remove("presets");
+ * for (auto& [key, member] : camera) show(key, member.As<std::string>());
+ * @endcode
+ *
  * Ownership: a Variant owns its content. Copies are deep; a moved-from Variant is null.
  *
- * References: `operator[]` and GetKeyChain() give references into the container. They stay valid until the
- * container that holds the member is assigned to, reset, freed or destroyed; adding members does not disturb
- * them. Moving or swapping a container takes the members along, and references to them with it.
+ * References: `operator[]` and GetKeyChain() give references into the container. They stay valid until that
+ * member is removed, or the container that holds it is assigned to, reset, freed or destroyed; adding and
+ * removing other members does not disturb them. Moving or swapping a container takes the members along, and
+ * references to them with it.
  *
  * Threads: distinct values may be used from distinct threads. One value may be read by several threads at
  * once through const operations; any other operation needs it alone.
@@ -17,10 +28,10 @@
  *
  * Conversions never fail and have no undefined behaviour:
  *
- * | from \ to      | integer                         | double            | bool           | text         |
+ * | from \ to      | integer                         | floating          | bool           | text         |
  * |----------------|---------------------------------|-------------------|----------------|--------------|
  * | integer        | the value modulo 2^n            | nearest           | whether not 0  | empty        |
- * | double         | towards 0; saturates, NaN is 0  | the value         | not 0, not NaN | empty        |
+ * | double         | towards 0; saturates, NaN is 0  | saturates         | not 0, not NaN | empty        |
  * | boolean        | 1 or 0                          | 1 or 0            | the value      | empty        |
  * | string         | 0                               | 0                 | false          | the string   |
  * | anything else  | 0                               | 0                 | false          | empty        |
@@ -30,6 +41,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <limits>
+#include <new>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -64,8 +77,92 @@ enum VariantType : std::uint16_t {
     TypeAny = 0xffff  ///< as a filter only: passes every type, null included
 };
 
+/**
+ * How a value of the C++ type @p T is held: `tag`, for every arithmetic type and, as its underlying type, every
+ * enumeration. An integer gets the tag with its width, or with the next wider one that there is, so that it
+ * keeps its value; all floating types are held as double. Other types, pointers above all, have no tag.
+ */
+template <class T, class = void>
+struct NumberTag {};
+
+template <>
+struct NumberTag<bool> {
+    static constexpr VariantType tag = TypeBool;
+};
+
+template <class T>
+struct NumberTag<T, std::enable_if_t<std::is_integral<T>::value && !std::is_same<T, bool>::value &&
+                                     sizeof(T) <= sizeof(std::uint64_t)>> {
+    static constexpr VariantType tag = std::is_signed<T>::value ? (sizeof(T) == 1   ? TypeInt8
+                                                                   : sizeof(T) <= 4 ? TypeInt32
+                                                                                    : TypeInt64)
+                                                                : (sizeof(T) <= 2   ? TypeUInt16
+                                                                   : sizeof(T) <= 4 ? TypeUInt32
+                                                                                    : TypeUInt64);
+};
+
+template <class T>
+struct NumberTag<T, std::enable_if_t<std::is_floating_point<T>::value>> {
+    static constexpr VariantType tag = TypeDouble;
+};
+
+template <class T>
+struct NumberTag<T, std::enable_if_t<std::is_enum<T>::value>> : NumberTag<std::underlying_type_t<T>> {};
+
 class Container;
 class Variant;
+
+/** @cond: what the interface below is written with. */
+namespace detail {
+
+template <class T, class = void>
+inline constexpr bool isNumber = false;
+template <class T>
+inline constexpr bool isNumber<T, std::void_t<decltype(NumberTag<T>::tag)>> = true;
+
+template <class T>
+inline constexpr bool isKeyNumber = std::is_integral<T>::value && !std::is_same<T, bool>::value;
+
+/** The types of characters, which no value turns into unasked: a string would be made of one. */
+template <class T>
+inline constexpr bool isCharacter = std::is_same<T, char>::value || std::is_same<T, wchar_t>::value ||
+#ifdef __cpp_char8_t
+                                    std::is_same<T, char8_t>::value ||
+#endif
+                                    std::is_same<T, char16_t>::value || std::is_same<T, char32_t>::value;
+
+/** Whether each number of the underlying type is a value of the enumeration: it was declared with that type. */
+template <class T, class = void>
+inline constexpr bool isFixedEnumeration = false;
+template <class T>
+inline constexpr bool isFixedEnumeration<T, std::void_t<decltype(T{0})>> = std::is_enum<T>::value;
+
+/** What a value is compared with by its number or text; a type tag would be taken for a number. */
+template <class T>
+inline constexpr bool isComparedNumber = isNumber<T> && !std::is_same<T, VariantType>::value;
+template <class T>
+inline constexpr bool isComparedText =
+    !std::is_base_of<Variant, T>::value && (std::is_convertible<const T&, const char*>::value ||
+                                            std::is_convertible<const T&, std::string_view>::value);
+
+/** A floating number in a type that may be narrower; what is too large becomes the largest finite one. */
+template <class To, class From>
+To narrowed(From value) {
+    if constexpr (std::numeric_limits<From>::max_exponent > std::numeric_limits<To>::max_exponent) {
+        constexpr From largest = std::numeric_limits<To>::max();
+        constexpr From infinity = std::numeric_limits<From>::infinity();
+        if (value > largest && value != infinity) return std::numeric_limits<To>::max();
+        if (value < -largest && value != -infinity) return std::numeric_limits<To>::lowest();
+    }
+    return static_cast<To>(value);
+}
+
+inline std::string_view textOf(const char* text) {
+    return text != nullptr ? std::string_view(text) : std::string_view();
+}
+
+}  // namespace detail
+/** @endcond */
 
 /**
  * Walks the members of a value that have keys of one kind, in ascending order. Made by Variant::begin() and
@@ -74,22 +171,27 @@ class Variant;
 template <class Key, class Value>
 class KORVO_VARIANT_EXPORT MemberIterator {
   public:
-    /** A member as the iterator shows it. */
+    /** A member as the iterator shows it. A copy of it still means the same member. */
     struct Element {
         Key first;      ///< the key; a text key is a view that lives as long as the member
         Value& second;  ///< the member
-        const Element* operator->() const { return this; }
     };
 
     using iterator_category = std::input_iterator_tag;
     using value_type = Element;
     using difference_type = std::ptrdiff_t;
-    using pointer = Element;
-    using reference = Element;
+    using pointer = const Element*;
+    using reference = const Element&;
 
-    Element operator*() const;
-    Element operator->() const { return **this; }
+    /** The element lives in the iterator, until that moves on or ends. */
+    reference operator*() const;
+    pointer operator->() const { return &**this; }
     MemberIterator& operator++();
+    MemberIterator operator++(int) {
+        MemberIterator before(*this);
+        ++*this;
+        return before;
+    }
     bool operator==(const MemberIterator& other) const {
         return block == other.block && offset == other.offset;
     }
@@ -103,6 +205,7 @@ class KORVO_VARIANT_EXPORT MemberIterator {
     const Container* container;  ///< null when the value has no members
     std::size_t block;
     std::size_t offset = 0;
+    alignas(Element) mutable unsigned char shown[sizeof(Element)] = {};  ///< where the element is built
 };
 
 /** The dynamically typed value; see the top of this file for what holds of all its operations. */
@@ -113,18 +216,20 @@ class KORVO_VARIANT_EXPORT Variant {
     using num_iterator = MemberIterator<long long, Variant>;
     using const_num_iterator = MemberIterator<long long, const Variant>;
 
-    Variant() noexcept : type(TypeNull) {}
+    constexpr Variant() noexcept : type(TypeNull) {}
     Variant(const Variant& other);
     Variant(Variant&& other) noexcept;
-    Variant(bool value) noexcept;
-    Variant(signed char value) noexcept;
-    Variant(int value) noexcept;
-    Variant(unsigned int value) noexcept;
-    Variant(unsigned short value) noexcept;
-    Variant(long long value) noexcept;
-    Variant(unsigned long long value) noexcept;
-    Variant(double value) noexcept;
+
+    /** A number, or an enumerator by its number; held as NumberTag says. */
+    template <class Number, std::enable_if_t<detail::isNumber<Number>, int> = 0>
+    Variant(Number value) noexcept : type(NumberTag<Number>::tag) {
+        if constexpr (std::is_floating_point<Number>::value)
+            payload.real = detail::narrowed<double>(value);
+        else
+            payload.integer = static_cast<std::uint64_t>(value);
+    }
     Variant(const char* value);  ///< a copy of the text; a null pointer gives the null value
+    Variant(std::string_view value);
     Variant(const std::string& value);
     Variant(std::string&& value) noexcept;
     virtual ~Variant();
@@ -135,15 +240,16 @@ class KORVO_VARIANT_EXPORT Variant {
      * @{ */
     Variant& operator=(const Variant& other);
     Variant& operator=(Variant&& other) noexcept;
-    Variant& operator=(bool value) noexcept;
-    Variant& operator=(signed char value) noexcept;
-    Variant& operator=(int value) noexcept;
-    Variant& operator=(unsigned int value) noexcept;
-    Variant& operator=(unsigned short value) noexcept;
-    Variant& operator=(long long value) noexcept;
-    Variant& operator=(unsigned long long value) noexcept;
-    Variant& operator=(double value) noexcept;
+    template <class Number, std::enable_if_t<detail::isNumber<Number>, int> = 0>
+    Variant& operator=(Number value) noexcept {
+        if constexpr (std::is_floating_point<Number>::value)
+            setReal(detail::narrowed<double>(value));
+        else
+            setInteger(NumberTag<Number>::tag, static_cast<std::uint64_t>(value));
+        return *this;
+    }
     Variant& operator=(const char* value);  ///< a null pointer gives the null value
+    Variant& operator=(std::string_view value);
     Variant& operator=(const std::string& value);
     Variant& operator=(std::string&& value) noexcept;
     /** @} */
@@ -162,26 +268,66 @@ class KORVO_VARIANT_EXPORT Variant {
 
     /** @name Members
      * The member under a key, added as a null value when it is missing. A value that is no container first
-     * becomes an empty one: a map for a text key, an array for an index.
+     * becomes an empty one: a map for a text key, an array for an index. A null pointer is the empty key.
      *
-     * Indices are signed 64-bit numbers; an unsigned one must be below 2^63. The index -1 appends: it stands for the index after the last one, at least 0. When the last index is
-     * the largest there is, -1 stands for that.
+     * Indices are signed 64-bit numbers; an unsigned one must be below 2^63. The index -1 appends: it stands
+     * for the index after the last one, at least 0. When the last index is the largest there is, -1 stands for
+     * that.
      * @{ */
-    Variant& operator[](const char* key);
-    Variant& operator[](const std::string& key);
-    Variant& operator[](long long index);
-    template <
-        class Integer,
-        std::enable_if_t<std::is_integral<Integer>::value && !std::is_same<Integer, bool>::value, int> = 0>
+    Variant& operator[](const char* key) { return member(detail::textOf(key)); }
+    Variant& operator[](std::string_view key) { return member(key); }
+    Variant& operator[](const std::string& key) { return member(std::string_view(key)); }
+    Variant& operator[](long long index) { return member(index); }
+    template <class Integer, std::enable_if_t<detail::isKeyNumber<Integer>, int> = 0>
     Variant& operator[](Integer index) {
-        return (*this)[static_cast<long long>(index)];
+        return member(static_cast<long long>(index));
+    }
+    /** @} */
+
+    /** @name Members of a constant value
+     * The member under a key, or a null value that belongs to nobody when there is none; -1 is none.
+     * @{ */
+    const Variant& operator[](const char* key) const { return memberOrNull(detail::textOf(key)); }
+    const Variant& operator[](std::string_view key) const { return memberOrNull(key); }
+    const Variant& operator[](const std::string& key) const { return memberOrNull(std::string_view(key)); }
+    const Variant& operator[](long long index) const { return memberOrNull(index); }
+    template <class Integer, std::enable_if_t<detail::isKeyNumber<Integer>, int> = 0>
+    const Variant& operator[](Integer index) const {
+        return memberOrNull(static_cast<long long>(index));
+    }
+    /** @} */
+
+    /** The number of members, those with text keys and those with indices; 0 for what is no container. */
+    std::size_t Size() const noexcept;
+
+    /** @name Membership
+     * Whether there is a member under a key. An appended member has an index of its own, so -1 is none.
+     * @{ */
+    bool Contains(const char* key) const noexcept { return hasMember(detail::textOf(key)); }
+    bool Contains(std::string_view key) const noexcept { return hasMember(key); }
+    template <class Integer, std::enable_if_t<detail::isKeyNumber<Integer>, int> = 0>
+    bool Contains(Integer index) const noexcept {
+        return hasMember(static_cast<long long>(index));
+    }
+    /** @} */
+
+    /** @name Removal
+     * Removes the member under a key, and all below it. The value stays a map or an array, also without
+     * members. What the member took is used again for later ones, or given back by Compact().
+     * @return whether there was such a member; -1 is none
+     * @{ */
+    bool Remove(const char* key) noexcept { return removeMember(detail::textOf(key)); }
+    bool Remove(std::string_view key) noexcept { return removeMember(key); }
+    template <class Integer, std::enable_if_t<detail::isKeyNumber<Integer>, int> = 0>
+    bool Remove(Integer index) noexcept {
+        return removeMember(static_cast<long long>(index));
     }
     /** @} */
 
     /** @name Iteration
      * Over the members with text keys in ascending byte order, and over those with an index in ascending
      * order. Both ranges are empty for a value that is no container. An element has `first`, the key, and
-     * `second`, the member. Adding a member to this value ends the validity of its iterators.
+     * `second`, the member. Adding a member to this value or removing one ends the validity of its iterators.
      * @{ */
     iterator begin();
     iterator end();
@@ -242,38 +388,109 @@ class KORVO_VARIANT_EXPORT Variant {
      *
      * Refused, with false and @p text as it was, is what would not read back as the same tree: a key that holds
      * "=", "." or a line feed, a line that would begin with "#", a value with a line feed in it or a carriage
-     * return at its end, an index and a text key that look the same, more than 64 levels, a value that is no
-     * container; with separators of one's own also a text that holds them.
+     * return at its end, an index and a text key that look the same, more than 64 levels, a value that is
+     * neither a container nor null. What has no line is refused for no key.
      *
-     * @param text           receives the text
+     * With separators of one's own, refused are likewise a key that holds either of them and a value that holds
+     * the line separator; a value may hold the key separator, since lines are split at their first one. An empty
+     * separator is taken as it is, though nobody can tell then where a key or a line ends.
+     *
+     * @param text           receives the text; not a text that is inside of this value
      * @param keySeparator   between key and value, normally "="
      * @param lineSeparator  after each line, normally "\n"
      */
     bool ToKVP(std::string& text, const std::string& keySeparator, const std::string& lineSeparator) const;
     /** @} */
 
-    /** Gives back memory that growing has left spare. The value stays equal to what it was. */
+    /** Gives back memory that growing and removing have left spare. The value stays equal to what it was. */
     void Compact();
 
     /** @name Conversions (table at the top of this file)
      * @{ */
     operator VariantType() const noexcept { return type; }
-    operator bool() const noexcept;
-    operator signed char() const noexcept;
-    operator int() const noexcept;
-    operator unsigned short() const noexcept;
-    operator long long() const noexcept;
-    operator double() const noexcept;
+    template <class Number, std::enable_if_t<std::is_arithmetic<Number>::value && detail::isNumber<Number> &&
+                                                 !detail::isCharacter<Number>,
+                                             int> = 0>
+    operator Number() const noexcept {
+        return As<Number>();
+    }
     operator const char*() const noexcept;  ///< valid until the value is changed; never null
     operator const std::string&() const noexcept;
     /** @} */
 
     /**
-     * Deep equality of type and value: the integer 1 and the boolean true differ, and so do 1 as int and as
+     * The same conversions by name, for where the implicit one is ambiguous: in expressions, `switch`, output,
+     * and when a string is assigned to. @p T is an arithmetic type, characters included, an enumeration with a
+     * fixed underlying type, VariantType for the type tag, std::string, std::string_view or const char*. Views
+     * and pointers are valid until the value is changed.
+     */
+    template <class T>
+    T As() const {
+        if constexpr (std::is_same<T, VariantType>::value) {
+            return type;
+        } else if constexpr (std::is_same<T, bool>::value) {
+            return toBool();
+        } else if constexpr (std::is_floating_point<T>::value) {
+            return detail::narrowed<T>(toReal());
+        } else if constexpr (detail::isNumber<T> && std::is_integral<T>::value) {
+            return static_cast<T>(toInteger(std::numeric_limits<T>::digits, std::is_signed<T>::value));
+        } else if constexpr (detail::isFixedEnumeration<T>) {
+            return static_cast<T>(As<std::underlying_type_t<T>>());
+        } else if constexpr (std::is_same<T, const char*>::value) {
+            return static_cast<const char*>(*this);
+        } else {
+            static_assert(
+                std::is_same<std::decay_t<T>, std::string>::value || std::is_same<T, std::string_view>::value,
+                "no value can be had as this type");
+            return T(static_cast<const std::string&>(*this));
+        }
+    }
+
+    /**
+     * Deep equality of type and value of two values: the integer 1 and the boolean true differ, and so do 1 as int and as
      * long long. A NaN equals a NaN, so that a copy always equals its original.
      */
-    bool operator==(const Variant& other) const;
-    bool operator!=(const Variant& other) const { return !(*this == other); }
+    friend KORVO_VARIANT_EXPORT bool operator==(const Variant& left, const Variant& right);
+    friend bool operator!=(const Variant& left, const Variant& right) { return !(left == right); }
+
+    /** @name Comparison with numbers and texts
+     * By value, whatever the types are: a held number of any type equals the same number, a boolean being 1 or
+     * 0; a text equals the same text. A text equals no number, and what is neither equals nothing; only the
+     * null value equals a null pointer.
+     * @{ */
+    template <class T, std::enable_if_t<detail::isComparedNumber<T>, int> = 0>
+    friend bool operator==(const Variant& left, T right) noexcept {
+        return left.equalsNumber(right);
+    }
+    template <class T, std::enable_if_t<detail::isComparedNumber<T>, int> = 0>
+    friend bool operator==(T left, const Variant& right) noexcept {
+        return right.equalsNumber(left);
+    }
+    template <class T, std::enable_if_t<detail::isComparedNumber<T>, int> = 0>
+    friend bool operator!=(const Variant& left, T right) noexcept {
+        return !left.equalsNumber(right);
+    }
+    template <class T, std::enable_if_t<detail::isComparedNumber<T>, int> = 0>
+    friend bool operator!=(T left, const Variant& right) noexcept {
+        return !right.equalsNumber(left);
+    }
+    template <class T, std::enable_if_t<detail::isComparedText<T>, int> = 0>
+    friend bool operator==(const Variant& left, const T& right) {
+        return left.equalsText(right);
+    }
+    template <class T, std::enable_if_t<detail::isComparedText<T>, int> = 0>
+    friend bool operator==(const T& left, const Variant& right) {
+        return right.equalsText(left);
+    }
+    template <class T, std::enable_if_t<detail::isComparedText<T>, int> = 0>
+    friend bool operator!=(const Variant& left, const T& right) {
+        return !left.equalsText(right);
+    }
+    template <class T, std::enable_if_t<detail::isComparedText<T>, int> = 0>
+    friend bool operator!=(const T& left, const Variant& right) {
+        return !right.equalsText(left);
+    }
+    /** @} */
 
   private:
     friend class Container;
@@ -281,7 +498,7 @@ class KORVO_VARIANT_EXPORT Variant {
     friend class KeyValueWriter;
 
     union Payload {
-        Payload() noexcept : integer(0) {}
+        constexpr Payload() noexcept : integer(0) {}
         ~Payload() {}
         std::uint64_t
             integer;  ///< of every width, sign-extended where the type is signed; 1 or 0 for a boolean
@@ -291,17 +508,51 @@ class KORVO_VARIANT_EXPORT Variant {
     };
 
     bool isContainer() const noexcept { return type == TypeMap || type == TypeArray; }
-    template <class Integer>
-    KORVO_VARIANT_PRIVATE Integer toInteger() const noexcept;
+    Container* members() const noexcept { return isContainer() ? payload.container : nullptr; }
+
+    // What the templates above call. Key is std::string_view or long long.
+    Variant& member(std::string_view key);
+    Variant& member(long long index);
+    template <class Key>
+    const Variant& memberOrNull(Key key) const noexcept;
+    template <class Key>
+    bool hasMember(Key key) const noexcept;
+    template <class Key>
+    bool removeMember(Key key) noexcept;
+    void setInteger(VariantType newType, std::uint64_t value) noexcept;
+    void setReal(double value) noexcept;
+    bool toBool() const noexcept;
+    std::uint64_t toInteger(int valueBits, bool isSigned) const noexcept;
+    double toReal() const noexcept;
+    bool equalsInteger(std::uint64_t value, bool isNegative) const noexcept;
+    bool equalsReal(double value) const noexcept;
+    bool equalsView(std::string_view value) const noexcept;
+
+    template <class T>
+    bool equalsNumber(T value) const noexcept {
+        constexpr VariantType tag = NumberTag<T>::tag;
+        if constexpr (tag == TypeDouble) {
+            return equalsReal(detail::narrowed<double>(value));
+        } else {
+            constexpr bool isSigned = tag == TypeInt8 || tag == TypeInt32 || tag == TypeInt64;
+            const auto bits = static_cast<std::uint64_t>(value);
+            return equalsInteger(bits, isSigned && static_cast<std::int64_t>(bits) < 0);
+        }
+    }
+    template <class T>
+    bool equalsText(const T& value) const {
+        if constexpr (std::is_convertible<const T&, const char*>::value) {
+            const char* text = value;
+            return text != nullptr ? equalsView(text) : type == TypeNull;
+        } else {
+            return equalsView(value);
+        }
+    }
 
     KORVO_VARIANT_PRIVATE void release() noexcept;
     KORVO_VARIANT_PRIVATE void moveFrom(Variant& other) noexcept;
     KORVO_VARIANT_PRIVATE void copyLeaf(const Variant& other);
-    KORVO_VARIANT_PRIVATE void setInteger(VariantType newType, std::uint64_t value) noexcept;
     KORVO_VARIANT_PRIVATE void setText(std::string_view value);
-    Container* members() const noexcept { return isContainer() ? payload.container : nullptr; }
-    template <class Key>
-    KORVO_VARIANT_PRIVATE Variant& member(Key key, VariantType typeWhenNone);
     template <class Key>
     KORVO_VARIANT_PRIVATE Variant& firstMember(Key key, VariantType typeWhenNone);
 

@@ -1,0 +1,196 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
+#include <vector>
+
+namespace korvo::variant {
+
+/**
+ * A sorted sequence of small entries, kept in blocks, so that adding or removing one moves at most a block's
+ * worth of entries however many there are. The first block stands in the object itself: most containers never
+ * have a second one. No block is empty but the first of an empty sequence.
+ *
+ * An Entry has `Key`, `rank()`, an integer that decides most comparisons, and `static bool less(const Entry&,
+ * const Key&)`, `static bool equals(const Entry&, const Key&)` for entries whose rank is the key's; so has its
+ * Key `rank()`.
+ */
+template <class Entry>
+class SortedEntries {
+  public:
+    using Key = typename Entry::Key;
+    using Block = std::vector<Entry>;
+
+    /** Where an entry stands, or would stand. */
+    struct Position {
+        std::size_t block;
+        std::size_t offset;
+    };
+
+    std::size_t size() const { return count; }
+    std::size_t blockCount() const { return count == 0 ? 0 : 1 + tail.size(); }
+    const Block& block(std::size_t number) const { return number == 0 ? head : tail[number - 1]; }
+    const Entry& last() const { return block(blockCount() - 1).back(); }
+
+    /** Whether all entries are less than @p key, so that it can be appended. */
+    bool endsBefore(const Key& key) const { return count == 0 || less(last(), key); }
+
+    /** Where the entry with @p key stands or would stand. */
+    Position lowerBound(const Key& key) const {
+        const std::size_t number = tail.empty() ? 0 : findBlock(key);
+        return {number, search(block(number), key)};
+    }
+
+    /** The entry with @p key, which stands at @p position if anywhere; null when there is none. */
+    const Entry* at(Position position, const Key& key) const {
+        const Block& entries = block(position.block);
+        if (position.offset == entries.size()) return nullptr;
+        const Entry& entry = entries[position.offset];
+        return equals(entry, key) ? &entry : nullptr;
+    }
+
+    /** The entry with @p key; null when there is none. */
+    const Entry* find(const Key& key) const { return at(lowerBound(key), key); }
+
+    /** Adds an entry behind all others. When memory fails, nothing has changed. */
+    void append(const Entry& entry) {
+        if (count > 0 && block(tail.size()).size() == blockCapacity) {
+            Block next;
+            next.reserve(blockCapacity);
+            tail.push_back(std::move(next));
+        }
+        Block& entries = mutableBlock(tail.size());
+        makeRoom(entries);
+        entries.push_back(entry);
+        ++count;
+    }
+
+    /** Adds an entry at the position that lowerBound() gave. When memory fails, nothing has changed. */
+    void insert(Position position, const Entry& entry) {
+        if (block(position.block).size() == blockCapacity) position = split(position);
+        Block& entries = mutableBlock(position.block);
+        makeRoom(entries);
+        entries.insert(entries.begin() + static_cast<std::ptrdiff_t>(position.offset), entry);
+        ++count;
+    }
+
+    /** Removes the entry at @p position. Needs no memory. */
+    void erase(Position position) noexcept {
+        Block& entries = mutableBlock(position.block);
+        entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(position.offset));
+        --count;
+        if (!tail.empty()) mergeBlocks(position.block > 0 ? position.block - 1 : 0);
+    }
+
+    /** Takes an empty sequence over the shape of another, each entry made by @p copy. */
+    template <class Copy>
+    void copyFrom(const SortedEntries& other, Copy copy) {
+        tail.resize(other.tail.size());
+        for (std::size_t number = 0; number < other.blockCount(); ++number) {
+            const Block& source = other.block(number);
+            Block& target = mutableBlock(number);
+            target.reserve(source.size());
+            for (const Entry& entry : source) {
+                target.push_back(copy(entry));
+                ++count;
+            }
+        }
+    }
+
+    template <class Visit>
+    void forEach(Visit visit) const {
+        for (std::size_t number = 0; number < blockCount(); ++number) {
+            for (const Entry& entry : block(number)) visit(entry);
+        }
+    }
+
+    void shrink() {
+        head.shrink_to_fit();
+        tail.shrink_to_fit();
+        for (Block& entries : tail) entries.shrink_to_fit();
+    }
+
+  private:
+    static constexpr std::size_t firstCapacity = 8;
+    static constexpr std::size_t blockCapacity = 128;
+
+    Block& mutableBlock(std::size_t number) { return number == 0 ? head : tail[number - 1]; }
+
+    static bool less(const Entry& entry, const Key& key) {
+        return entry.rank() != key.rank() ? entry.rank() < key.rank() : Entry::less(entry, key);
+    }
+    static bool equals(const Entry& entry, const Key& key) {
+        return entry.rank() == key.rank() && Entry::equals(entry, key);
+    }
+
+    static void makeRoom(Block& entries) {
+        if (entries.size() == entries.capacity())
+            entries.reserve(std::max(firstCapacity, entries.size() * 2));
+    }
+
+    /**
+     * The offset of the first entry that is not less than @p key. The ranks are searched first, in a loop
+     * without a branch that the processor would have to guess; few keys share one.
+     */
+    static std::size_t search(const Block& entries, const Key& key) {
+        const Entry* const begin = entries.data();
+        const Entry* const end = begin + entries.size();
+        const auto rank = key.rank();
+        const Entry* first = begin;
+        for (std::size_t left = entries.size(); left > 0;) {
+            const std::size_t half = (left + 1) / 2;
+            first += first[half - 1].rank() < rank ? half : 0;
+            left -= half;
+        }
+        if (first != end && first->rank() == rank && Entry::less(*first, key)) {
+            const auto isLess = [](const Entry& entry, const Key& wanted) { return less(entry, wanted); };
+            first = std::lower_bound(first + 1, end, key, isLess);
+        }
+        return static_cast<std::size_t>(first - begin);
+    }
+
+    /** The last block whose first entry is not greater than @p key, or the first block. */
+    std::size_t findBlock(const Key& key) const {
+        const auto startsBefore = [](const Block& entries, const Key& wanted) {
+            return less(entries.front(), wanted) || equals(entries.front(), wanted);
+        };
+        const auto after = std::lower_bound(tail.begin(), tail.end(), key, startsBefore);
+        return static_cast<std::size_t>(after - tail.begin());
+    }
+
+    /** Splits the full block at @p position into halves and returns where the position has gone. */
+    Position split(Position position) {
+        constexpr std::size_t keep = blockCapacity / 2;
+        Block upper;
+        upper.reserve(blockCapacity);
+        tail.insert(tail.begin() + static_cast<std::ptrdiff_t>(position.block), std::move(upper));
+        Block& lower = mutableBlock(position.block);
+        const auto middle = lower.begin() + static_cast<std::ptrdiff_t>(keep);
+        tail[position.block].assign(middle, lower.end());
+        lower.erase(middle, lower.end());
+        if (position.offset <= keep) return position;
+        return {position.block + 1, position.offset - keep};
+    }
+
+    /** Makes one of a block and the next one when either is empty, or both are less than half of a full one. */
+    void mergeBlocks(std::size_t number) noexcept {
+        Block& lower = mutableBlock(number);
+        Block& upper = tail[number];
+        const std::size_t sum = lower.size() + upper.size();
+        if (lower.empty()) {
+            lower.swap(upper);
+        } else if (sum <= lower.capacity() && (upper.empty() || sum < blockCapacity / 2)) {
+            lower.insert(lower.end(), upper.begin(), upper.end());
+        } else if (!upper.empty()) {
+            return;
+        }
+        tail.erase(tail.begin() + static_cast<std::ptrdiff_t>(number));
+    }
+
+    Block head;
+    std::vector<Block> tail;
+    std::size_t count = 0;
+};
+
+}  // namespace korvo::variant
