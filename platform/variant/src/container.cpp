@@ -26,11 +26,11 @@ void MemberPool::reserve(std::size_t size) {
     end = free + size;
 }
 
-/** Makes room for @p size bytes more, and doubles what there is as far as that is not too much. */
+/** Makes room for @p size bytes more, and for twice of what there is as far as that is not too much. */
 void MemberPool::grow(std::size_t size) {
     constexpr std::size_t firstChunk = 4 * sizeof(NamedMember);
     constexpr std::size_t largestChunk = 4096;
-    reserve(std::max(size, std::clamp(usedBytes, firstChunk, largestChunk)));
+    reserve(std::max(size, std::clamp(2 * usedBytes, firstChunk, largestChunk)));
 }
 
 /** The next power of two, which keeps the number of sizes small. */
@@ -104,8 +104,12 @@ void MemberPool::shrink() {
 }
 
 NamedMember* Container::newMember(std::string_view key) {
-    void* memory = pool.allocate(sizeof(NamedMember) + key.size());
-    if (!key.empty()) std::memcpy(static_cast<char*>(memory) + sizeof(NamedMember), key.data(), key.size());
+    const std::size_t size = NamedMember::sizeFor(key.size());
+    char* memory = static_cast<char*>(pool.allocate(size));
+    if (!key.empty()) {
+        std::memset(memory + size - sizeof(NamedMember::KeyWord), 0, sizeof(NamedMember::KeyWord));
+        std::memcpy(memory + sizeof(NamedMember), key.data(), key.size());
+    }
     return ::new (memory) NamedMember{Variant(), key.size()};
 }
 

@@ -20,13 +20,18 @@
 
 namespace korvo::variant {
 
-/** A member with a text key; the key's bytes follow it in memory. */
+/** A member with a text key; the key's bytes follow it in memory, with zeros up to the next word. */
 struct NamedMember {
+    using KeyWord = std::uint64_t;
+
     Variant value;
     std::size_t keyLength;
 
     std::string_view key() const { return {reinterpret_cast<const char*>(this + 1), keyLength}; }
-    std::size_t size() const { return sizeof *this + keyLength; }
+    static std::size_t sizeFor(std::size_t keyLength) {
+        return sizeof(NamedMember) + (keyLength + sizeof(KeyWord) - 1) / sizeof(KeyWord) * sizeof(KeyWord);
+    }
+    std::size_t size() const { return sizeFor(keyLength); }
 };
 
 /** A member with an index. */
@@ -41,20 +46,32 @@ struct IndexedMember {
 /** An entry for a text key. It holds the key's first bytes, which decide most comparisons. */
 struct NamedEntry {
     struct Key {
-        explicit Key(std::string_view name) : prefix(0), text(name) {
-            if (name.size() >= sizeof prefix) {
-                std::memcpy(&prefix, name.data(), sizeof prefix);
-                prefix = sizeof prefix == 8 ? be64toh(prefix) : be32toh(static_cast<std::uint32_t>(prefix));
-            } else if (!name.empty()) {
-                for (const char character : name)
-                    prefix = prefix << 8 | static_cast<unsigned char>(character);
-                prefix <<= 8 * (sizeof prefix - name.size());
-            }
-        }
+        explicit Key(std::string_view name) : prefix(prefixOf(name)), text(name) {}
         std::uintptr_t rank() const { return prefix; }
 
         std::uintptr_t prefix;  ///< the first bytes, most significant first, zeros behind a short key
         std::string_view text;
+
+      private:
+        template <class Word>
+        static Word load(const char* bytes) {
+            Word word;
+            std::memcpy(&word, bytes, sizeof word);
+            return sizeof word == 8 ? be64toh(word) : be32toh(static_cast<std::uint32_t>(word));
+        }
+        static std::uintptr_t prefixOf(std::string_view name) {
+            const std::size_t size = name.size();
+            if (size >= sizeof prefix) return load<std::uintptr_t>(name.data());
+            if (size > sizeof(std::uint32_t)) {
+                // The first four bytes and the last four, which overlap.
+                const std::uint64_t first = load<std::uint32_t>(name.data());
+                const std::uint64_t last = load<std::uint32_t>(name.data() + size - 4);
+                return static_cast<std::uintptr_t>(first << 32 | (last << (64 - 8 * size) & 0xffffffff));
+            }
+            std::uintptr_t bytes = 0;
+            for (std::size_t i = 0; i < size; ++i) bytes = bytes << 8 | static_cast<unsigned char>(name[i]);
+            return size == 0 ? 0 : bytes << 8 * (sizeof bytes - size);
+        }
     };
 
     std::uintptr_t prefix;

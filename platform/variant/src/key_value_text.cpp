@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -23,17 +24,18 @@ namespace {
 constexpr std::size_t maxComponents = 64;
 constexpr std::size_t numberBufferSize = 32;  // the longest shortest double is 24 characters
 
+/** Writes a number at @p out, where numberBufferSize bytes are free, and returns the end. */
 template <class Number>
-std::string_view formatNumber(Number number, char (&buffer)[numberBufferSize]) {
-    const auto result = std::to_chars(buffer, buffer + numberBufferSize - 2, number);
-    std::string_view text(buffer, static_cast<std::size_t>(result.ptr - buffer));
+char* formatNumber(Number number, char* out) {
+    char* const end = std::to_chars(out, out + numberBufferSize - 2, number).ptr;
     if constexpr (std::is_floating_point<Number>::value) {
+        const std::string_view text(out, static_cast<std::size_t>(end - out));
         if (text.find_first_not_of("-0123456789") == std::string_view::npos) {
-            std::memcpy(result.ptr, ".0", 2);
-            text = {buffer, text.size() + 2};
+            std::memcpy(end, ".0", 2);
+            return end + 2;
         }
     }
-    return text;
+    return end;
 }
 
 /** Reads a number, but only from exactly the text that would be written for it. */
@@ -42,7 +44,8 @@ bool parseNumber(std::string_view text, Number& number) {
     const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
     if (result.ec != std::errc() || result.ptr != text.data() + text.size()) return false;
     char buffer[numberBufferSize];
-    return formatNumber(number, buffer) == text;
+    const char* const end = formatNumber(number, buffer);
+    return std::string_view(buffer, static_cast<std::size_t>(end - buffer)) == text;
 }
 
 bool isBlank(std::string_view line) {
@@ -137,7 +140,64 @@ class KeyValueReader {
     Variant* lastGroup = nullptr;
 };
 
-/** Writes a tree as key=value text. */
+namespace {
+
+/** Not 0 when one of the bytes of @p word is @p byte. */
+template <class Word>
+Word findByte(Word word, char byte) {
+    constexpr Word ones = static_cast<Word>(-1) / 0xff;
+    const Word difference = word ^ (ones * static_cast<unsigned char>(byte));
+    return (difference - ones) & ~difference & (ones << 7);
+}
+
+/** Copies at least a word's bytes; whether no byte is a line feed. The last word may overlap the one before. */
+template <class Word>
+inline bool copyWords(char* to, const char* from, std::size_t size) {
+    Word lineFeeds = 0;
+    for (std::size_t done = 0;;) {
+        Word word;
+        std::memcpy(&word, from + done, sizeof word);
+        std::memcpy(to + done, &word, sizeof word);
+        lineFeeds |= findByte(word, '\n');
+        if (done + sizeof word == size) return lineFeeds == 0;
+        done = std::min(done + sizeof word, size - sizeof word);
+    }
+}
+
+/** Copies a value's text; whether it stands on one line and ends as it would be read. */
+inline bool copyValue(char* to, const std::string& text) {
+    const std::size_t size = text.size();
+    if (size == 0) return true;
+    bool accepted = text.back() != '\r';
+    if (size >= sizeof(std::uint64_t)) return copyWords<std::uint64_t>(to, text.data(), size) && accepted;
+    if (size >= sizeof(std::uint32_t)) return copyWords<std::uint32_t>(to, text.data(), size) && accepted;
+    for (std::size_t i = 0; i < size; ++i) {
+        to[i] = text[i];
+        accepted = accepted && text[i] != '\n';
+    }
+    return accepted;
+}
+
+/** Copies a member's key, whole words of it; whether none of its bytes would be read as something else. */
+inline bool copyKey(char* to, const NamedMember& member) {
+    const char* from = member.key().data();
+    NamedMember::KeyWord refused = 0;
+    for (std::size_t done = 0; done < member.keyLength; done += sizeof refused) {
+        NamedMember::KeyWord word;
+        std::memcpy(&word, from + done, sizeof word);
+        std::memcpy(to + done, &word, sizeof word);
+        refused |= findByte(word, '=') | findByte(word, '.') | findByte(word, '\n');
+    }
+    return refused == 0;
+}
+
+}  // namespace
+
+/**
+ * Writes a tree as key=value text: first finds out how large the text can be, then writes it in one piece, word
+ * by word, because calls to copy and to search such short texts would take longer than the work. Both go down
+ * at most maxComponents levels, so little stands on the stack at each of them.
+ */
 class KeyValueWriter {
   public:
     KeyValueWriter(const std::string& betweenKeyAndValue, const std::string& afterLine)
@@ -145,89 +205,155 @@ class KeyValueWriter {
           lineSeparator(afterLine),
           ownSeparators(betweenKeyAndValue != "=" || afterLine != "\n") {}
 
-    /** Writes what is below a container whose members' keys are component number @p level, 64 at most. */
-    bool writeMembers(const Variant& value, std::size_t level) {
-        const Container* container = value.members();
-        if (container == nullptr) return true;
-        if (level > maxComponents) return false;
-        const auto& indexed = container->entries(0LL);
-        for (std::size_t block = 0; block < indexed.blockCount(); ++block) {
-            for (const IndexedEntry& entry : indexed.block(block)) {
-                char buffer[numberBufferSize];
-                const std::string_view key = formatNumber(entry.index, buffer);
-                if (container->find(key) != nullptr || !writeMember(key, entry.member->value, level))
-                    return false;
-            }
+    /** Replaces @p text by that of the tree; false, and nothing done, when it cannot be written. */
+    bool write(const Variant& tree, std::string& text) {
+        std::string written;
+        if (const Container* root = tree.members()) {
+            if (!measure(*root, {0, 1, true})) return false;
+            written.resize(mostBytes + spare);
+            path.resize(longestPath + spare);
+            const char* const end = writeMembers(written.data(), *root, {0, 1, true});
+            if (end == nullptr) return false;
+            written.resize(static_cast<std::size_t>(end - written.data()));
         }
-        const auto& named = container->entries(std::string_view());
-        for (std::size_t block = 0; block < named.blockCount(); ++block) {
-            for (const NamedEntry& entry : named.block(block)) {
-                if (!writeMember(entry.member->key(), entry.member->value, level)) return false;
-            }
-        }
+        text = std::move(written);
         return true;
     }
-
-    std::string text;
 
   private:
-    bool writeMember(std::string_view key, const Variant& value, std::size_t level) {
-        if (value.type == TypeNull) return true;
-        if (!isWritableKey(key)) return false;
-        if (!value.isContainer()) return writeLine(key, value);
-        const std::size_t length = path.size();
-        path.append(key).push_back('.');
-        const bool written = writeMembers(value, level + 1);
-        path.resize(length);
-        return written;
-    }
+    using Word = NamedMember::KeyWord;
+    static constexpr std::size_t spare = sizeof(Word);  ///< what copying in words can write too much
 
-    bool writeLine(std::string_view key, const Variant& value) {
-        if ((path.empty() ? key : std::string_view(path)).substr(0, 1) == "#") return false;
-        text.append(path).append(key);
-        appendSeparator(keySeparator);
-        if (value.type == TypeString) {
-            if (!isWritableValue(value.payload.text)) return false;
-            text.append(value.payload.text);
-        } else {
-            char buffer[numberBufferSize];
-            text.append(value.type == TypeDouble   ? formatNumber(value.payload.real, buffer)
-                        : value.type == TypeUInt64 ? formatNumber(value.payload.integer, buffer)
-                                                   : formatNumber(static_cast<long long>(value), buffer));
+    /** The place of a container in the tree. */
+    struct Place {
+        std::size_t pathLength;  ///< of the keys that lead to it, each with a dot behind it
+        unsigned level;          ///< of its members, the root's being 1
+        bool writable;           ///< whether all those keys can be written
+    };
+
+    /** Calls @p visit with every entry, those with an index first, as long as it gives true. */
+    template <class Visit>
+    static bool forEachEntry(const Container& container, Visit visit) {
+        return forEachOf(container.entries(0LL), visit) &&
+               forEachOf(container.entries(std::string_view()), visit);
+    }
+    template <class Entries, class Visit>
+    static bool forEachOf(const Entries& entries, Visit visit) {
+        for (std::size_t number = 0; number < entries.blockCount(); ++number) {
+            for (const auto& entry : entries.block(number)) {
+                if (!visit(*entry.member)) return false;
+            }
         }
-        appendSeparator(lineSeparator);
         return true;
     }
 
-    void appendSeparator(const std::string& separator) {
+    /** Adds up what the lines below a container can take; false when they are too deep. */
+    bool measure(const Container& container, Place place) {
+        if (place.level > maxComponents) return false;
+        longestPath = std::max(longestPath, place.pathLength);
+        return forEachEntry(container, [&](const auto& member) {
+            const Variant& value = member.value;
+            const std::size_t length = place.pathLength + longestKey(member);
+            if (value.isContainer()) {
+                const Container* child = value.members();
+                return child == nullptr || measure(*child, {length + 1, place.level + 1, true});
+            }
+            mostBytes += length + keySeparator.size() + lineSeparator.size() +
+                         (value.type == TypeString ? value.payload.text.size() : numberBufferSize);
+            return true;
+        });
+    }
+    static std::size_t longestKey(const NamedMember& member) { return member.keyLength; }
+    static std::size_t longestKey(const IndexedMember& /*member*/) { return numberBufferSize; }
+
+    /** Writes the lines below a container; the end of what is written, or null when they are refused. */
+    char* writeMembers(char* to, const Container& container, Place place) {
+        const bool written = forEachEntry(container, [&](const auto& member) {
+            const Variant& value = member.value;
+            if (!mayHaveLines(value)) return true;
+            if (value.isContainer()) {
+                char* const key = path.data() + place.pathLength;
+                bool writable = place.writable;
+                char* const end = writeKey(key, container, member, place, writable);
+                *end = '.';
+                const auto length = static_cast<std::size_t>(end + 1 - path.data());
+                to = writeMembers(to, *value.members(), {length, place.level + 1, writable});
+                return to != nullptr;
+            }
+            bool writable = place.writable;
+            to = copyPath(to, place.pathLength);
+            to = writeKey(to, container, member, place, writable);
+            to = copySeparator(to, keySeparator);
+            to = writeValue(to, value, writable);
+            to = copySeparator(to, lineSeparator);
+            return writable;
+        });
+        return written ? to : nullptr;
+    }
+
+    static bool mayHaveLines(const Variant& value) {
+        return value.isContainer() ? value.payload.container != nullptr : value.type != TypeNull;
+    }
+
+    char* copyPath(char* to, std::size_t length) const {
+        for (std::size_t done = 0; done < length; done += sizeof(Word))
+            std::memcpy(to + done, path.data() + done, sizeof(Word));
+        return to + length;
+    }
+
+    static char* copySeparator(char* to, const std::string& separator) {
         if (separator.size() == 1) {
-            text.push_back(separator[0]);  // far less work than append()
-        } else {
-            text.append(separator);
+            *to = separator[0];
+            return to + 1;
         }
+        return to + separator.copy(to, separator.size());
     }
 
-    bool isWritableKey(std::string_view key) const {
-        for (const char byte : key) {  // find_first_of would call a function for each byte
-            if (byte == '=' || byte == '.' || byte == '\n') return false;
+    char* writeKey(char* to, const Container& /*container*/, const NamedMember& member, Place place,
+                   bool& writable) const {
+        writable =
+            copyKey(to, member) && writable && !(place.level == 1 && member.keyLength > 0 && *to == '#');
+        if (ownSeparators) checkOwn(member.key(), true, writable);
+        return to + member.keyLength;
+    }
+
+    /** Here the key is refused when it is a text key's too. */
+    char* writeKey(char* to, const Container& container, const IndexedMember& member, Place /*place*/,
+                   bool& writable) const {
+        char* const end = formatNumber(member.index, to);
+        const std::string_view key(to, static_cast<std::size_t>(end - to));
+        const Variant* twin = container.find(key);
+        if (twin != nullptr && mayHaveLines(*twin)) writable = false;
+        if (ownSeparators) checkOwn(key, true, writable);
+        return end;
+    }
+
+    char* writeValue(char* to, const Variant& value, bool& writable) const {
+        if (value.type == TypeString) {
+            const std::string& text = value.payload.text;
+            writable = copyValue(to, text) && writable;
+            if (ownSeparators) checkOwn(text, false, writable);
+            return to + text.size();
         }
-        return !ownSeparators || (!contains(key, keySeparator) && !contains(key, lineSeparator));
+        if (value.type == TypeDouble) return formatNumber(value.payload.real, to);
+        if (value.type == TypeUInt64) return formatNumber(value.payload.integer, to);
+        return formatNumber(static_cast<std::int64_t>(value.payload.integer), to);
     }
 
-    bool isWritableValue(std::string_view value) const {
-        if (value.find('\n') != std::string_view::npos || (!value.empty() && value.back() == '\r'))
-            return false;
-        return !ownSeparators || !contains(value, lineSeparator);
-    }
-
-    static bool contains(std::string_view text, const std::string& separator) {
-        return !separator.empty() && text.find(separator) != std::string_view::npos;
+    /** Refuses a text that holds a separator of the caller's. */
+    void checkOwn(std::string_view text, bool isKey, bool& writable) const {
+        const auto holds = [text](const std::string& separator) {
+            return !separator.empty() && text.find(separator) != std::string_view::npos;
+        };
+        if (holds(lineSeparator) || (isKey && holds(keySeparator))) writable = false;
     }
 
     const std::string& keySeparator;
     const std::string& lineSeparator;
     const bool ownSeparators;
-    std::string path;  ///< the key of the container being written, with a dot behind it
+    std::size_t mostBytes = 0;
+    std::size_t longestPath = 0;
+    std::string path;  ///< begins with the path of the container being written
 };
 
 bool Variant::FromKVP(const std::string& text, bool /*reserved*/, bool valuesAsStrings, bool /*reserved2*/) {
@@ -245,10 +371,7 @@ bool Variant::FromKVPFile(const std::string& path, bool reserved, bool valuesAsS
 bool Variant::ToKVP(std::string& text, const std::string& keySeparator,
                     const std::string& lineSeparator) const {
     if (type != TypeNull && !isContainer()) return false;
-    KeyValueWriter writer(keySeparator, lineSeparator);
-    if (!writer.writeMembers(*this, 1)) return false;
-    text = std::move(writer.text);
-    return true;
+    return KeyValueWriter(keySeparator, lineSeparator).write(*this, text);
 }
 
 }  // namespace korvo::variant
