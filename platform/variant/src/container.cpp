@@ -105,7 +105,7 @@ void MemberPool::shrink() {
 
 NamedMember* Container::newMember(std::string_view key) {
     const std::size_t size = NamedMember::sizeFor(key.size());
-    char* memory = static_cast<char*>(pool.allocate(size));
+    char* const memory = static_cast<char*>(pool.allocate(size));
     if (!key.empty()) {
         std::memset(memory + size - sizeof(NamedMember::KeyWord), 0, sizeof(NamedMember::KeyWord));
         std::memcpy(memory + sizeof(NamedMember), key.data(), key.size());
@@ -117,20 +117,33 @@ IndexedMember* Container::newMember(long long index) {
     return ::new (pool.allocate(sizeof(IndexedMember))) IndexedMember{Variant(), index};
 }
 
+// Apart from insertInto(), so that finding a member needs next to no stack.
+
+/** Adds a member whose key is greater than all others. */
+template <class Entries, class Key, class Rank>
+__attribute__((noinline)) Variant& Container::append(Entries& entries, Key key, Rank rank) {
+    auto* member = newMember(key);
+    entries.append({rank, member});
+    return member->value;
+}
+
+/** Adds a member whose key is not there. */
 template <class Entries, class Key>
-Variant& Container::insertInto(Entries& entries, Key key) {
+__attribute__((noinline)) Variant& Container::add(Entries& entries, Key key) {
     const typename Entries::Key wanted(key);
-    // Texts and declarations mostly come in order, so the end is tried before searching.
-    if (entries.endsBefore(wanted)) {
-        auto* member = newMember(key);
-        entries.append({wanted.rank(), member});
-        return member->value;
-    }
     const auto position = entries.lowerBound(wanted);
-    if (const auto* entry = entries.at(position, wanted)) return entry->member->value;
     auto* member = newMember(key);
     entries.insert(position, {wanted.rank(), member});
     return member->value;
+}
+
+template <class Entries, class Key>
+Variant& Container::insertInto(Entries& entries, Key key) {
+    const typename Entries::Key wanted(key);
+    // Texts and declarations mostly come in order.
+    if (entries.endsBefore(wanted)) return append(entries, key, wanted.rank());
+    const auto* entry = entries.find(wanted);
+    return entry != nullptr ? entry->member->value : add(entries, key);
 }
 
 Variant& Container::insert(std::string_view key) {

@@ -65,11 +65,11 @@ struct NamedEntry {
             if (size > sizeof(std::uint32_t)) {
                 // The first four bytes and the last four, which overlap.
                 const std::uint64_t first = load<std::uint32_t>(name.data());
-                const std::uint64_t last = load<std::uint32_t>(name.data() + size - 4);
+                const std::uint64_t last = load<std::uint32_t>(name.data() + size - sizeof(std::uint32_t));
                 return static_cast<std::uintptr_t>(first << 32 | (last << (64 - 8 * size) & 0xffffffff));
             }
             std::uintptr_t bytes = 0;
-            for (std::size_t i = 0; i < size; ++i) bytes = bytes << 8 | static_cast<unsigned char>(name[i]);
+            for (const char byte : name) bytes = bytes << 8 | static_cast<unsigned char>(byte);
             return size == 0 ? 0 : bytes << 8 * (sizeof bytes - size);
         }
     };
@@ -241,6 +241,10 @@ class Container {
     ~Container() = default;
     NamedMember* newMember(std::string_view key);
     IndexedMember* newMember(long long index);
+    template <class Entries, class Key, class Rank>
+    Variant& append(Entries& entries, Key key, Rank rank);
+    template <class Entries, class Key>
+    Variant& add(Entries& entries, Key key);
     template <class Entries, class Key>
     Variant& insertInto(Entries& entries, Key key);
     template <class Entries, class Key>

@@ -16,9 +16,10 @@ namespace korvo::variant {
  * const Key&)`, `static bool equals(const Entry&, const Key&)` for entries whose rank is the key's; so has its
  * Key `rank()`.
  */
-template <class Entry>
+template <class EntryType>
 class SortedEntries {
   public:
+    using Entry = EntryType;
     using Key = typename Entry::Key;
     using Block = std::vector<Entry>;
 
@@ -33,13 +34,28 @@ class SortedEntries {
     const Block& block(std::size_t number) const { return number == 0 ? head : tail[number - 1]; }
     const Entry& last() const { return block(blockCount() - 1).back(); }
 
-    /** Whether all entries are less than @p key, so that it can be appended. */
-    bool endsBefore(const Key& key) const { return count == 0 || less(last(), key); }
+    /** Whether all entries are less than @p key. */
+    bool endsBefore(const Key& key) const {
+        const Block& entries = block(tail.size());
+        return entries.empty() || less(entries.back(), key);
+    }
+
+    /** The entry with @p key; null when there is none. */
+    const Entry* find(const Key& key) const {
+        const Block& entries = tail.empty() ? head : block(findBlock(key));
+        const Entry* const end = entries.data() + entries.size();
+        const Entry* const found = rankBound(entries, key.rank());
+        if (found == end || found->rank() != key.rank()) return nullptr;
+        return Entry::equals(*found, key) ? found : findOfRank(found, end, key);
+    }
 
     /** Where the entry with @p key stands or would stand. */
-    Position lowerBound(const Key& key) const {
+    Position lowerBound(Key key) const {
         const std::size_t number = tail.empty() ? 0 : findBlock(key);
-        return {number, search(block(number), key)};
+        const Block& entries = block(number);
+        const Entry* const begin = rankBound(entries, key.rank());
+        const Entry* const found = std::lower_bound(begin, entries.data() + entries.size(), key, less);
+        return {number, static_cast<std::size_t>(found - entries.data())};
     }
 
     /** The entry with @p key, which stands at @p position if anywhere; null when there is none. */
@@ -50,12 +66,10 @@ class SortedEntries {
         return equals(entry, key) ? &entry : nullptr;
     }
 
-    /** The entry with @p key; null when there is none. */
-    const Entry* find(const Key& key) const { return at(lowerBound(key), key); }
-
     /** Adds an entry behind all others. When memory fails, nothing has changed. */
     void append(const Entry& entry) {
-        if (count > 0 && block(tail.size()).size() == blockCapacity) {
+        if (block(tail.size()).size() == blockCapacity) {
+            // A full block stays behind.
             Block next;
             next.reserve(blockCapacity);
             tail.push_back(std::move(next));
@@ -130,28 +144,28 @@ class SortedEntries {
     }
 
     /**
-     * The offset of the first entry that is not less than @p key. The ranks are searched first, in a loop
-     * without a branch that the processor would have to guess; few keys share one.
+     * The first entry of a block whose rank is not less: few keys share one, and ranks are compared in a loop
+     * without a branch that the processor would have to guess.
      */
-    static std::size_t search(const Block& entries, const Key& key) {
-        const Entry* const begin = entries.data();
-        const Entry* const end = begin + entries.size();
-        const auto rank = key.rank();
-        const Entry* first = begin;
+    template <class Rank>
+    static const Entry* rankBound(const Block& entries, Rank rank) {
+        const Entry* first = entries.data();
         for (std::size_t left = entries.size(); left > 0;) {
             const std::size_t half = (left + 1) / 2;
             first += first[half - 1].rank() < rank ? half : 0;
             left -= half;
         }
-        if (first != end && first->rank() == rank && Entry::less(*first, key)) {
-            const auto isLess = [](const Entry& entry, const Key& wanted) { return less(entry, wanted); };
-            first = std::lower_bound(first + 1, end, key, isLess);
-        }
-        return static_cast<std::size_t>(first - begin);
+        return first;
+    }
+
+    /** The entry with @p key among those from @p begin on; null when there is none. */
+    __attribute__((noinline)) static const Entry* findOfRank(const Entry* begin, const Entry* end, Key key) {
+        const Entry* const found = std::lower_bound(begin, end, key, less);
+        return found != end && equals(*found, key) ? found : nullptr;
     }
 
     /** The last block whose first entry is not greater than @p key, or the first block. */
-    std::size_t findBlock(const Key& key) const {
+    __attribute__((noinline)) std::size_t findBlock(Key key) const {
         const auto startsBefore = [](const Block& entries, const Key& wanted) {
             return less(entries.front(), wanted) || equals(entries.front(), wanted);
         };

@@ -209,9 +209,9 @@ void Variant::IsArray(bool array) noexcept {
     type = array ? TypeArray : TypeMap;
 }
 
-/** Adds a member to a value that has none yet. */
+/** Adds a member to a value that has none yet. Rare, so it is kept out of the way of finding a member. */
 template <class Key>
-Variant& Variant::firstMember(Key key, VariantType typeWhenNone) {
+__attribute__((noinline)) Variant& Variant::firstMember(Key key, VariantType typeWhenNone) {
     // A text may be asked for the member named by that very text, so it lives on until the member is there.
     Variant old;
     if (!isContainer()) {
