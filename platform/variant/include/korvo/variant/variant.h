@@ -123,19 +123,18 @@ inline constexpr bool isNumber<T, std::void_t<decltype(NumberTag<T>::tag)>> = tr
 template <class T>
 inline constexpr bool isKeyNumber = std::is_integral<T>::value && !std::is_same<T, bool>::value;
 
-/** The types of characters, which no value turns into unasked: a string would be made of one. */
-template <class T>
-inline constexpr bool isCharacter = std::is_same<T, char>::value || std::is_same<T, wchar_t>::value ||
-#ifdef __cpp_char8_t
-                                    std::is_same<T, char8_t>::value ||
-#endif
-                                    std::is_same<T, char16_t>::value || std::is_same<T, char32_t>::value;
-
 /** Whether each number of the underlying type is a value of the enumeration: it was declared with that type. */
 template <class T, class = void>
 inline constexpr bool isFixedEnumeration = false;
 template <class T>
-inline constexpr bool isFixedEnumeration<T, std::void_t<decltype(T{0})>> = std::is_enum<T>::value;
+inline constexpr bool
+    isFixedEnumeration<T, std::enable_if_t<std::is_enum<T>::value, std::void_t<decltype(T{0})>>> = true;
+
+template <class T>
+inline constexpr bool isNamedConversion = (std::is_arithmetic<T>::value && isNumber<T>) ||
+                                          isFixedEnumeration<T> || std::is_same<T, std::string>::value
+                                          || std::is_same<T, std::string_view>::value
+                                          || std::is_same<T, const char*>::value;
 
 /** What a value is compared with by its number or text; a type tag would be taken for a number. */
 template <class T>
@@ -408,12 +407,21 @@ class KORVO_VARIANT_EXPORT Variant {
     /** @name Conversions (table at the top of this file)
      * @{ */
     operator VariantType() const noexcept { return type; }
-    template <class Number, std::enable_if_t<std::is_arithmetic<Number>::value && detail::isNumber<Number> &&
-                                                 !detail::isCharacter<Number>,
-                                             int> = 0>
-    operator Number() const noexcept {
-        return As<Number>();
-    }
+    // No template: compilers overlook one where they look for what an expression could mean, and then guess.
+    operator bool() const noexcept { return As<bool>(); }
+    operator signed char() const noexcept { return As<signed char>(); }
+    operator unsigned char() const noexcept { return As<unsigned char>(); }
+    operator short() const noexcept { return As<short>(); }
+    operator unsigned short() const noexcept { return As<unsigned short>(); }
+    operator int() const noexcept { return As<int>(); }
+    operator unsigned int() const noexcept { return As<unsigned int>(); }
+    operator long() const noexcept { return As<long>(); }
+    operator unsigned long() const noexcept { return As<unsigned long>(); }
+    operator long long() const noexcept { return As<long long>(); }
+    operator unsigned long long() const noexcept { return As<unsigned long long>(); }
+    operator float() const noexcept { return As<float>(); }
+    operator double() const noexcept { return As<double>(); }
+    operator long double() const noexcept { return As<long double>(); }
     operator const char*() const noexcept;  ///< valid until the value is changed; never null
     operator const std::string&() const noexcept;
     /** @} */
@@ -424,7 +432,7 @@ class KORVO_VARIANT_EXPORT Variant {
      * fixed underlying type, VariantType for the type tag, std::string, std::string_view or const char*. Views
      * and pointers are valid until the value is changed.
      */
-    template <class T>
+    template <class T, std::enable_if_t<detail::isNamedConversion<T>, int> = 0>
     T As() const {
         if constexpr (std::is_same<T, VariantType>::value) {
             return type;
@@ -432,16 +440,13 @@ class KORVO_VARIANT_EXPORT Variant {
             return toBool();
         } else if constexpr (std::is_floating_point<T>::value) {
             return detail::narrowed<T>(toReal());
-        } else if constexpr (detail::isNumber<T> && std::is_integral<T>::value) {
+        } else if constexpr (std::is_integral<T>::value) {
             return static_cast<T>(toInteger(std::numeric_limits<T>::digits, std::is_signed<T>::value));
-        } else if constexpr (detail::isFixedEnumeration<T>) {
+        } else if constexpr (std::is_enum<T>::value) {
             return static_cast<T>(As<std::underlying_type_t<T>>());
         } else if constexpr (std::is_same<T, const char*>::value) {
             return static_cast<const char*>(*this);
         } else {
-            static_assert(
-                std::is_same<std::decay_t<T>, std::string>::value || std::is_same<T, std::string_view>::value,
-                "no value can be had as this type");
             return T(static_cast<const std::string&>(*this));
         }
     }
