@@ -51,26 +51,43 @@ bool isWhole(double value) {
     return value >= -limit && value < limit && std::trunc(value) == value;
 }
 
-Variant convertFraction(const std::string& text) {
+/** Stores a text with a "." in it, which is a double, or a long long that is the same number, or no number. */
+void storeFraction(const std::string& text, Variant& target) {
     const char* end = nullptr;
     const double value = utils::toDouble(text.c_str(), &end);
-    if (end != text.c_str() + text.size()) return Variant(text);
-    return isWhole(value) ? Variant(static_cast<long long>(value)) : Variant(value);
+    if (end != text.c_str() + text.size()) {
+        target = text;
+    } else if (isWhole(value)) {
+        target = static_cast<long long>(value);
+    } else {
+        target = value;
+    }
 }
 
-Variant convertInteger(const std::string& text) {
-    // Newer C libraries read 0b11 as binary.
-    if (text.find_first_of("bB") == text.find_first_not_of("+-") + 1) return Variant(text);
+/** Stores a text without a ".", which is an integer or no number. */
+void storeInteger(const std::string& text, Variant& target) {
     char* end = nullptr;
     const long long value = std::strtoll(text.c_str(), &end, 0);
-    if (end != text.c_str() + text.size()) return Variant(text);
-    return text[0] == '-' ? Variant(value) : Variant(static_cast<unsigned long long>(value));
+    // Newer C libraries read 0b11 as binary.
+    const bool isBinary = text.find_first_of("bB") == text.find_first_not_of("+-") + 1;
+    if (isBinary || end != text.c_str() + text.size()) {
+        target = text;
+    } else if (text[0] == '-') {
+        target = value;
+    } else {
+        target = static_cast<unsigned long long>(value);
+    }
 }
 
-/** An option's value from its text, which is not empty: a number where written like one, else a string. */
-Variant convertValue(const std::string& text) {
-    if (text.find_first_not_of("-+.x0123456789abcdefABCDEF") != std::string::npos) return Variant(text);
-    return text.find('.') != std::string::npos ? convertFraction(text) : convertInteger(text);
+/** Stores an option's value from its text, which is not empty: a number where written like one, else a string. */
+void storeValue(const std::string& text, Variant& target) {
+    if (text.find_first_not_of("-+.x0123456789abcdefABCDEF") != std::string::npos) {
+        target = text;
+    } else if (text.find('.') != std::string::npos) {
+        storeFraction(text, target);
+    } else {
+        storeInteger(text, target);
+    }
 }
 
 /** What parsing needs of a declaration; the pointers are null when there is none. */
@@ -80,7 +97,7 @@ struct Declaration {
 };
 
 /** The declaration that an argument's name, with its dashes, stands for. */
-Declaration findDeclaration(const Variant& definitions, const std::string& name) {
+Declaration findDeclaration(Variant& definitions, const std::string& name) {
     std::string path;
     if (name.compare(0, 2, "--") == 0) {
         path = "byLongName/" + name.substr(2);
@@ -90,7 +107,7 @@ Declaration findDeclaration(const Variant& definitions, const std::string& name)
         return {};
     }
     // A long name with "/" in it leads into the declarations; only a whole declaration counts.
-    const Variant* found = definitions.GetKeyChain(TypeMap, path.c_str(), false);
+    Variant* found = definitions.GetKeyChain(TypeMap, path.c_str(), false);
     if (found == nullptr) return {};
     return {found->GetKeyChain(TypeString, "longName", false),
             found->GetKeyChain(TypeAny, "defaultValue", false)};
@@ -107,7 +124,7 @@ Variant canonicalPath(const char* program) {
 }
 
 /** Stores the option that one argument gives; false when it matches no declaration. */
-bool parseOption(const std::string& argument, const Variant& definitions, Variant& result) {
+bool parseOption(const std::string& argument, Variant& definitions, Variant& result) {
     const std::size_t equals = argument.find('=');
     const Declaration declaration = findDeclaration(definitions, argument.substr(0, equals));
     if (declaration.longName == nullptr || declaration.defaultValue == nullptr) return false;
@@ -116,7 +133,7 @@ bool parseOption(const std::string& argument, const Variant& definitions, Varian
     if (equals == std::string::npos || equals + 1 == argument.size()) {
         target = *declaration.defaultValue;
     } else {
-        target = convertValue(argument.substr(equals + 1));
+        storeValue(argument.substr(equals + 1), target);
     }
     return true;
 }

@@ -171,7 +171,7 @@ bool isContainer(const Variant& node) {
 }
 
 /** Whether a node can have a member of that name and still be written. */
-bool canHold(const Variant& node, const std::string& name) {
+bool canHold(Variant& node, const std::string& name) {
     if (!isContainer(node)) return static_cast<VariantType>(node) == TypeNull;
     // In a tree that a host filled, an indexed member may have a line of that name already.
     const long long index = std::strtoll(name.c_str(), nullptr, 10);

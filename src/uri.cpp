@@ -189,7 +189,7 @@ class UriParser {
     /** False, with the error logged, when the text is no URI. */
     bool parse();
 
-    /** Stores every member. To be called once: texts that were made are moved. */
+    /** Stores every member. To be called once, since each is moved from a text of its own. */
     void store(URI& uri);
 
   private:
@@ -198,8 +198,7 @@ class UriParser {
     bool splitHostAndPort(std::string_view hostAndPort);
     void splitPath();
     std::size_t documentBegin() const;
-    std::string fullUri() const;
-    std::string documentWithParameters() const;
+    void joinAgain();
     Variant parameters() const;
 
     std::string untrimmed;
@@ -213,9 +212,12 @@ class UriParser {
     unsigned short port = 0;
     bool portSpecified = false;
     std::string pathAndQuery = "/";
-    std::string_view path;  ///< points into pathAndQuery
+    std::string path;
     std::string query;
-    std::size_t documentAt = 0;  ///< where in the path the document begins
+    std::string documentPath;
+    std::string document;
+    std::string documentWithParameters;
+    std::string withoutUserInfo;
 };
 
 bool UriParser::parse() {
@@ -232,6 +234,7 @@ bool UriParser::parse() {
         return KORVO_URI_ERROR("Invalid URI. No port specified and the schema `%s` is unknown",
                                schema.c_str());
     }
+    joinAgain();
     return true;
 }
 
@@ -281,7 +284,9 @@ void UriParser::splitPath() {
     path = before;
     query = behind;
     utils::trim(query);
-    documentAt = documentBegin();
+    const std::size_t documentAt = documentBegin();
+    documentPath.assign(path, 0, documentAt);
+    document.assign(path, documentAt);
 }
 
 std::size_t UriParser::documentBegin() const {
@@ -289,11 +294,11 @@ std::size_t UriParser::documentBegin() const {
     if (schema.compare(0, 4, "rtmp") == 0) {
         // A stream name such as mp4:folder/clip.mp4 is one document, slashes and all.
         const std::size_t colon = path.find(':');
-        const std::size_t before = colon != std::string_view::npos ? path.rfind('/', colon) : colon;
-        if (before != std::string_view::npos) slash = before;
+        const std::size_t before = colon != std::string::npos ? path.rfind('/', colon) : colon;
+        if (before != std::string::npos) slash = before;
     }
     // The first character belongs to the folder, whatever it is.
-    return slash == std::string_view::npos ? std::min<std::size_t>(path.size(), 1) : slash + 1;
+    return slash == std::string::npos ? std::min<std::size_t>(path.size(), 1) : slash + 1;
 }
 
 Variant UriParser::parameters() const {
@@ -308,32 +313,29 @@ Variant UriParser::parameters() const {
     return map;
 }
 
-std::string UriParser::fullUri() const {
-    if (locationBegin == schemaEnd) return untrimmed;
-    std::string withoutUserInfo;
-    withoutUserInfo.reserve(text.size());
-    return withoutUserInfo.append(text, 0, schemaEnd).append(text, locationBegin);
-}
-
-std::string UriParser::documentWithParameters() const {
-    const std::string_view document = path.substr(documentAt);
-    std::string whole;
-    whole.reserve(document.size() + 1 + query.size());
-    whole = document;
-    if (!query.empty()) whole.append(1, '?').append(query);
-    return whole;
+/** Makes the texts that leave out a part in the middle. */
+void UriParser::joinAgain() {
+    documentWithParameters.reserve(document.size() + 1 + query.size());
+    documentWithParameters = document;
+    if (!query.empty()) documentWithParameters.append(1, '?').append(query);
+    if (locationBegin == schemaEnd) {
+        withoutUserInfo = untrimmed;
+    } else {
+        withoutUserInfo.reserve(text.size());
+        withoutUserInfo.append(text, 0, schemaEnd).append(text, locationBegin);
+    }
 }
 
 void UriParser::store(URI& uri) {
     Variant parameterMap = parameters();
     // In the order of the keys, in which a map grows fastest.
-    uri.document(std::string(path.substr(documentAt)));
-    uri["documentPath"] = std::string(path.substr(0, documentAt));
-    uri.documentWithFullParameters(documentWithParameters());
-    uri["fullDocumentPath"] = std::string(path);
+    uri.document(std::move(document));
+    uri["documentPath"] = std::move(documentPath);
+    uri.documentWithFullParameters(std::move(documentWithParameters));
+    uri["fullDocumentPath"] = std::move(path);
     uri["fullDocumentPathWithParameters"] = std::move(pathAndQuery);
     uri["fullParameters"] = std::move(query);
-    uri["fullUri"] = fullUri();
+    uri["fullUri"] = std::move(withoutUserInfo);
     uri["fullUriWithAuth"] = std::move(untrimmed);
     uri.host(std::move(host));
     uri.originalUri(std::move(text));
