@@ -98,6 +98,9 @@ TEST(FailingMemory, LeavesValuesWhole) {
 void useAllButTheStore() {
     Variant value, options, result;
     for (int i = 0; i < 300; ++i) value["member number " + std::to_string(i)][i] = longText;
+    for (int i = 0; i < 300; i += 2) (void)value.Remove("member number " + std::to_string(i));
+    value.Compact();
+    value["again"][-1] = std::string_view(longText);
     std::string written;
     (void)value.FromKVP("a.b=" + longText + "\na.c=2.5\n", true, false, true);
     (void)value.ToKVP(written, "=", "\n");
@@ -110,6 +113,24 @@ void useAllButTheStore() {
     const char* arguments[] = {"./program", "-p", "-p=2.5", longText.c_str()};
     ParseCommandLine(4, arguments, options, result);
     (void)CameraInfo().Init();
+}
+
+TEST(FailingMemory, CompactGivesBackWhatRemovedMembersTook) {
+    Variant value;
+    const auto objectsFor = [&](int members) {
+        liveObjects = 0;
+        allocationsLeft = 1000000;
+        counting = true;
+        for (int i = 0; i < 10000; ++i) value["member number " + std::to_string(i)] = i;
+        for (int i = members; i < 10000; ++i) value.Remove("member number " + std::to_string(i));
+        const long before = liveObjects;
+        value.Compact();
+        counting = false;
+        return std::pair(before, liveObjects);
+    };
+    const auto [before, after] = objectsFor(10);
+    EXPECT_TRUE(before > 100 && after < 20) << before << ", then " << after;
+    EXPECT_TRUE(value.Size() == 10 && value["member number 9"] == 9);
 }
 
 TEST(FailingMemory, LeavesNoLeakOfValuesUrisCommandLinesAndDeviceInformation) {

@@ -63,6 +63,12 @@ TEST(KeyValueText, WritesEveryTypeAndLeavesOutWhatHasNoText) {
         tree["inf"] = std::numeric_limits<double>::infinity();
         tree["null"] = Variant();
         tree["none"].IsArray(true);
+        // What has no line may have any key.
+        tree["a=b"] = tree["#"] = tree["int8"]["."] = Variant();
+        tree["int8"] = static_cast<signed char>(-8);
+        tree["a.b"].IsArray(false);
+        tree["bool"]["10"] = tree["bool"]["9"]["none"] = Variant();
+        tree["bool"]["9"].Remove("none");
         EXPECT_EQ(exported(tree), "bool.0=1\nbool.9=nine\nbool.10=0\ndouble=1.0\ninf=inf\nint8=-8\n");
         EXPECT_EQ(exported(Variant()), "");
     });
@@ -78,13 +84,16 @@ TEST(KeyValueText, DoesNotWriteWhatWouldReadBackAsAnotherTree) {
     Variant twice;
     twice["x"][1] = "index";
     twice["x"]["1"] = "text";
-    for (const Variant& tree : {with("a=b", ""), with("a\nb", ""), with("a.b", ""), with("#a", ""),
-                                with("k", "a\nb"), with("k", "a\r"), twice, Variant(5), Variant("text")})
+    for (const Variant& tree :
+         {with("a=b", ""), with("a\nb", ""), with("a.b", ""), with("#a", ""), with("k", "a\nb"),
+          with("k", "a\r"), with("long key that goes on.", ""),
+          with("k", "a text of some length\nand more of it"), twice, Variant(5), Variant("text")})
         EXPECT_EQ(exported(tree), "refused");
     std::string text = "untouched";
     EXPECT_FALSE(with("k", "a;b").ToKVP(text, ": ", ";") || with("a: b", "").ToKVP(text, ": ", ";"));
     EXPECT_EQ(text, "untouched");
     EXPECT_TRUE(with("k", "a: b").ToKVP(text, ": ", ";") && text == "k: a: b;ok: 1;") << text;
+    EXPECT_TRUE(with("k", "v").ToKVP(text, "", "") && text == "kvok1") << text;
 }
 
 }  // namespace

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <map>
 #include <numeric>
 #include <random>
+#include <set>
 #include <sstream>
 
 #include "support/cases.h"
@@ -115,6 +117,78 @@ TEST(Variant, ReferencesStayValidWhileMembersAreAddedMovedAndCompacted) {
         EXPECT_TRUE(member->first == count && member->second == Variant(count));
     EXPECT_EQ(count, 1000);
     EXPECT_EQ(std::distance(moved.begin(), moved.end()), count);
+}
+
+/** A key out of so many, short or long, many of which begin alike. */
+std::string keyNumber(unsigned number) {
+    return std::string(number % 7, 'k') + std::to_string(number) + std::string(number % 40, 'x');
+}
+
+TEST(Variant, RemovesWhatItIsToldToAndNothingElse) {
+    constexpr unsigned keys = 600;
+    std::mt19937 random(1);
+    Variant value;
+    std::map<std::string, std::pair<unsigned, Variant*>> named;
+    std::map<long long, std::pair<unsigned, Variant*>> indexed;
+    const auto toggle = [&](auto& expected, const auto& key, unsigned number) {
+        const bool isThere = expected.count(key) > 0;
+        EXPECT_TRUE(value.Contains(key) == isThere && value.Remove(key) == isThere && !value.Contains(key));
+        if (isThere) {
+            expected.erase(key);
+        } else {
+            Variant& member = value[key] = number;
+            expected[key] = {number, &member};
+        }
+    };
+    for (unsigned round = 0; round < 40000; ++round) {
+        // Mostly growing and mostly shrinking by turns, so that blocks split, merge and end.
+        const unsigned number = static_cast<unsigned>(random()) % (round / 5000 % 2 == 0 ? keys : keys / 8);
+        toggle(named, keyNumber(number), round);
+        toggle(indexed, 2 * static_cast<long long>(number) - keys, round);
+        if (round % 1000 == 0) value.Compact();
+        if (round % 100 != 0) continue;
+        const Variant copy = value;
+        ASSERT_TRUE(copy == value && value.Size() == named.size() + indexed.size());
+        auto member = value.begin();
+        for (const auto& [key, expected] : named) {
+            ASSERT_TRUE(member->first == key && &member->second == expected.second);
+            ASSERT_EQ(member->second, expected.first);
+            ++member;
+        }
+        auto element = value.num_begin();
+        for (const auto& [key, expected] : indexed) {
+            ASSERT_TRUE(element->first == key && &element->second == expected.second);
+            ASSERT_EQ(element->second, expected.first);
+            ++element;
+        }
+    }
+}
+
+TEST(Variant, UsesTheMemoryOfRemovedMembersAgain) {
+    Variant value;
+    value["stays"] = 1;
+    std::vector<std::string> keys;
+    for (unsigned number = 0; number < 280; ++number) keys.push_back(keyNumber(number));
+    std::set<const Variant*> places;
+    int removed = 0;
+    for (unsigned round = 0; round < 1000000; ++round) {
+        places.insert(&value[keys[round % 280]]);
+        removed += value.Remove(keys[(round + 260) % 280]) ? 1 : 0;
+    }
+    EXPECT_TRUE(removed == 1000000 - 20 && value.Size() == 21);
+    EXPECT_LT(places.size(), 200);
+}
+
+TEST(Variant, TheLastMemberLeavesAnEmptyContainerOfTheSameKind) {
+    Variant map, array;
+    map["text"] = longText;
+    EXPECT_TRUE(map.Remove(static_cast<const std::string&>(map["text"] = "text")));
+    array[7] = 7;
+    array[-1] = sampleTree();
+    EXPECT_TRUE(array.Remove(8) && array.Remove(7) && !array.Remove(7));
+    EXPECT_TRUE(VariantType(map) == TypeMap && map.Size() == 0 && map.begin() == map.end());
+    array[-1] = "first again";
+    EXPECT_EQ(test::shown(array), "1012 0=first again");
 }
 
 TEST(Variant, OrdersKeysByBytes) {

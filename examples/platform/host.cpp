@@ -1,4 +1,4 @@
-// Uses each facility once on examples/platform: ./host DEVICE_ROOT
+// A host that uses each facility once on this platform: ./host DEVICE_ROOT
 
 #include <korvo/variant_utils/camerainfo.h>
 #include <korvo/variant_utils/commandline.h>
