@@ -3,7 +3,7 @@
  * The members of a value, in a container of our own. It has to earn that: two std::maps in its place were 390
  * lines and 9 KB of ARM code less when that was last tried, before members could be removed. With them parsing a
  * URI took 1.6 times as long, loading 10,000 keys 2.3 times and copying a tree 1.6 times, because a map asks for
- * memory for each key and each member. Since then finding a member has come to take less than half as long again.
+ * memory for each key and each member. Finding a member takes less than half of what it took then.
  */
 #pragma once
 
