@@ -20,7 +20,7 @@ MemberPool::~MemberPool() {
 
 void MemberPool::reserve(std::size_t size) {
     void* memory = ::operator new(sizeof(Chunk) + size);
-    if (free != nullptr) chunks->end = free;
+    if (chunks != nullptr && free != nullptr) chunks->end = free;
     chunks = ::new (memory) Chunk{chunks, nullptr, 0};
     free = static_cast<char*>(memory) + sizeof(Chunk);
     end = free + size;
@@ -71,7 +71,7 @@ void MemberPool::shrink() {
     if (released == nullptr) return;
     std::vector<Chunk*> sorted;
     for (Chunk* chunk = chunks; chunk != nullptr; chunk = chunk->next) sorted.push_back(chunk);
-    if (free != nullptr) chunks->end = free;
+    if (chunks != nullptr && free != nullptr) chunks->end = free;
     std::sort(sorted.begin(), sorted.end(), std::less<>());
     const auto chunkOf = [&](void* memory) {
         return *std::prev(std::upper_bound(sorted.begin(), sorted.end(), memory, std::less<void*>()));

@@ -31,7 +31,8 @@ char* formatNumber(Number number, char* out) {
     if constexpr (std::is_floating_point<Number>::value) {
         const std::string_view text(out, static_cast<std::size_t>(end - out));
         if (text.find_first_not_of("-0123456789") == std::string_view::npos) {
-            std::memcpy(end, ".0", 2);
+            end[0] = '.';
+            end[1] = '0';
             return end + 2;
         }
     }
