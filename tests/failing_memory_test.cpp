@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <iostream>
 #include <new>
 
 #include "korvo/logger/logger.h"
@@ -109,11 +110,16 @@ void useAllButTheStore() {
     AddParameter(options, 'p', longText.c_str(), longText.c_str(), longText);
     const char* arguments[] = {"./program", "-p", "-p=2.5", longText.c_str()};
     ParseCommandLine(4, arguments, options, result);
+#ifndef __UCLIBC__  // whose regcomp() crashes without memory
     (void)CameraInfo().Init();
+#endif
 }
 
 TEST(FailingMemory, LeavesNoLeakOfValuesUrisCommandLinesAndDeviceInformation) {
     korvo::utils::setDeviceRoot(SAMPLE_DEVICE);
+#ifdef __UCLIBC__
+    std::cout << "left out, as uClibc's regcomp() crashes without memory: device information\n";
+#endif
     failEachAllocation([] {}, useAllButTheStore);
     korvo::utils::setDeviceRoot("");
 }

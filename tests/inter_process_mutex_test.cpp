@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -16,6 +18,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 using test::ChildProcess;
 
 class InterProcessMutexTest : public testing::Test {
@@ -193,7 +196,7 @@ TEST_F(InterProcessMutexTest, BelongsToOneObjectAndRefusesToHangItsThread) {
     // A thread that ended with the lock is not mistaken for a later one, and any other may give it back.
     std::thread([&] { ASSERT_EQ(mutex.acquire(), 0); }).join();
     std::thread next([] { EXPECT_EQ(InterProcessMutex("name", true).acquire(), 0); });
-    ::usleep(20000);
+    std::this_thread::sleep_for(20ms);
     EXPECT_EQ(mutex.release(), 0);
     next.join();
 }
@@ -223,7 +226,7 @@ TEST_F(InterProcessMutexTest, ThreadsTakeTurnsAndAForkAtAnyMomentLeavesTheChildA
 TEST_F(InterProcessMutexTest, WaitsThroughSignalsUntilTheKernelTakesTheLockOfAKilledProcess) {
     ChildProcess child([&](const ChildProcess& self) {
         self.tell(mutex.acquire());
-        ::usleep(200000);
+        std::this_thread::sleep_for(200ms);
         return ::raise(SIGKILL);
     });
     ASSERT_TRUE(child.hear() == 0 && holder() == child.id());
@@ -231,9 +234,10 @@ TEST_F(InterProcessMutexTest, WaitsThroughSignalsUntilTheKernelTakesTheLockOfAKi
     struct sigaction action {};
     action.sa_handler = [](int) { alarms = alarms + 1; };  // without SA_RESTART
     ::sigaction(SIGALRM, &action, nullptr);
-    ::ualarm(10000, 10000);
+    const itimerval every10ms{{0, 10000}, {0, 10000}}, never{};
+    ::setitimer(ITIMER_REAL, &every10ms, nullptr);
     EXPECT_EQ(mutex.acquire(), 0);
-    ::ualarm(0, 0);
+    ::setitimer(ITIMER_REAL, &never, nullptr);
     EXPECT_TRUE(holder() == ::getpid() && alarms > 0) << alarms << " signals interrupted the wait";
 }
 
