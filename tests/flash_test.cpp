@@ -50,11 +50,11 @@ TEST_F(FlashTest, WaitsNeitherForANeighbourNorForAParentThatDied) {
         });
         for (int i = 0; i < 50; ++i) {
             if (::fork() == 0) {  // forked while the thread saves, saves when its parent is dead
-                while (::getppid() == dying) ::usleep(1000);
+                while (::getppid() == dying) std::this_thread::sleep_for(std::chrono::milliseconds(1));
                 self.tell(saveToFlashRaw(false) ? 1 : 0);
                 ::_exit(0);
             }
-            ::usleep(500);
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
         }
         return ::raise(SIGKILL);
     });

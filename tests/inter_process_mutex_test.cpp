@@ -115,13 +115,13 @@ TEST_F(InterProcessMutexTest, NoticesALockFileThatWasRemovedWhileHeldOrWaitedFor
         ::pause();
         return 0;
     });
-    ::usleep(50000);
+    std::this_thread::sleep_for(50ms);
     ASSERT_TRUE(fs::remove(lockFile));
     EXPECT_FALSE(mutex.held());
     ChildProcess successor([this](const ChildProcess& self) {
         const int error = mutex.acquire();
         self.tell(mutex.held() ? error : -1);
-        ::usleep(200000);
+        std::this_thread::sleep_for(200ms);
         return 0;
     });
     EXPECT_TRUE(successor.hear() == 0 && mutex.release() == EPERM && mutex.holder() == successor.id());
@@ -153,7 +153,7 @@ TEST_F(InterProcessMutexTest, TwoNamesInTwoProcessesOfTwoThreadsAreNoDeadlock) {
             InterProcessMutex one(name, true);
             for (int i = 0; i < 500; ++i) {
                 if (one.acquire() != 0) ++failures;
-                if (i % 100 == 0) ::usleep(1000);
+                if (i % 100 == 0) std::this_thread::sleep_for(1ms);
                 if (one.release() != 0) ++failures;
             }
         };
@@ -174,7 +174,7 @@ TEST_F(InterProcessMutexTest, CancelledThreadPassesItsTurnOn) {
         for (;;) ::pause();
     };
     ASSERT_EQ(::pthread_create(&thread, nullptr, wait, nullptr), 0);
-    ::usleep(20000);
+    std::this_thread::sleep_for(20ms);
     ASSERT_TRUE(::pthread_cancel(thread) == 0 && mutex.release() == 0);
     void* result = nullptr;
     ASSERT_TRUE(::pthread_join(thread, &result) == 0 && result == PTHREAD_CANCELED);
