@@ -110,9 +110,12 @@ void useAllButTheStore() {
     AddParameter(options, 'p', longText.c_str(), longText.c_str(), longText);
     const char* arguments[] = {"./program", "-p", "-p=2.5", longText.c_str()};
     ParseCommandLine(4, arguments, options, result);
-#ifndef __UCLIBC__  // whose regcomp() crashes without memory
-    (void)CameraInfo().Init();
+    const bool fails = counting;
+#ifdef __UCLIBC__
+    counting = false;  // its regcomp() crashes without memory
 #endif
+    (void)CameraInfo().Init();
+    counting = fails;
 }
 
 TEST(FailingMemory, LeavesNoLeakOfValuesUrisCommandLinesAndDeviceInformation) {

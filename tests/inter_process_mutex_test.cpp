@@ -111,20 +111,23 @@ TEST_F(InterProcessMutexTest, NoticesALockFileThatWasRemovedWhileHeldOrWaitedFor
     ASSERT_TRUE(mutex.acquire() == 0 && mutex.held());
     ChildProcess waiting([this](const ChildProcess& self) {
         InterProcessMutex waiter("name", true);
+        self.tell(1);
         self.tell(waiter.acquire());
         ::pause();
         return 0;
     });
-    std::this_thread::sleep_for(50ms);
+    ASSERT_EQ(waiting.hear(), 1);
+    std::this_thread::sleep_for(100ms);
     ASSERT_TRUE(fs::remove(lockFile));
-    EXPECT_FALSE(mutex.held());
     ChildProcess successor([this](const ChildProcess& self) {
         const int error = mutex.acquire();
         self.tell(mutex.held() ? error : -1);
         std::this_thread::sleep_for(200ms);
         return 0;
     });
-    EXPECT_TRUE(successor.hear() == 0 && mutex.release() == EPERM && mutex.holder() == successor.id());
+    ASSERT_EQ(successor.hear(), 0);
+    // Asking gives the old file's lock to the one that waits for it.
+    EXPECT_TRUE(!mutex.held() && mutex.release() == EPERM && mutex.holder() == successor.id());
     EXPECT_TRUE(waiting.hear() == 0 && mutex.holder() == waiting.id())
         << "it got a lock that excludes nobody";
     EXPECT_EQ(successor.exitStatus(), 0);
