@@ -39,6 +39,9 @@ TEST_F(FlashTest, MakesTheFolderAndAPrivateCopyAndReplacesItLater) {
 }
 
 TEST_F(FlashTest, WaitsNeitherForANeighbourNorForAParentThatDied) {
+#ifdef __UCLIBC__
+    GTEST_SKIP() << "A child that is forked beside a thread in malloc() hangs in its own, with uClibc.";
+#endif
     root.write("tmp/system.cfg", "a=1\n");
     ASSERT_TRUE(saveToFlashRaw(false));
     const int neighbour = ::open((root.path() / folder).c_str(), O_RDONLY);

@@ -205,6 +205,9 @@ TEST_F(InterProcessMutexTest, BelongsToOneObjectAndRefusesToHangItsThread) {
 }
 
 TEST_F(InterProcessMutexTest, ThreadsTakeTurnsAndAForkAtAnyMomentLeavesTheChildAUsableLock) {
+#ifdef __UCLIBC__
+    GTEST_SKIP() << "A child that is forked beside a thread in malloc() hangs in its own, with uClibc.";
+#endif
     std::atomic<bool> stop{false};
     int counter = 0;  // guarded by nothing but the lock
     int increments[2] = {};
