@@ -1,20 +1,49 @@
 # How every library and program of this project is built.
 
-include(CheckCXXCompilerFlag)
+include(CheckCXXSourceCompiles)
 include(CheckPIESupported)
 
 # Programs are linked as position-independent where the linker can; without the check CMake only compiles them so.
 check_pie_supported(LANGUAGES CXX)
 
-# Hardening that the compiler at hand may lack (cross compilers differ), asked for once.
+# korvo_check_links(VARIABLE PROGRAM [FLAG]): whether the toolchain builds the program, and takes the flag without a warning.
+# What it says of itself, its name and its version, tells less: it may take a flag and lack the function that this calls.
+function(korvo_check_links variable program)
+  set(CMAKE_CXX_STANDARD 17)
+  set(CMAKE_REQUIRED_FLAGS ${ARGN})
+  set(warning)
+  if(ARGN)
+    set(warning FAIL_REGEX "warning:[^\n]*${ARGN}")
+  endif()
+  check_cxx_source_compiles("${program}" ${variable} ${warning})
+endfunction()
+
+# Hardening that the toolchain at hand may lack: the program has what each flag looks after.
 set(KORVO_HARDENING_FLAGS)
 foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection)
   string(MAKE_C_IDENTIFIER "KORVO_HAS${flag}" has)
-  check_cxx_compiler_flag(${flag} ${has})
+  korvo_check_links(${has} "
+    #include <cstdio>
+    int main(int count, char** arguments) {
+      char text[20000];
+      return std::snprintf(text, sizeof text, \"%s\", arguments[count - 1]);
+    }" ${flag})
   if(${has})
     list(APPEND KORVO_HARDENING_FLAGS ${flag})
   endif()
 endforeach()
+
+korvo_check_links(KORVO_HAS_FLOATING_POINT_CHARCONV "
+  #include <charconv>
+  int main(int, char** arguments) {
+    double number = 0.0;
+    std::from_chars(arguments[0], arguments[0] + 1, number);
+    return std::to_chars(arguments[0], arguments[0] + 1, number).ptr == nullptr;
+  }")
+if(NOT KORVO_HAS_FLOATING_POINT_CHARCONV)
+  message(FATAL_ERROR "A standard library with std::from_chars and std::to_chars of double is needed: GCC's has them since "
+    "GCC 11, and on a C library without locale objects, as uClibc mostly is, since GCC 12.")
+endif()
 
 # korvo_build_settings(TARGET): language level, warnings, hardening and 64-bit file offsets of one target.
 function(korvo_build_settings target)

@@ -1,6 +1,5 @@
 #include "korvo/variant_utils/camerainfo.h"
 
-#include <locale.h>
 #include <regex.h>
 
 #include <algorithm>
@@ -147,28 +146,12 @@ bool readFirmwareVersion(Variant& record) {
     return true;
 }
 
-/** Gives the calling thread the "C" locale: in others, [a-z] and [0-9] match more than ASCII. */
-class CLocale {
-  public:
-    CLocale() : locale(::newlocale(LC_ALL_MASK, "C", nullptr)), previous(::uselocale(locale)) {}
-    CLocale(const CLocale&) = delete;
-    CLocale& operator=(const CLocale&) = delete;
-    ~CLocale() {
-        (void)::uselocale(previous);
-        if (locale != nullptr) ::freelocale(locale);
-    }
-
-  private:
-    const locale_t locale;
-    const locale_t previous;
-};
-
 /** The form of a full firmware version, as a compiled pattern. */
 class VersionPattern {
   public:
     enum Group { ProtocolVersion = 6, GroupCount = 10 };
 
-    VersionPattern() : error(::regcomp(&pattern, text, REG_EXTENDED)) {}
+    VersionPattern() : error(::regcomp(&pattern, text().c_str(), REG_EXTENDED)) {}
     VersionPattern(const VersionPattern&) = delete;
     VersionPattern& operator=(const VersionPattern&) = delete;
     ~VersionPattern() {
@@ -191,18 +174,27 @@ class VersionPattern {
     }
 
   private:
-    static constexpr char text[] =
-        "^([a-zA-Z0-9]+)[.]([a-zA-Z0-9]+)"               // model, second field
-        "[.]v([0-9]+)[.]([0-9]+)[.]([0-9]+)[.]([0-9]+)"  // version, its last number the protocol's
-        "(-[a-z]+[1-9]?)?"                               // suffix
-        "[.]((M_)?[a-f0-9]+)[.][0-9]{6}[.][0-9]{4}$";    // build
+    static std::string text() {
+        std::string text =
+            "^([a-zA-Z0-9]+)[.]([a-zA-Z0-9]+)"               // model, second field
+            "[.]v([0-9]+)[.]([0-9]+)[.]([0-9]+)[.]([0-9]+)"  // version, its last number the protocol's
+            "(-[a-z]+[1-9]?)?"                               // suffix
+            "[.]((M_)?[a-f0-9]+)[.][0-9]{6}[.][0-9]{4}$";    // build
+        // In some locales a range matches more than ASCII, what is written out does not.
+        const std::pair<const char*, const char*> ranges[] = {{"a-z", "abcdefghijklmnopqrstuvwxyz"},
+                                                              {"A-Z", "ABCDEFGHIJKLMNOPQRSTUVWXYZ"},
+                                                              {"a-f", "abcdef"},
+                                                              {"0-9", "0123456789"},
+                                                              {"1-9", "123456789"}};
+        for (const auto& [range, characters] : ranges) utils::replaceAll(text, range, characters);
+        return text;
+    }
 
     regex_t pattern;
     const int error;
 };
 
 bool storeProtocolVersion(CameraInfo& info) {
-    const CLocale locale;
     const VersionPattern pattern;
     if (!pattern.compiled())
         return KORVO_INIT_ERROR(0, "Failed to compile FW version regex: %s", pattern.errorText().c_str());

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -117,9 +118,11 @@ Declaration findDeclaration(Variant& definitions, const std::string& name) {
 Variant canonicalPath(const char* program) {
     Variant path;
     if (program == nullptr) return path;
-    const std::unique_ptr<char, decltype(&std::free)> found(::realpath(program, nullptr), &std::free);
+    // Not one that realpath() allocates: uClibc's does not look whether it got it.
+    const auto buffer = std::make_unique<char[]>(PATH_MAX);
+    const char* found = ::realpath(program, buffer.get());
     if (found == nullptr && errno == ENOMEM) throw std::bad_alloc();
-    path = found.get();
+    path = found;
     return path;
 }
 

@@ -1,7 +1,6 @@
 #include "korvo/variant_utils/camerainfo.h"
 
 #include <gtest/gtest.h>
-#include <locale.h>
 
 #include <algorithm>
 
@@ -53,7 +52,6 @@ TEST(CameraInfo, GathersWhatEachSampleDeviceHasInEveryLocale) {
             errno = EDOM;
             EXPECT_EQ(info.Init(), outcome[0] == "all");
             EXPECT_EQ(test::shown(info), expectedRecord(test::fields(cases[0].second), outcome));
-            EXPECT_EQ(::uselocale(nullptr), LC_GLOBAL_LOCALE) << "the host's locale is its own";
             const auto lines = log.take();
             ASSERT_EQ(lines.size(), outcome[1].empty() ? 0U : 1U);
             if (lines.empty()) continue;

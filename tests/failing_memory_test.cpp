@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <iostream>
 #include <new>
 
 #include "korvo/logger/logger.h"
@@ -112,7 +113,12 @@ void useAllButTheStore() {
     AddParameter(options, 'p', longText.c_str(), longText.c_str(), longText);
     const char* arguments[] = {"./program", "-p", "-p=2.5", longText.c_str()};
     ParseCommandLine(4, arguments, options, result);
+    const bool fails = counting;
+#ifdef __UCLIBC__
+    counting = false;  // its regcomp() crashes without memory
+#endif
     (void)CameraInfo().Init();
+    counting = fails;
 }
 
 TEST(FailingMemory, CompactGivesBackWhatRemovedMembersTook) {
@@ -131,6 +137,9 @@ TEST(FailingMemory, CompactGivesBackWhatRemovedMembersTook) {
 
 TEST(FailingMemory, LeavesNoLeakOfValuesUrisCommandLinesAndDeviceInformation) {
     korvo::utils::setDeviceRoot(SAMPLE_DEVICE);
+#ifdef __UCLIBC__
+    std::cout << "left out, as uClibc's regcomp() crashes without memory: device information\n";
+#endif
     failEachAllocation([] {}, useAllButTheStore);
     korvo::utils::setDeviceRoot("");
 }

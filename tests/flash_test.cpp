@@ -39,6 +39,9 @@ TEST_F(FlashTest, MakesTheFolderAndAPrivateCopyAndReplacesItLater) {
 }
 
 TEST_F(FlashTest, WaitsNeitherForANeighbourNorForAParentThatDied) {
+#ifdef __UCLIBC__
+    GTEST_SKIP() << "A child that is forked beside a thread in malloc() hangs in its own, with uClibc.";
+#endif
     root.write("tmp/system.cfg", "a=1\n");
     ASSERT_TRUE(saveToFlashRaw(false));
     const int neighbour = ::open((root.path() / folder).c_str(), O_RDONLY);
@@ -50,11 +53,11 @@ TEST_F(FlashTest, WaitsNeitherForANeighbourNorForAParentThatDied) {
         });
         for (int i = 0; i < 50; ++i) {
             if (::fork() == 0) {  // forked while the thread saves, saves when its parent is dead
-                while (::getppid() == dying) ::usleep(1000);
+                while (::getppid() == dying) std::this_thread::sleep_for(std::chrono::milliseconds(1));
                 self.tell(saveToFlashRaw(false) ? 1 : 0);
                 ::_exit(0);
             }
-            ::usleep(500);
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
         }
         return ::raise(SIGKILL);
     });

@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -16,6 +18,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 using test::ChildProcess;
 
 class InterProcessMutexTest : public testing::Test {
@@ -108,20 +111,23 @@ TEST_F(InterProcessMutexTest, NoticesALockFileThatWasRemovedWhileHeldOrWaitedFor
     ASSERT_TRUE(mutex.acquire() == 0 && mutex.held());
     ChildProcess waiting([this](const ChildProcess& self) {
         InterProcessMutex waiter("name", true);
+        self.tell(1);
         self.tell(waiter.acquire());
         ::pause();
         return 0;
     });
-    ::usleep(50000);
+    ASSERT_EQ(waiting.hear(), 1);
+    std::this_thread::sleep_for(100ms);
     ASSERT_TRUE(fs::remove(lockFile));
-    EXPECT_FALSE(mutex.held());
     ChildProcess successor([this](const ChildProcess& self) {
         const int error = mutex.acquire();
         self.tell(mutex.held() ? error : -1);
-        ::usleep(200000);
+        std::this_thread::sleep_for(200ms);
         return 0;
     });
-    EXPECT_TRUE(successor.hear() == 0 && mutex.release() == EPERM && mutex.holder() == successor.id());
+    ASSERT_EQ(successor.hear(), 0);
+    // Asking gives the old file's lock to the one that waits for it.
+    EXPECT_TRUE(!mutex.held() && mutex.release() == EPERM && mutex.holder() == successor.id());
     EXPECT_TRUE(waiting.hear() == 0 && mutex.holder() == waiting.id())
         << "it got a lock that excludes nobody";
     EXPECT_EQ(successor.exitStatus(), 0);
@@ -150,7 +156,7 @@ TEST_F(InterProcessMutexTest, TwoNamesInTwoProcessesOfTwoThreadsAreNoDeadlock) {
             InterProcessMutex one(name, true);
             for (int i = 0; i < 500; ++i) {
                 if (one.acquire() != 0) ++failures;
-                if (i % 100 == 0) ::usleep(1000);
+                if (i % 100 == 0) std::this_thread::sleep_for(1ms);
                 if (one.release() != 0) ++failures;
             }
         };
@@ -171,7 +177,7 @@ TEST_F(InterProcessMutexTest, CancelledThreadPassesItsTurnOn) {
         for (;;) ::pause();
     };
     ASSERT_EQ(::pthread_create(&thread, nullptr, wait, nullptr), 0);
-    ::usleep(20000);
+    std::this_thread::sleep_for(20ms);
     ASSERT_TRUE(::pthread_cancel(thread) == 0 && mutex.release() == 0);
     void* result = nullptr;
     ASSERT_TRUE(::pthread_join(thread, &result) == 0 && result == PTHREAD_CANCELED);
@@ -193,12 +199,15 @@ TEST_F(InterProcessMutexTest, BelongsToOneObjectAndRefusesToHangItsThread) {
     // A thread that ended with the lock is not mistaken for a later one, and any other may give it back.
     std::thread([&] { ASSERT_EQ(mutex.acquire(), 0); }).join();
     std::thread next([] { EXPECT_EQ(InterProcessMutex("name", true).acquire(), 0); });
-    ::usleep(20000);
+    std::this_thread::sleep_for(20ms);
     EXPECT_EQ(mutex.release(), 0);
     next.join();
 }
 
 TEST_F(InterProcessMutexTest, ThreadsTakeTurnsAndAForkAtAnyMomentLeavesTheChildAUsableLock) {
+#ifdef __UCLIBC__
+    GTEST_SKIP() << "A child that is forked beside a thread in malloc() hangs in its own, with uClibc.";
+#endif
     std::atomic<bool> stop{false};
     int counter = 0;  // guarded by nothing but the lock
     int increments[2] = {};
@@ -223,7 +232,7 @@ TEST_F(InterProcessMutexTest, ThreadsTakeTurnsAndAForkAtAnyMomentLeavesTheChildA
 TEST_F(InterProcessMutexTest, WaitsThroughSignalsUntilTheKernelTakesTheLockOfAKilledProcess) {
     ChildProcess child([&](const ChildProcess& self) {
         self.tell(mutex.acquire());
-        ::usleep(200000);
+        std::this_thread::sleep_for(200ms);
         return ::raise(SIGKILL);
     });
     ASSERT_TRUE(child.hear() == 0 && holder() == child.id());
@@ -231,9 +240,10 @@ TEST_F(InterProcessMutexTest, WaitsThroughSignalsUntilTheKernelTakesTheLockOfAKi
     struct sigaction action {};
     action.sa_handler = [](int) { alarms = alarms + 1; };  // without SA_RESTART
     ::sigaction(SIGALRM, &action, nullptr);
-    ::ualarm(10000, 10000);
+    const itimerval every10ms{{0, 10000}, {0, 10000}}, never{};
+    ::setitimer(ITIMER_REAL, &every10ms, nullptr);
     EXPECT_EQ(mutex.acquire(), 0);
-    ::ualarm(0, 0);
+    ::setitimer(ITIMER_REAL, &never, nullptr);
     EXPECT_TRUE(holder() == ::getpid() && alarms > 0) << alarms << " signals interrupted the wait";
 }
 

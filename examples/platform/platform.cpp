@@ -46,6 +46,10 @@ void trim(std::string& text) {
     text.erase(text.find_last_not_of(" \t\r\n") + 1);
     text.erase(0, text.find_first_not_of(" \t\r\n"));
 }
+void replaceAll(std::string& text, const std::string& search, const std::string& replacement) {
+    for (std::size_t at = 0; (at = text.find(search, at)) != std::string::npos; at += replacement.size())
+        text.replace(at, search.size(), replacement);
+}
 std::string lowerCase(const std::string& text) {
     std::string lower(text);
     for (char& c : lower) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);

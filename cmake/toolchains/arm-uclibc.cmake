@@ -1,0 +1,22 @@
+# 32-bit ARM with uClibc, the C library of many cameras: the toolchain that scripts/uclibc-toolchain builds. What is built
+# runs here under qemu-user. For the toolchain of a camera's maker, copy this file and name its compiler and its sysroot.
+
+set(KORVO_UCLIBC none CACHE STRING "Whether the C library has locales: none or locale")
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KORVO_UCLIBC)
+get_filename_component(toolchain "${CMAKE_CURRENT_LIST_DIR}/../../build/toolchains/uclibc-${KORVO_UCLIBC}" ABSOLUTE)
+
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR arm)
+set(CMAKE_C_COMPILER ${toolchain}/bin/arm-uclibc-gcc)
+set(CMAKE_CXX_COMPILER ${toolchain}/bin/arm-uclibc-g++)
+# Says for every vector how compilers before GCC 7.1 passed it; none of those built anything used here.
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
+
+# The device's libraries and headers only, but this machine's programs.
+set(CMAKE_FIND_ROOT_PATH ${toolchain}/sysroot)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L ${toolchain}/sysroot)
