@@ -3,8 +3,11 @@
 include(CheckCXXCompilerFlag)
 include(CheckPIESupported)
 
-# Programs are linked as position-independent where the linker can; without the check CMake only compiles them so.
-check_pie_supported(LANGUAGES CXX)
+# Programs are linked as position-independent where the linker can; without the check CMake only compiles them so. It
+# tells for the whole build, which a parent project decides for itself.
+if(KORVO_TOP_LEVEL)
+  check_pie_supported(LANGUAGES CXX)
+endif()
 
 # Hardening that the compiler at hand may lack (cross compilers differ), asked for once.
 set(KORVO_HARDENING_FLAGS)
@@ -20,9 +23,11 @@ endforeach()
 function(korvo_build_settings target)
   target_compile_features(${target} PUBLIC cxx_std_17)
   # Said twice: the feature is for those who link the target, the standard puts a flag on every command line, which
-  # tools that read the compilation database need.
+  # tools that read the compilation database need. Who asks for a later one gets it.
+  if(NOT CMAKE_CXX_STANDARD)
+    set_property(TARGET ${target} PROPERTY CXX_STANDARD 17)
+  endif()
   set_target_properties(${target} PROPERTIES
-    CXX_STANDARD 17
     CXX_EXTENSIONS OFF
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON
@@ -54,9 +59,7 @@ function(korvo_add_library name)
     KORVO_DESCRIPTION "${arg_DESCRIPTION}"
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR})
-  target_include_directories(${target} PUBLIC
-    $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
-    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>)
   target_link_libraries(${target} PUBLIC ${arg_PUBLIC_LINK} PRIVATE ${arg_PRIVATE_LINK})
   # Instances of standard templates are visible whatever visibility we ask for.
   set(exports ${PROJECT_SOURCE_DIR}/cmake/exports.map)
