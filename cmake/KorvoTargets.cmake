@@ -29,6 +29,8 @@ function(korvo_build_settings target)
   endif()
   set_target_properties(${target} PROPERTIES
     CXX_EXTENSIONS OFF
+    # With the folder's name in it, the same sources would make another build identifier in every folder.
+    BUILD_RPATH_USE_ORIGIN ON
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON
     POSITION_INDEPENDENT_CODE ON)

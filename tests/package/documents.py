@@ -1,0 +1,140 @@
+#!/usr/bin/env python3
+"""documents.py SOURCE SCRATCH: holds the documents to what is so.
+
+Runs what the sh and console blocks of README.md and docs/*.md tell the reader to type, on a copy of the sources at
+SCRATCH/source: an sh block must succeed, a console block ("$ " before each command) must also print what it shows. The
+system stays as it is: folders of the system stand below SCRATCH instead, and so does the device that korvoctl works on.
+The other scripts, and what porting.md does with a maker's libraries, are not run. Then every option, file and link that the documents
+name must be there, and the README's table of options must give the defaults that CMake has.
+"""
+
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+
+SOURCE, SCRATCH = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
+COPY = SCRATCH / "source"
+# Where the commands say a folder of the system, the test has one of its own.
+FOLDERS = {"/usr/local": "usr-local", "/tmp/camera": "camera", "/mnt/image": "device"}
+# Scripts have their own steps in CI, the packages a test of their own; dots and /path/to are the reader's to fill in.
+NOT_RUN = re.compile(r"^(scripts/|\.ci/run|dpkg-buildpackage|man )|\.\.\.|/path/to")
+NOT_RUN_OF = ("porting.md",)
+# Stand-ins for programs that would change the system, or the device that is none.
+STAND_INS = {
+    "ldconfig": "exit 0",
+    "sudo": 'exec "$@"',
+    "korvoctl": f"""
+root=--root={SCRATCH}/device
+for argument; do case $argument in --root=*) root= ;; esac; done
+timeout 5 "{SCRATCH}/usr-local/bin/korvoctl" "$@" $root </dev/null
+status=$?
+# 1 is an answer as well, and what runs until it is stopped was stopped.
+case $status in 1 | 124) exit 0 ;; *) exit $status ;; esac""",
+}
+
+faults = []
+
+
+def fault(document, text):
+    faults.append(f"{document}: {text}")
+
+
+def documents():
+    names = ["README.md", "CONTRIBUTING.md", "SECURITY.md", "CHANGELOG.md"]
+    return [SOURCE / name for name in names] + sorted((SOURCE / "docs").glob("*.md"))
+
+
+def blocks(text):
+    """The fenced blocks of a document, as pairs of language and text."""
+    return re.findall(r"^```(\w*)\n(.*?)^```$", text, re.M | re.S)
+
+
+def prepare():
+    shutil.rmtree(SCRATCH, ignore_errors=True)
+    shutil.copytree(SOURCE, COPY, symlinks=True, ignore=lambda folder, names: {"build", ".git"} & set(names))
+    shutil.copytree(SOURCE / "examples/device", SCRATCH / "device")
+    (SCRATCH / "bin").mkdir()
+    for name, body in STAND_INS.items():
+        program = SCRATCH / "bin" / name
+        program.write_text(f"#!/bin/bash\n{body}\n")
+        program.chmod(0o755)
+
+
+def run(document, command):
+    """What the command printed; a fault where it failed."""
+    for folder, stand_in in FOLDERS.items():
+        command = command.replace(folder, str(SCRATCH / stand_in))
+    environment = dict(
+        os.environ,
+        PATH=f"{SCRATCH}/bin:{os.environ['PATH']}",
+        PKG_CONFIG_PATH=f"{SCRATCH}/usr-local/lib/pkgconfig",
+        LD_LIBRARY_PATH=f"{SCRATCH}/usr-local/lib",
+        CMAKE_BUILD_PARALLEL_LEVEL="2",
+    )
+    print("$", command, flush=True)
+    done = subprocess.run(["bash", "-euo", "pipefail", "-c", command], cwd=COPY, env=environment, text=True,
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=600)
+    print(done.stdout, end="", flush=True)
+    if done.returncode != 0:
+        fault(document, f"exit status {done.returncode} of: {command}\n{done.stdout[-2000:]}")
+    return done.stdout
+
+
+def check_commands(document, text):
+    for language, block in blocks(text):
+        block = block.replace("\\\n", " ")
+        if language == "sh":
+            for command in block.splitlines():
+                if command.strip() and not command.startswith("#") and not NOT_RUN.search(command):
+                    run(document, command)
+        elif language == "console":
+            for command, shown in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", block, re.M):
+                printed = run(document, command)
+                if printed != shown:
+                    fault(document, f"{command}\nshows:\n{shown}prints:\n{printed}")
+
+
+def check_names(document, text):
+    defined = "".join(path.read_text() for pattern in ("CMakeLists.txt", "cmake/*", "include/**/*.h*", "platform/**/*.h",
+                                                       "tests/**/CMakeLists.txt") for path in SOURCE.glob(pattern)
+                      if path.is_file())
+    for name in set(re.findall(r"\bKORVO_[A-Z_]+\b", text)):
+        if not re.search(rf"\b{name}\b", defined):
+            fault(document, f"there is no {name}")
+    folders = "|".join(re.escape(path.name) for path in SOURCE.iterdir() if path.is_dir() and path.name not in ("build", ".git"))
+    for name in set(re.findall(rf"(?<![\w./-])(?:{folders})/[\w./*-]*", text)):
+        if not list(SOURCE.glob(name.rstrip("./"))):
+            fault(document, f"there is no {name}")
+    for target in re.findall(r"\]\(([^)#:]+)\)", text):
+        if not (document.parent / target).exists():
+            fault(document, f"the link {target} leads nowhere")
+
+
+def check_options(readme):
+    """The rows `| `OPTION` | `default` | ...` against the cache of a build of which nothing was asked."""
+    tree = SCRATCH / "defaults"
+    subprocess.run(["cmake", "-S", COPY, "-B", tree], check=True, stdout=subprocess.DEVNULL)
+    cache = dict(re.findall(r"^(\w+):(?:BOOL|STRING|PATH)=(.*)$", (tree / "CMakeCache.txt").read_text(), re.M))
+    rows = dict(re.findall(r"^\| `(\w+)` \| `([^`]*)` \|", readme, re.M))
+    for name, default in rows.items():
+        if cache.get(name) != default:
+            fault("README.md", f"{name} is {cache.get(name)} by default, not {default}")
+    for name in cache:
+        if re.match(r"KORVO_[A-Z_]+$", name) and name not in rows:
+            fault("README.md", f"the option {name} has no row")
+
+
+prepare()
+for path in documents():
+    content = path.read_text()
+    if path.name == "README.md":
+        (COPY / "first.cpp").write_text(next(block for language, block in blocks(content) if language == "cpp"))
+        check_options(content)
+    check_names(path, content)
+    if path.name not in NOT_RUN_OF:
+        check_commands(path, content)
+print("\n".join(faults), file=sys.stderr)
+sys.exit(1 if faults else 0)
