@@ -22,8 +22,9 @@ FOLDERS = {"/usr/local": "usr-local", "/tmp/camera": "camera", "/mnt/image": "de
 # Scripts have their own steps in CI, the packages a test of their own; dots and /path/to are the reader's to fill in.
 NOT_RUN = re.compile(r"^(scripts/|\.ci/run|dpkg-buildpackage|man )|\.\.\.|/path/to")
 NOT_RUN_OF = ("porting.md",)
-# Stand-ins for programs that would change the system, or the device that is none.
+# Stand-ins for programs that would change the system, or the device that is none, or build the tests once more.
 STAND_INS = {
+    "cmake": f'if [ "$1" = -S ]; then set -- "$@" -DBUILD_TESTING=OFF; fi; exec {shutil.which("cmake")} "$@"',
     "ldconfig": "exit 0",
     "sudo": 'exec "$@"',
     "korvoctl": f"""
