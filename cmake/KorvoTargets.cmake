@@ -3,8 +3,8 @@
 include(CheckCXXCompilerFlag)
 include(CheckPIESupported)
 
-# Programs are linked as position-independent where the linker can; without the check CMake only compiles them so. It
-# tells for the whole build, which a parent project decides for itself.
+# Programs are linked as position-independent where the linker can; without the check CMake only compiles them so.
+# It tells for the whole build, which a parent project decides for itself.
 if(KORVO_TOP_LEVEL)
   check_pie_supported(LANGUAGES CXX)
 endif()

@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """documents.py SOURCE SCRATCH: holds the documents to what is so.
 
-Runs what the sh and console blocks of README.md and docs/*.md tell the reader to type, on a copy of the sources at
-SCRATCH/source: an sh block must succeed, a console block ("$ " before each command) must also print what it shows. The
-system stays as it is: folders of the system stand below SCRATCH instead, and so does the device that korvoctl works on.
-The other scripts, and what porting.md does with a maker's libraries, are not run. Then every option, file and link that the documents
-name must be there, and the README's table of options must give the defaults that CMake has.
+Runs what the sh and console blocks of README.md and docs/*.md tell the reader to type, on a copy of the sources
+at SCRATCH/source: an sh block must succeed, a console block ("$ " before each command) must also print what it
+shows. The system stays as it is: folders of the system stand below SCRATCH instead, and so does the device that
+korvoctl works on. The other scripts, and what porting.md does with a maker's libraries, are not run.
+
+Then every option, file and link that the documents name must be there, and the README's table of options must
+give the defaults that CMake has.
 """
 
 import os
@@ -19,10 +21,10 @@ SOURCE, SCRATCH = (pathlib.Path(argument).resolve() for argument in sys.argv[1:]
 COPY = SCRATCH / "source"
 # Where the commands say a folder of the system, the test has one of its own.
 FOLDERS = {"/usr/local": "usr-local", "/tmp/camera": "camera", "/mnt/image": "device"}
-# Scripts have their own steps in CI, the packages a test of their own; dots and /path/to are the reader's to fill in.
+# Scripts have their own steps in CI, the packages their own test; dots and /path/to are the reader's to fill in.
 NOT_RUN = re.compile(r"^(scripts/|\.ci/run|dpkg-buildpackage|man )|\.\.\.|/path/to")
 NOT_RUN_OF = ("porting.md",)
-# Stand-ins for programs that would change the system, or the device that is none, or build the tests once more.
+# Stand-ins for programs that would change the system or a device, or build the tests once more.
 STAND_INS = {
     "cmake": f'if [ "$1" = -S ]; then set -- "$@" -DBUILD_TESTING=OFF; fi; exec {shutil.which("cmake")} "$@"',
     "ldconfig": "exit 0",
@@ -55,7 +57,7 @@ def blocks(text):
 
 def prepare():
     shutil.rmtree(SCRATCH, ignore_errors=True)
-    shutil.copytree(SOURCE, COPY, symlinks=True, ignore=lambda folder, names: {"build", ".git"} & set(names))
+    shutil.copytree(SOURCE, COPY, symlinks=True, ignore=lambda _, names: {"build", ".git"} & set(names))
     shutil.copytree(SOURCE / "examples/device", SCRATCH / "device")
     (SCRATCH / "bin").mkdir()
     for name, body in STAND_INS.items():
@@ -76,8 +78,8 @@ def run(document, command):
         CMAKE_BUILD_PARALLEL_LEVEL="2",
     )
     print("$", command, flush=True)
-    done = subprocess.run(["bash", "-euo", "pipefail", "-c", command], cwd=COPY, env=environment, text=True,
-                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=600)
+    done = subprocess.run(["bash", "-euo", "pipefail", "-c", command], cwd=COPY, env=environment, timeout=600,
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
     print(done.stdout, end="", flush=True)
     if done.returncode != 0:
         fault(document, f"exit status {done.returncode} of: {command}\n{done.stdout[-2000:]}")
@@ -99,13 +101,12 @@ def check_commands(document, text):
 
 
 def check_names(document, text):
-    defined = "".join(path.read_text() for pattern in ("CMakeLists.txt", "cmake/*", "include/**/*.h*", "platform/**/*.h",
-                                                       "tests/**/CMakeLists.txt") for path in SOURCE.glob(pattern)
-                      if path.is_file())
+    sources = ("CMakeLists.txt", "cmake/*.cmake", "include/**/*.h*", "platform/**/*.h")
+    defined = "".join(path.read_text() for pattern in sources for path in SOURCE.glob(pattern))
     for name in set(re.findall(r"\bKORVO_[A-Z_]+\b", text)):
         if not re.search(rf"\b{name}\b", defined):
             fault(document, f"there is no {name}")
-    folders = "|".join(re.escape(path.name) for path in SOURCE.iterdir() if path.is_dir() and path.name not in ("build", ".git"))
+    folders = "|".join(re.escape(path.name) for path in COPY.iterdir() if path.is_dir() and path.name != "build")
     for name in set(re.findall(rf"(?<![\w./-])(?:{folders})/[\w./*-]*", text)):
         if not list(SOURCE.glob(name.rstrip("./"))):
             fault(document, f"there is no {name}")
