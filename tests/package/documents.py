@@ -6,8 +6,8 @@ at SCRATCH/source: an sh block must succeed, a console block ("$ " before each c
 shows. The system stays as it is: folders of the system stand below SCRATCH instead, and so does the device that
 korvoctl works on. The other scripts, and what porting.md does with a maker's libraries, are not run.
 
-Then every option, file and link that the documents name must be there, and the README's table of options must
-give the defaults that CMake has.
+Then every option, file and link that the documents and public headers name must be there, and the README's table
+of options must give the defaults that CMake has.
 """
 
 import os
@@ -102,16 +102,16 @@ def check_commands(document, text):
 
 def check_names(document, text):
     sources = ("CMakeLists.txt", "cmake/*.cmake", "include/**/*.h*", "platform/**/*.h")
-    defined = "".join(path.read_text() for pattern in sources for path in SOURCE.glob(pattern))
-    for name in set(re.findall(r"\bKORVO_[A-Z_]+\b", text)):
-        if not re.search(rf"\b{name}\b", defined):
-            fault(document, f"there is no {name}")
+    texts = "".join(path.read_text() for pattern in sources for path in SOURCE.glob(pattern))
+    defined = re.findall(r"(?:option\(|set\(|#define )(KORVO_[A-Z_]+)", texts)
+    for name in set(re.findall(r"\bKORVO_[A-Z_]+\b", text)) - set(defined):
+        fault(document, f"there is no {name}")
     folders = "|".join(re.escape(path.name) for path in COPY.iterdir() if path.is_dir() and path.name != "build")
     for name in set(re.findall(rf"(?<![\w./-])(?:{folders})/[\w./*-]*", text)):
         if not list(SOURCE.glob(name.rstrip("./"))):
             fault(document, f"there is no {name}")
     for target in re.findall(r"\]\(([^)#:]+)\)", text):
-        if not (document.parent / target).exists():
+        if document.suffix == ".md" and not (document.parent / target).exists():
             fault(document, f"the link {target} leads nowhere")
 
 
@@ -138,5 +138,7 @@ for path in documents():
     check_names(path, content)
     if path.name not in NOT_RUN_OF:
         check_commands(path, content)
+for path in [*SOURCE.glob("include/**/*.h"), *SOURCE.glob("platform/**/include/**/*.h")]:
+    check_names(path, path.read_text())
 print("\n".join(faults), file=sys.stderr)
 sys.exit(1 if faults else 0)
