@@ -104,7 +104,7 @@ def check_names(document, text):
     sources = ("CMakeLists.txt", "cmake/*.cmake", "include/**/*.h*", "platform/**/*.h")
     texts = "".join(path.read_text() for pattern in sources for path in SOURCE.glob(pattern))
     defined = re.findall(r"(?:option\(|set\(|#define )(KORVO_[A-Z_]+)", texts)
-    for name in set(re.findall(r"\bKORVO_[A-Z_]+\b", text)) - set(defined):
+    for name in set(re.findall(r"(?:\b|-D)(KORVO_[A-Z_]+)", text)) - set(defined):
         fault(document, f"there is no {name}")
     folders = "|".join(re.escape(path.name) for path in COPY.iterdir() if path.is_dir() and path.name != "build")
     for name in set(re.findall(rf"(?<![\w./-])(?:{folders})/[\w./*-]*", text)):
