@@ -20,7 +20,12 @@ import sys
 SOURCE, SCRATCH = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
 COPY = SCRATCH / "source"
 # Where the commands say a folder of the system, the test has one of its own.
-FOLDERS = {"/usr/local": "usr-local", "/tmp/camera": "camera", "/mnt/image": "device"}
+FOLDERS = {
+    "/usr/local": "usr-local",
+    "/tmp/camera": "camera",
+    "/mnt/image": "device",
+    "/etc/korvo": "device/tmp",
+}
 # Scripts have their own steps in CI, the packages their own test; dots and /path/to are the reader's to fill in.
 NOT_RUN = re.compile(r"^(scripts/|\.ci/run|dpkg-buildpackage|man )|\.\.\.|/path/to")
 NOT_RUN_OF = ("porting.md",)
@@ -31,7 +36,7 @@ STAND_INS = {
     "sudo": 'exec "$@"',
     "korvoctl": f"""
 root=--root={SCRATCH}/device
-for argument; do case $argument in --root=*) root= ;; esac; done
+for argument; do case $argument in --root=* | -R=*) root= ;; esac; done
 timeout 5 "{SCRATCH}/usr-local/bin/korvoctl" "$@" $root </dev/null
 status=$?
 # 1 is an answer as well, and what runs until it is stopped was stopped.
@@ -58,7 +63,12 @@ def blocks(text):
 def prepare():
     shutil.rmtree(SCRATCH, ignore_errors=True)
     shutil.copytree(SOURCE, COPY, symlinks=True, ignore=lambda _, names: {"build", ".git"} & set(names))
-    shutil.copytree(SOURCE / "examples/device", SCRATCH / "device")
+    device = SCRATCH / "device"
+    shutil.copytree(SOURCE / "examples/device", device)
+    # What the documents take from a device in use: a flash copy, and the file with the factory settings.
+    (device / "var/lib/korvo/flash").mkdir(parents=True)
+    for name in ("var/lib/korvo/flash/system.cfg", "tmp/defaults.cfg"):
+        shutil.copy(device / "tmp/system.cfg", device / name)
     (SCRATCH / "bin").mkdir()
     for name, body in STAND_INS.items():
         program = SCRATCH / "bin" / name
