@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
 """documents.py SOURCE SCRATCH: holds the documents to what is so.
 
-Runs what the sh and console blocks of README.md and docs/*.md tell the reader to type, on a copy of the sources
-at SCRATCH/source: an sh block must succeed, a console block ("$ " before each command) must also print what it
-shows. The system stays as it is: folders of the system stand below SCRATCH instead, and so does the device that
-korvoctl works on. The other scripts, and what porting.md does with a maker's libraries, are not run.
+Runs what the sh and console blocks of README.md and docs/*.md tell the reader to type, on a copy of the
+sources at SCRATCH/source: an sh block must succeed, a console block ("$ " before each command) must also print
+what it shows. The system stays as it is: folders of the system stand below SCRATCH instead, and so does the
+device that korvoctl works on. The other scripts, and what porting.md does with a maker's libraries, are not run.
 
-Then every option, file and link that the documents and public headers name must be there, and the README's table
-of options must give the defaults that CMake has.
+Then every option, file and link that the documents and public headers name must be there, and the README's
+table of options must give the defaults that CMake has.
 """
 
 import os
@@ -26,7 +26,7 @@ FOLDERS = {
     "/mnt/image": "device",
     "/etc/korvo": "device/tmp",
 }
-# Scripts have their own steps in CI, the packages their own test; dots and /path/to are the reader's to fill in.
+# Scripts have steps in CI, the packages a test; dots and /path/to are for the reader to fill in.
 NOT_RUN = re.compile(r"^(scripts/|\.ci/run|dpkg-buildpackage|man )|\.\.\.|/path/to")
 NOT_RUN_OF = ("porting.md",)
 # Stand-ins for programs that would change the system or a device, or build the tests once more.
@@ -88,8 +88,8 @@ def run(document, command):
         CMAKE_BUILD_PARALLEL_LEVEL="2",
     )
     print("$", command, flush=True)
-    done = subprocess.run(["bash", "-euo", "pipefail", "-c", command], cwd=COPY, env=environment, timeout=600,
-                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    done = subprocess.run(["bash", "-euo", "pipefail", "-c", command], cwd=COPY, env=environment, text=True,
+                          timeout=600, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     print(done.stdout, end="", flush=True)
     if done.returncode != 0:
         fault(document, f"exit status {done.returncode} of: {command}\n{done.stdout[-2000:]}")
@@ -116,8 +116,8 @@ def check_names(document, text):
     defined = re.findall(r"(?:option\(|set\(|#define )(KORVO_[A-Z_]+)", texts)
     for name in set(re.findall(r"(?:\b|-D)(KORVO_[A-Z_]+)", text)) - set(defined):
         fault(document, f"there is no {name}")
-    folders = "|".join(re.escape(path.name) for path in COPY.iterdir() if path.is_dir() and path.name != "build")
-    for name in set(re.findall(rf"(?<![\w./-])(?:{folders})/[\w./*-]*", text)):
+    folders = [re.escape(path.name) for path in COPY.iterdir() if path.is_dir() and path.name != "build"]
+    for name in set(re.findall(rf"(?<![\w./-])(?:{"|".join(folders)})/[\w./*-]*", text)):
         if not list(SOURCE.glob(name.rstrip("./"))):
             fault(document, f"there is no {name}")
     for target in re.findall(r"\]\(([^)#:]+)\)", text):
@@ -129,7 +129,8 @@ def check_options(readme):
     """The rows `| `OPTION` | `default` | ...` against the cache of a build of which nothing was asked."""
     tree = SCRATCH / "defaults"
     subprocess.run(["cmake", "-S", COPY, "-B", tree], check=True, stdout=subprocess.DEVNULL)
-    cache = dict(re.findall(r"^(\w+):(?:BOOL|STRING|PATH)=(.*)$", (tree / "CMakeCache.txt").read_text(), re.M))
+    text = (tree / "CMakeCache.txt").read_text()
+    cache = dict(re.findall(r"^(\w+):(?:BOOL|STRING|PATH)=(.*)$", text, re.M))
     rows = dict(re.findall(r"^\| `(\w+)` \| `([^`]*)` \|", readme, re.M))
     for name, default in rows.items():
         if cache.get(name) != default:
@@ -143,7 +144,8 @@ prepare()
 for path in documents():
     content = path.read_text()
     if path.name == "README.md":
-        (COPY / "first.cpp").write_text(next(block for language, block in blocks(content) if language == "cpp"))
+        programs = [block for language, block in blocks(content) if language == "cpp"]
+        (COPY / "first.cpp").write_text(programs[0])
         check_options(content)
     check_names(path, content)
     if path.name not in NOT_RUN_OF:
