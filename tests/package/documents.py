@@ -2,9 +2,10 @@
 """documents.py SOURCE SCRATCH: holds the documents to what is so.
 
 Runs what the sh and console blocks of README.md and docs/*.md tell the reader to type, on a copy of the
-sources at SCRATCH/source: an sh block must succeed, a console block ("$ " before each command) must also print
-what it shows. The system stays as it is: folders of the system stand below SCRATCH instead, and so does the
-device that korvoctl works on. The other scripts, and what porting.md does with a maker's libraries, are not run.
+sources at SCRATCH/source: an sh block must succeed, a console block ("$ " before each command) must also
+print what it shows. The system stays as it is: folders of the system stand below SCRATCH instead, and so does
+the device that korvoctl works on. The other scripts, and what porting.md does with a maker's libraries, are not
+run.
 
 Then every option, file and link that the documents and public headers name must be there, and the README's
 table of options must give the defaults that CMake has.
@@ -88,8 +89,8 @@ def run(document, command):
         CMAKE_BUILD_PARALLEL_LEVEL="2",
     )
     print("$", command, flush=True)
-    done = subprocess.run(["bash", "-euo", "pipefail", "-c", command], cwd=COPY, env=environment, text=True,
-                          timeout=600, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    done = subprocess.run(["bash", "-euo", "pipefail", "-c", command], cwd=COPY, env=environment, timeout=600, text=True,
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     print(done.stdout, end="", flush=True)
     if done.returncode != 0:
         fault(document, f"exit status {done.returncode} of: {command}\n{done.stdout[-2000:]}")
@@ -117,7 +118,8 @@ def check_names(document, text):
     for name in set(re.findall(r"(?:\b|-D)(KORVO_[A-Z_]+)", text)) - set(defined):
         fault(document, f"there is no {name}")
     folders = [re.escape(path.name) for path in COPY.iterdir() if path.is_dir() and path.name != "build"]
-    for name in set(re.findall(rf"(?<![\w./-])(?:{"|".join(folders)})/[\w./*-]*", text)):
+    path_of_ours = rf"(?<![\w./-])(?:{'|'.join(folders)})/[\w./*-]*"
+    for name in set(re.findall(path_of_ours, text)):
         if not list(SOURCE.glob(name.rstrip("./"))):
             fault(document, f"there is no {name}")
     for target in re.findall(r"\]\(([^)#:]+)\)", text):
