@@ -4,8 +4,8 @@
 Runs what the sh and console blocks of README.md and docs/*.md tell the reader to type, on a copy of the
 sources at SCRATCH/source: an sh block must succeed, a console block ("$ " before each command) must also
 print what it shows. The system stays as it is: folders of the system stand below SCRATCH instead, and so does
-the device that korvoctl works on. The other scripts, and what porting.md does with a maker's libraries, are not
-run.
+the device that korvoctl works on. The other scripts, and what porting.md does with a maker's libraries, are
+not run.
 
 Then every option, file and link that the documents and public headers name must be there, and the README's
 table of options must give the defaults that CMake has.
@@ -89,8 +89,8 @@ def run(document, command):
         CMAKE_BUILD_PARALLEL_LEVEL="2",
     )
     print("$", command, flush=True)
-    done = subprocess.run(["bash", "-euo", "pipefail", "-c", command], cwd=COPY, env=environment, timeout=600, text=True,
-                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    done = subprocess.run(["bash", "-euo", "pipefail", "-c", command], cwd=COPY, env=environment, timeout=600,
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
     print(done.stdout, end="", flush=True)
     if done.returncode != 0:
         fault(document, f"exit status {done.returncode} of: {command}\n{done.stdout[-2000:]}")
