@@ -90,7 +90,8 @@ def run(document, command):
     )
     print("$", command, flush=True)
     done = subprocess.run(["bash", "-euo", "pipefail", "-c", command], cwd=COPY, env=environment, timeout=600,
-                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+                          text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT)
     print(done.stdout, end="", flush=True)
     if done.returncode != 0:
         fault(document, f"exit status {done.returncode} of: {command}\n{done.stdout[-2000:]}")
