@@ -1,20 +1,34 @@
-# What `cmake --install` puts in place: libraries, headers and what find_package and pkg-config read.
+# What `cmake --install` puts in place: libraries, headers and what find_package and pkg-config read. Without
+# KORVO_INSTALL that is nothing, and the folders of an installation are left for the parent project to choose.
 
-include(CMakePackageConfigHelpers)
+if(KORVO_INSTALL)
+  include(GNUInstallDirs)
+  include(CMakePackageConfigHelpers)
+endif()
 
 # korvo_install_package(PACKAGE LIBRARIES ...)
 # Makes the libraries the CMake package PACKAGE, whose find_package reads cmake/PACKAGE-config.cmake.in, and gives each
 # its pkg-config file.
 function(korvo_install_package package)
+  if(NOT KORVO_INSTALL)
+    return()
+  endif()
   cmake_parse_arguments(arg "" "" "LIBRARIES" ${ARGN})
   set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/${package})
 
   install(TARGETS ${arg_LIBRARIES} EXPORT ${package}_targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
   foreach(library ${arg_LIBRARIES})
-    get_target_property(folder ${library} SOURCE_DIR)
-    install(DIRECTORY ${folder}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+    get_target_property(source_dir ${library} SOURCE_DIR)
+    get_target_property(binary_dir ${library} BINARY_DIR)
+    # The headers as they are, and those that were made from the version.
+    install(DIRECTORY ${source_dir}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+      COMPONENT development FILES_MATCHING PATTERN "*.h")
+    if(EXISTS ${binary_dir}/include)
+      install(DIRECTORY ${binary_dir}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+    endif()
     korvo_install_pkgconfig(${library})
   endforeach()
 

@@ -4,7 +4,10 @@ include(CheckCXXSourceCompiles)
 include(CheckPIESupported)
 
 # Programs are linked as position-independent where the linker can; without the check CMake only compiles them so.
-check_pie_supported(LANGUAGES CXX)
+# It tells for the whole build, which a parent project decides for itself.
+if(KORVO_TOP_LEVEL)
+  check_pie_supported(LANGUAGES CXX)
+endif()
 
 # korvo_check_links(VARIABLE PROGRAM [FLAG]): whether the toolchain builds the program, and takes the flag without a warning.
 # What it says of itself, its name and its version, tells less: it may take a flag and lack the function that this calls.
@@ -49,10 +52,14 @@ endif()
 function(korvo_build_settings target)
   target_compile_features(${target} PUBLIC cxx_std_17)
   # Said twice: the feature is for those who link the target, the standard puts a flag on every command line, which
-  # tools that read the compilation database need.
+  # tools that read the compilation database need. Who asks for a later one gets it.
+  if(NOT CMAKE_CXX_STANDARD)
+    set_property(TARGET ${target} PROPERTY CXX_STANDARD 17)
+  endif()
   set_target_properties(${target} PROPERTIES
-    CXX_STANDARD 17
     CXX_EXTENSIONS OFF
+    # With the folder's name in it, the same sources would make another build identifier in every folder.
+    BUILD_RPATH_USE_ORIGIN ON
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON
     POSITION_INDEPENDENT_CODE ON)
@@ -83,9 +90,7 @@ function(korvo_add_library name)
     KORVO_DESCRIPTION "${arg_DESCRIPTION}"
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR})
-  target_include_directories(${target} PUBLIC
-    $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
-    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>)
   target_link_libraries(${target} PUBLIC ${arg_PUBLIC_LINK} PRIVATE ${arg_PRIVATE_LINK})
   # Instances of standard templates are visible whatever visibility we ask for.
   set(exports ${PROJECT_SOURCE_DIR}/cmake/exports.map)

@@ -1,0 +1,33 @@
+# Sets KORVO_TESTS: whether the tests are built, from KORVO_BUILD_TESTS and what is installed.
+
+# BUILD_TESTING=OFF is heard whatever else asks for tests.
+if(DEFINED BUILD_TESTING AND NOT BUILD_TESTING)
+  set(KORVO_TESTS OFF)
+  return()
+endif()
+if(KORVO_BUILD_TESTS STREQUAL "AUTO" AND NOT KORVO_TOP_LEVEL)
+  set(KORVO_TESTS OFF)
+  return()
+endif()
+
+set(KORVO_TESTS ${KORVO_BUILD_TESTS})
+if(KORVO_TESTS)
+  if(CMAKE_CROSSCOMPILING)
+    # Debian has GoogleTest built for its own machines only, but its source too. What is built must run here.
+    set(KORVO_GOOGLETEST_SOURCE /usr/src/googletest)
+    if(NOT EXISTS ${KORVO_GOOGLETEST_SOURCE} OR NOT CMAKE_CROSSCOMPILING_EMULATOR)
+      set(missing "GoogleTest's source (Debian: googletest) and an emulator (CMAKE_CROSSCOMPILING_EMULATOR)")
+    endif()
+  else()
+    find_package(GTest QUIET)
+    if(NOT TARGET GTest::gmock)
+      set(missing "GoogleTest with GoogleMock (Debian: libgtest-dev libgmock-dev)")
+    endif()
+  endif()
+  if(missing AND KORVO_BUILD_TESTS STREQUAL "AUTO")
+    message(STATUS "The tests are not built: they need ${missing}")
+    set(KORVO_TESTS OFF)
+  elseif(missing)
+    message(FATAL_ERROR "The tests need ${missing}; without it, leave KORVO_BUILD_TESTS away")
+  endif()
+endif()
