@@ -1,9 +1,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <locale.h>
 #include <netdb.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <functional>
 #include <random>
 
@@ -11,6 +14,7 @@
 #include "korvo/utils/file.h"
 #include "korvo/utils/host.h"
 #include "korvo/utils/text.h"
+#include "support/cases.h"
 #include "support/locales.h"
 #include "support/temporary_directory.h"
 
@@ -64,6 +68,32 @@ TEST(Text, ReadsNumbersTheSameInEveryLocale) {
         EXPECT_TRUE(toDouble("0x1.8") == 1.5 && toDouble("1e999") > 1e308);
     });
 }
+
+#ifdef __GLIBC__
+TEST(Text, ReadsAMillionTextsAsStrtodDoesInTheCLocale) {
+    std::vector<std::vector<std::string>> pieces;
+    for (const auto& [what, choice] : test::readCases("number_pieces.txt"))
+        pieces.push_back(test::fields(choice));
+    std::minstd_rand random(1);
+    const locale_t cLocale = ::newlocale(LC_ALL_MASK, "C", nullptr);
+    int subnormal = 0;
+    for (int i = 0; i < 1000000; ++i) {
+        std::string text;
+        for (std::size_t slot = i % 100 == 0 ? 0 : 1; slot < pieces.size(); ++slot)
+            text += pieces[slot][(random() >> 8) % pieces[slot].size()];
+        char* expectedEnd = nullptr;
+        const char* end = nullptr;
+        const double expected = ::strtod_l(text.c_str(), &expectedEnd, cLocale);
+        const double value = toDouble(text.c_str(), &end);
+        ASSERT_TRUE(end == expectedEnd && std::signbit(value) == std::signbit(expected) &&
+                    (value == expected || (std::isnan(value) && std::isnan(expected))))
+            << text << ": " << value << " instead of " << expected;
+        subnormal += std::fpclassify(value) == FP_SUBNORMAL ? 1 : 0;
+    }
+    EXPECT_GT(subnormal, 1000) << "the texts are too plain";
+    ::freelocale(cLocale);
+}
+#endif
 
 TEST(File, WritesFromEmptyAndReadsToTheEnd) {
     const test::TemporaryDirectory directory;

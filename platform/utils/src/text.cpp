@@ -1,13 +1,21 @@
 #include "korvo/utils/text.h"
 
-#include <locale.h>
-#include <stdlib.h>
-
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
+#include <limits>
+#include <new>
 
 namespace korvo::utils {
+namespace {
+
+bool isWhiteSpace(char character) {
+    return character == ' ' || (character >= '\t' && character <= '\r');
+}
+
+}  // namespace
 
 void split(const std::string& text, const std::string& separator, std::vector<std::string>& pieces) {
     if (text.empty()) return;
@@ -30,9 +38,6 @@ void split(const std::string& text, const std::string& separator, std::vector<st
 }
 
 void trim(std::string& text) {
-    const auto isWhiteSpace = [](char character) {
-        return character == ' ' || (character >= '\t' && character <= '\r');
-    };
     std::size_t end = text.size();
     while (end > 0 && isWhiteSpace(text[end - 1])) --end;
     text.resize(end);
@@ -128,12 +133,65 @@ std::string format(const char* format, ...) {
     return result;
 }
 
+namespace {
+
+/**
+ * Whether a number that no double comes near is too large, not too small: its first digit but zeros stands before
+ * the point after the exponent has moved that.
+ */
+bool isTooLarge(const char* text, const char* end, bool hexadecimal) {
+    long long digitsBeforePoint = 0;
+    bool significant = false;
+    bool fraction = false;
+    for (; text != end && (*text | 0x20) != (hexadecimal ? 'p' : 'e'); ++text) {
+        significant = significant || (*text != '0' && *text != '.');
+        if (*text == '.')
+            fraction = true;
+        else if (significant != fraction)
+            digitsBeforePoint += significant ? 1 : -1;
+    }
+    long long exponent = 0;
+    if (text != end) {
+        if (*++text == '+') ++text;
+        const bool fits = std::from_chars(text, end, exponent).ec == std::errc();
+        if (!fits) return *text != '-';
+    }
+    return exponent > -(hexadecimal ? 4 * digitsBeforePoint : digitsBeforePoint);
+}
+
+/** Reads a number without sign and prefix; returns its end, @p text when there is none. */
+const char* readNumber(const char* text, const char* end, std::chars_format format, double& value) {
+    const bool hexadecimal = format == std::chars_format::hex;
+    // What may not follow a sign or prefix, though it may stand at the beginning.
+    if (*text == '-' || (hexadecimal && (*text | 0x20) == 'i') || (hexadecimal && (*text | 0x20) == 'n'))
+        return text;
+    const auto [stop, error] = std::from_chars(text, end, value, format);
+    // Some standard libraries copy a text, which may be long.
+    if (error == std::errc::not_enough_memory) throw std::bad_alloc();
+    if (error == std::errc::result_out_of_range)
+        value = isTooLarge(text, stop, hexadecimal) ? std::numeric_limits<double>::infinity() : 0.0;
+    return stop;
+}
+
+}  // namespace
+
+// Not strtod(), which follows the host's locale, and which in small C libraries rounds wrongly.
 double toDouble(const char* text, const char** end) {
-    static const locale_t cLocale = ::newlocale(LC_ALL_MASK, "C", nullptr);
-    char* stop = nullptr;
-    const double value = ::strtod_l(text, &stop, cLocale);
-    if (end != nullptr) *end = stop;
-    return value;
+    const char* number = text;
+    while (isWhiteSpace(*number)) ++number;
+    const bool negative = *number == '-';
+    if (negative || *number == '+') ++number;
+    const char* const textEnd = number + std::strlen(number);
+    double value = 0.0;
+    const char* stop = number;
+    if (number[0] == '0' && (number[1] | 0x20) == 'x') {
+        stop = readNumber(number + 2, textEnd, std::chars_format::hex, value);
+        if (stop == number + 2) stop = number;
+    }
+    if (stop == number) stop = readNumber(number, textEnd, std::chars_format::general, value);
+    const bool read = stop != number;
+    if (end != nullptr) *end = read ? stop : text;
+    return read && negative ? -value : value;
 }
 
 }  // namespace korvo::utils
