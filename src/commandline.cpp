@@ -1,5 +1,6 @@
 #include "korvo/variant_utils/commandline.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -194,6 +195,29 @@ void ParseCommandLine(int argc, const char** argv, Variant& definitions, Variant
     Variant& commandLine = result["commandLine"];
     commandLine["executed"] = std::move(executed);
     commandLine["fullPath"] = std::move(fullPath);
+}
+
+Variant OptionValue(const Variant& definitions, const Variant& result, const char* longName) {
+    const std::string name = longName;
+    const Variant* given = result.GetKeyChain(TypeAny, ("parameters/" + name).c_str(), false);
+    if (given != nullptr) return *given;
+    const Declaration declaration = findDeclaration(definitions, "--" + name);
+    return declaration.defaultValue != nullptr ? *declaration.defaultValue : Variant();
+}
+
+std::vector<std::string> OptionTexts(int argc, const char** argv, const Variant& definitions,
+                                     const char* longName) {
+    std::vector<std::string> texts;
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i] != nullptr ? argv[i] : "";
+        const std::size_t nameEnd = std::min(argument.find('='), argument.size());
+        const Declaration declaration = findDeclaration(definitions, argument.substr(0, nameEnd));
+        if (declaration.longName == nullptr) continue;
+        const std::string& declaredName = *declaration.longName;
+        if (declaredName == longName)
+            texts.push_back(argument.substr(std::min(nameEnd + 1, argument.size())));
+    }
+    return texts;
 }
 
 }  // namespace korvo::variant
