@@ -10,6 +10,8 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
+#include <map>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -156,13 +158,9 @@ bool isControl(char character) {
 
 /** Appends the components of a key; false when the key is refused. */
 bool splitKey(const std::string& key, std::vector<std::string>& components) {
-    if (key.find_first_of("/[]=") != std::string::npos || std::any_of(key.begin(), key.end(), isControl))
-        return false;
+    if (SystemCfgManager::keyFault(key) != nullptr) return false;
     utils::split(key, ".", components);
-    if (components.empty() || components.size() > maxKeyComponents) return false;
-    return std::none_of(components.begin(), components.end(), [](const std::string& component) {
-        return component.empty() || component.front() == '#';
-    });
+    return true;
 }
 
 bool isContainer(const Variant& node) {
@@ -216,13 +214,8 @@ bool equals(const Variant& stored, const std::string& value) {
 bool canBeValue(int) {
     return true;
 }
-/**
- * Whether a text loads again as it is written: a line break would end it, and a host may take it for ended by
- * a NUL.
- */
 bool canBeValue(const std::string& value) {
-    return value.find_first_of(std::string_view("\n\0", 2)) == std::string::npos &&
-           (value.empty() || value.back() != '\r');
+    return SystemCfgManager::valueFault(value) == nullptr;
 }
 
 // Processes
@@ -500,4 +493,126 @@ bool SystemCfgManager::saveCounted() {
     }
     if (failure != nullptr) KORVO_LOG_FROM("close", LevelError, 0, "%s", failure);
     return failure == nullptr;
+}
+
+const char* SystemCfgManager::keyFault(const std::string& key) {
+    if (key.empty()) return "it is empty";
+    if (key.front() == '.' || key.back() == '.' || key.find("..") != std::string::npos)
+        return "it has an empty component";
+    if (std::count(key.begin(), key.end(), '.') >= std::ptrdiff_t{maxKeyComponents})
+        return "it has more than 64 components";
+    if (key.front() == '#' || key.find(".#") != std::string::npos)
+        return "a component of it begins with \"#\"";
+    if (key.find_first_of("/[]=") != std::string::npos) return "it holds \"/\", \"[\", \"]\" or \"=\"";
+    if (std::any_of(key.begin(), key.end(), isControl)) return "it holds a control character";
+    return nullptr;
+}
+
+const char* SystemCfgManager::valueFault(const std::string& value) {
+    // What would end the line, and what a host may take for the end of the text.
+    if (value.find('\n') != std::string::npos || (!value.empty() && value.back() == '\r'))
+        return "it holds a line break";
+    if (value.find('\0') != std::string::npos) return "it holds a zero byte";
+    return nullptr;
+}
+
+namespace {
+
+/** Finds the lines that Variant::FromKVP() refuses, in a text that it refused. */
+class FaultFinder {
+  public:
+    explicit FaultFinder(std::vector<SystemCfgManager::Fault>& found) : faults(found) {}
+
+    void look(std::string_view text) {
+        for (std::size_t begin = 0; begin < text.size();) {
+            const std::size_t lineFeed = text.find('\n', begin);
+            std::string_view line = text.substr(begin, lineFeed - begin);
+            begin = std::min(lineFeed, text.size() - 1) + 1;
+            if (lineFeed != std::string_view::npos && !line.empty() && line.back() == '\r')
+                line.remove_suffix(1);
+            ++number;
+            if (!line.empty() && line.front() != '#') lookAt(line);
+        }
+        if (faults.empty()) faults.push_back({0, "it is no key=value text"});
+    }
+
+  private:
+    void lookAt(std::string_view line) {
+        const std::size_t equals = line.find('=');
+        if (equals == std::string_view::npos) {
+            if (line.find_first_not_of(" \t\v\f\r") != std::string_view::npos) add("there is no \"=\"");
+        } else if (line.back() == '\r') {
+            add("the value ends with a carriage return");
+        } else if (std::count(line.begin(), line.begin() + static_cast<std::ptrdiff_t>(equals), '.') >=
+                   std::ptrdiff_t{maxKeyComponents}) {
+            add("the key has more than 64 components");
+        } else {
+            place(line.substr(0, equals));
+        }
+    }
+
+    /** Notes the key of a line, unless it and that of a line before it would be a value and a group at once. */
+    void place(std::string_view key) {
+        const auto group = groups.find(key);
+        if (group != groups.end()) {
+            add("\"" + std::string(key) + "\" is a group of keys since line " +
+                std::to_string(group->second));
+            return;
+        }
+        for (std::size_t dot = key.find('.'); dot != std::string_view::npos; dot = key.find('.', dot + 1)) {
+            const auto value = values.find(key.substr(0, dot));
+            if (value != values.end()) {
+                add("\"" + std::string(value->first) + "\" is a value since line " +
+                    std::to_string(value->second) + ", so nothing can be below it");
+                return;
+            }
+        }
+        for (std::size_t dot = key.find('.'); dot != std::string_view::npos; dot = key.find('.', dot + 1))
+            groups.emplace(key.substr(0, dot), number);
+        values.emplace(key, number);
+    }
+
+    void add(std::string reason) { faults.push_back({number, std::move(reason)}); }
+
+    std::vector<SystemCfgManager::Fault>& faults;
+    std::map<std::string_view, std::size_t> values;  ///< the line of each value's key
+    std::map<std::string_view, std::size_t> groups;  ///< the first line of each group
+    std::size_t number = 0;
+};
+
+}  // namespace
+
+bool SystemCfgManager::load(const std::string& text, Variant& tree, std::vector<Fault>* faults) {
+    std::string rewritten = text;
+    rewriteLoaded(rewritten, false);
+    if (tree.FromKVP(rewritten, true, true, true)) return true;
+    tree.Reset();
+    if (faults != nullptr) FaultFinder(*faults).look(text);
+    return false;
+}
+
+bool SystemCfgManager::parse(const std::string& text, std::vector<Change>& changes,
+                             std::vector<Fault>* faults) {
+    Variant tree;
+    if (!load(text, tree, faults)) return false;
+    std::vector<Change> found;
+    bool accepted = true;
+    std::size_t line = 1;
+    std::size_t counted = 0;
+    forEachPair(text, [&](std::size_t begin, std::size_t equals, std::size_t end) {
+        line += static_cast<std::size_t>(std::count(text.begin() + static_cast<std::ptrdiff_t>(counted),
+                                                    text.begin() + static_cast<std::ptrdiff_t>(begin), '\n'));
+        counted = begin;
+        found.push_back({text.substr(begin, equals - begin), text.substr(equals + 1, end - equals - 1)});
+        const char* const keyReason = keyFault(found.back().key);
+        const char* const valueReason = valueFault(*found.back().value);
+        if (keyReason == nullptr && valueReason == nullptr) return;
+        accepted = false;
+        if (faults != nullptr)
+            faults->push_back({line, keyReason != nullptr
+                                         ? std::string("the key is refused: ") + keyReason
+                                         : std::string("the value is refused: ") + valueReason});
+    });
+    if (accepted) std::move(found.begin(), found.end(), std::back_inserter(changes));
+    return accepted;
 }

@@ -11,9 +11,12 @@
  */
 #pragma once
 
+#include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "korvo/variant/variant.h"
 #include "korvo/variant_utils/export.h"
@@ -64,6 +67,18 @@ class InterProcessMutex;
  */
 class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
   public:
+    /** One change for apply(). */
+    struct Change {
+        std::string key;                   ///< dotted
+        std::optional<std::string> value;  ///< none removes the key and all below it
+    };
+
+    /** Why a text does not load. */
+    struct Fault {
+        std::size_t line;    ///< counted from 1; 0 when it is the text as a whole
+        std::string reason;  ///< in English, without the line, such as `there is no "="`
+    };
+
     /** With a tree of its own, every value held as a string, and index components as they are. */
     SystemCfgManager();
 
@@ -168,6 +183,36 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      */
     bool getSystemCfgValue(const std::string& key, korvo::variant::VariantType type,
                            korvo::variant::Variant** value);
+
+    /** @name Texts, keys and values
+     * For programs that look at a configuration without using the store. They take no lock and touch no file.
+     * @{ */
+
+    /**
+     * Loads a text as read() loads the file, with every value held as a string.
+     *
+     * @param text    the text of a configuration
+     * @param tree    receives the tree; null when the text does not load
+     * @param faults  what keeps the text from loading is added to it, in the order of the lines
+     */
+    static bool load(const std::string& text, korvo::variant::Variant& tree, std::vector<Fault>* faults);
+
+    /**
+     * The pairs of a text as changes, in the order of the lines and with the values as they are written, boolean words
+     * too. A text is refused when it does not load, or has a key or a value that set() refuses.
+     *
+     * @param text     the text of a configuration or a part of one
+     * @param changes  the changes are added to it, when the text is accepted; of a repeated key there are two
+     * @param faults   why the text is refused is added to it, in the order of the lines
+     */
+    static bool parse(const std::string& text, std::vector<Change>& changes, std::vector<Fault>* faults);
+
+    /** Which rule a key breaks, such as "it is empty"; null for a key that is well-formed. */
+    static const char* keyFault(const std::string& key);
+
+    /** Which rule a value breaks, such as "it holds a line break"; null for one that may be stored. */
+    static const char* valueFault(const std::string& value);
+    /** @} */
 
   private:
     KORVO_VARIANT_UTILS_PRIVATE bool isOpen() const;
