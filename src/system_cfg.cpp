@@ -10,9 +10,11 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 #include <iterator>
 #include <map>
 #include <new>
+#include <set>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -26,6 +28,7 @@
 
 namespace utils = korvo::utils;
 using korvo::logger::LevelError;
+using korvo::logger::LevelWarning;
 using korvo::variant::TypeAny;
 using korvo::variant::TypeArray;
 using korvo::variant::TypeMap;
@@ -178,6 +181,49 @@ bool canHold(Variant& node, const std::string& name) {
     return indexed == nullptr || indexed == node.GetKeyChain(TypeAny, name.c_str(), true);
 }
 
+/**
+ * The map for the last component of a key, made with its parents when they are missing, and that component; null when the
+ * key is refused, and nothing is made then.
+ */
+Variant* findParent(Variant& root, bool escapeIndexKeys, const std::string& key, std::string& lastKey) {
+    bool escaped = true;
+    if (escapeIndexKeys) {
+        forEachIndexComponent(
+            key, [&](std::size_t, std::size_t underscores) { escaped = escaped && underscores > 0; });
+    }
+    std::vector<std::string> components;
+    const bool accepted = escaped && splitKey(key, components);
+    lastKey.clear();  // only now, because it may be the key itself
+    if (!accepted) return nullptr;
+    // Whatever refuses the key stands before the first missing member, so nothing has been made then.
+    Variant* parent = &root;
+    for (std::size_t i = 0;; ++i) {
+        if (!canHold(*parent, components[i])) return nullptr;
+        if (!isContainer(*parent)) parent->IsArray(false);
+        if (i + 1 == components.size()) break;
+        parent = &(*parent)[components[i]];
+    }
+    lastKey = std::move(components.back());
+    return parent;
+}
+
+/** The value under a key; null when there is none. False when the key is refused. */
+bool findValue(Variant& root, const std::string& key, VariantType type, Variant*& value) {
+    value = nullptr;
+    std::vector<std::string> components;
+    if (!splitKey(key, components)) return false;
+    std::string path;
+    for (const std::string& component : components) {
+        if (!path.empty()) path += '/';
+        // In brackets a letter is a text key in every variant library; bare, it need not be.
+        const bool letter =
+            component.size() == 1 && std::isalpha(static_cast<unsigned char>(component[0])) != 0;
+        path += letter ? "[" + component + "]" : component;
+    }
+    value = root.GetKeyChain(type, path.c_str(), true);
+    return true;
+}
+
 /** The integer that a text stands for; the nearest int, whatever the width of long. */
 int clampedInt(const char* text) {
     return static_cast<int>(std::clamp<long long>(std::strtoll(text, nullptr, 10), INT_MIN, INT_MAX));
@@ -216,6 +262,99 @@ bool canBeValue(int) {
 }
 bool canBeValue(const std::string& value) {
     return SystemCfgManager::valueFault(value) == nullptr;
+}
+
+/** Stores a member of a map; whether that changed it. */
+template <class Value>
+bool store(Variant& parent, const std::string& name, const Value& value) {
+    const Variant* stored = parent.GetKeyChain(categoryOf(value), name.c_str(), true);
+    if (stored != nullptr && equals(*stored, value)) return false;
+    parent[name] = value;
+    return true;
+}
+
+/** Removes a value or a group from the tree; whether there was one. */
+bool remove(Variant& root, const std::string& key) {
+    Variant* node = nullptr;
+    if (!findValue(root, key, TypeAny, node) || node == nullptr) return false;
+    std::string lines;
+    const bool hasLines = !isContainer(*node) ? static_cast<VariantType>(*node) != TypeNull
+                                              : !node->ToKVP(lines, "=", "\n") || !lines.empty();
+    // A null member has no line, and nothing finds it.
+    node->Reset();
+    return hasLines;
+}
+
+/** Makes one change in a tree, and notes whether it made a difference. False when it is refused. */
+bool makeChange(Variant& root, bool escapeIndexKeys, const SystemCfgManager::Change& change, bool& differs) {
+    if (!change.value) {
+        if (SystemCfgManager::keyFault(change.key) != nullptr) return false;
+        differs = remove(root, change.key) || differs;
+        return true;
+    }
+    std::string lastKey;
+    Variant* const parent =
+        canBeValue(*change.value) ? findParent(root, escapeIndexKeys, change.key, lastKey) : nullptr;
+    if (parent == nullptr) return false;
+    differs = store(*parent, lastKey, *change.value) || differs;
+    return true;
+}
+
+// The file
+
+/** Removes a temporary file on the way out of a failure. */
+void removeKeepingErrno(const std::string& temporary) {
+    const int error = errno;
+    (void)::unlink(temporary.c_str());
+    errno = error;
+}
+
+/** Puts a text in the place of the configuration, in one step, while the lock is held. A failure leaves errno to tell why. */
+bool replaceConfiguration(const std::string& text, const InterProcessMutex& lock) {
+    char temporaryName[128];
+    std::snprintf(temporaryName, sizeof temporaryName, "%s.%d", configurationPath,
+                  static_cast<int>(::getpid()));
+    const std::string temporary = utils::devicePath(temporaryName);
+    const std::string target = utils::devicePath(configurationPath);
+    utils::File file;
+    if (!file.Initialize(temporary, utils::FILE_OPEN_MODE_TRUNCATE)) {
+        KORVO_LOG_FROM("write", LevelError, 0, "Failed to open system.cfg");
+        return false;
+    }
+    // Whoever holds the lock by now may have written since this manager loaded the file.
+    if (!file.WriteString(text) || !file.CopyAccess(target) || !file.Close() || !lock.held()) {
+        removeKeepingErrno(temporary);
+        KORVO_LOG_FROM("write", LevelError, 0, "Failed to write system.cfg");
+        return false;
+    }
+    if (std::rename(temporary.c_str(), target.c_str()) != 0) {
+        removeKeepingErrno(temporary);
+        KORVO_LOG_FROM("write", LevelError, 0, "Failed to move %s to /tmp/system.cfg", temporaryName);
+        return false;
+    }
+    return true;
+}
+
+/** Takes the configuration's lock for a function of that name; false, with the error logged, when that fails. */
+bool acquireLock(InterProcessMutex& lock, const char* function) {
+    const int result = lock.acquire();
+    if (result != 0)
+        KORVO_LOG_FROM(function, LevelError, 0, "Failed to acquire system.cfg mutex, res=%d", result);
+    return result == 0;
+}
+
+/** Reads the configuration for a function of that name; false, with the error logged, when that fails. */
+bool readConfiguration(std::string& text, const char* function) {
+    utils::File file;
+    if (!file.Initialize(utils::devicePath(configurationPath), utils::FILE_OPEN_MODE_READ)) {
+        KORVO_LOG_FROM(function, LevelError, 0, "Failed to open system.cfg file");
+        return false;
+    }
+    if (!file.ReadStringAll(text)) {
+        KORVO_LOG_FROM(function, LevelError, 0, "Failed to read system.cfg file");
+        return false;
+    }
+    return true;
 }
 
 // Processes
@@ -278,11 +417,7 @@ bool SystemCfgManager::init() {
     }
     initialized = false;
     changed = false;
-    const int result = mutex->acquire();
-    if (result != 0) {
-        KORVO_LOG(LevelError, "Failed to acquire system.cfg mutex, res=%d", result);
-        return false;
-    }
+    if (!acquireLock(*mutex, __func__)) return false;
     // Also when memory runs out while reading.
     const auto giveBack = [](InterProcessMutex* held) { (void)held->release(); };
     std::unique_ptr<InterProcessMutex, decltype(giveBack)> lock(mutex.get(), giveBack);
@@ -298,17 +433,8 @@ bool SystemCfgManager::init() {
 }
 
 bool SystemCfgManager::read() {
-    utils::File file;
-    if (!file.Initialize(utils::devicePath(configurationPath), utils::FILE_OPEN_MODE_READ)) {
-        KORVO_LOG(LevelError, "Failed to open system.cfg file");
-        return false;
-    }
     std::string text;
-    if (!file.ReadStringAll(text)) {
-        KORVO_LOG(LevelError, "Failed to read system.cfg file");
-        return false;
-    }
-    (void)file.Close();
+    if (!readConfiguration(text, __func__)) return false;
     rewriteLoaded(text, escapeIndexKeys);
     emptiedByRead = true;  // also when memory runs out
     variant->Reset();
@@ -327,34 +453,16 @@ bool SystemCfgManager::checkNotEmptied(const char* function) {
 }
 
 bool SystemCfgManager::write() {
-    if (!checkInitialized(__func__) || !checkNotEmptied(__func__)) return false;
+    return checkInitialized(__func__) && checkNotEmptied(__func__) && writeTree(*variant);
+}
+
+bool SystemCfgManager::writeTree(const Variant& tree) {
     std::string text;
-    if (!variant->ToKVP(text, "=", "\n") || (escapeIndexKeys && !rewriteForFile(text))) {
-        KORVO_LOG(LevelError, "Failed to serialize variant to key-value pairs");
+    if (!tree.ToKVP(text, "=", "\n") || (escapeIndexKeys && !rewriteForFile(text))) {
+        KORVO_LOG_FROM("write", LevelError, 0, "Failed to serialize variant to key-value pairs");
         return false;
     }
-    char temporaryName[128];
-    std::snprintf(temporaryName, sizeof temporaryName, "%s.%d", configurationPath,
-                  static_cast<int>(::getpid()));
-    const std::string temporary = utils::devicePath(temporaryName);
-    const std::string target = utils::devicePath(configurationPath);
-    utils::File file;
-    if (!file.Initialize(temporary, utils::FILE_OPEN_MODE_TRUNCATE)) {
-        KORVO_LOG(LevelError, "Failed to open system.cfg");
-        return false;
-    }
-    // Whoever holds the lock by now may have written since this manager loaded the file.
-    if (!file.WriteString(text) || !file.CopyAccess(target) || !file.Close() || !mutex->held()) {
-        (void)::unlink(temporary.c_str());
-        KORVO_LOG(LevelError, "Failed to write system.cfg");
-        return false;
-    }
-    if (std::rename(temporary.c_str(), target.c_str()) != 0) {
-        (void)::unlink(temporary.c_str());
-        KORVO_LOG(LevelError, "Failed to move %s to /tmp/system.cfg", temporaryName);
-        return false;
-    }
-    return true;
+    return replaceConfiguration(text, *mutex);
 }
 
 bool SystemCfgManager::getVariant(Variant& out) {
@@ -370,42 +478,14 @@ void SystemCfgManager::markChanged() {
 }
 
 void SystemCfgManager::getLastNode(const std::string& key, Variant*& node, std::string& lastKey) {
-    node = nullptr;
-    bool escaped = true;
-    if (escapeIndexKeys) {
-        forEachIndexComponent(
-            key, [&](std::size_t, std::size_t underscores) { escaped = escaped && underscores > 0; });
-    }
-    std::vector<std::string> components;
-    const bool accepted = escaped && splitKey(key, components);
-    lastKey.clear();  // only now, because it may be the key itself
-    if (!accepted) return;
-    // Whatever refuses the key stands before the first missing member, so nothing has been made then.
-    Variant* parent = variant;
-    for (std::size_t i = 0;; ++i) {
-        if (!canHold(*parent, components[i])) return;
-        if (!isContainer(*parent)) parent->IsArray(false);
-        if (i + 1 == components.size()) break;
-        parent = &(*parent)[components[i]];
-    }
-    node = parent;
-    lastKey = std::move(components.back());
+    node = findParent(*variant, escapeIndexKeys, key, lastKey);
 }
 
 bool SystemCfgManager::getSystemCfgValue(const std::string& key, VariantType type, Variant** value) {
-    if (value != nullptr) *value = nullptr;
-    std::vector<std::string> components;
-    if (!splitKey(key, components)) return false;
-    std::string path;
-    for (const std::string& component : components) {
-        if (!path.empty()) path += '/';
-        // In brackets a letter is a text key in every variant library; bare, it need not be.
-        const bool letter =
-            component.size() == 1 && std::isalpha(static_cast<unsigned char>(component[0])) != 0;
-        path += letter ? "[" + component + "]" : component;
-    }
-    if (value != nullptr) *value = variant->GetKeyChain(type, path.c_str(), true);
-    return true;
+    Variant* found = nullptr;
+    const bool accepted = findValue(*variant, key, type, found);
+    if (value != nullptr) *value = found;
+    return accepted;
 }
 
 bool SystemCfgManager::get(const std::string& key, int* value, bool* notFound) {
@@ -451,14 +531,28 @@ bool SystemCfgManager::setValue(const std::string& key, const Value& value, bool
         KORVO_LOG_FROM("set", LevelError, 0, "Failed to set system.cfg key %s", key.c_str());
         return false;
     }
-    const Variant* stored = parent->GetKeyChain(categoryOf(value), lastKey.c_str(), true);
-    const bool differs = stored == nullptr || !equals(*stored, value);
-    if (differs) {
-        changed = true;
-        (*parent)[lastKey] = value;
-    }
+    const bool differs = store(*parent, lastKey, value);
+    changed = changed || differs;
     if (valueChanged != nullptr) *valueChanged = differs;
     return write();
+}
+
+bool SystemCfgManager::apply(const std::vector<Change>& changes, bool* valuesChanged) {
+    if (!checkInitialized(__func__) || !checkNotEmptied(__func__)) return false;
+    // In a copy, which takes the tree's place once it is written.
+    Variant edited = *variant;
+    bool differs = false;
+    std::set<std::string_view> keys;
+    for (const Change& change : changes) {
+        if (keys.insert(change.key).second && makeChange(edited, escapeIndexKeys, change, differs)) continue;
+        KORVO_LOG(LevelError, "Failed to set system.cfg key %s", change.key.c_str());
+        return false;
+    }
+    if (!writeTree(edited)) return false;
+    *variant = std::move(edited);
+    changed = changed || differs;
+    if (valuesChanged != nullptr) *valuesChanged = differs;
+    return true;
 }
 
 bool SystemCfgManager::close(bool saveToFlash, bool forceSave) {
@@ -615,4 +709,90 @@ bool SystemCfgManager::parse(const std::string& text, std::vector<Change>& chang
     });
     if (accepted) std::move(found.begin(), found.end(), std::back_inserter(changes));
     return accepted;
+}
+
+namespace {
+
+/** The largest count of flash writes that a line of the text tells, 0 when none does; the text may be damaged. */
+int countedIn(const std::string& text) {
+    int count = 0;
+    forEachPair(text, [&](std::size_t begin, std::size_t equals, std::size_t end) {
+        if (text.compare(begin, equals - begin, flashCyclesKey) == 0)
+            count = std::max(count, clampedInt(text.substr(equals + 1, end - equals - 1).c_str()));
+    });
+    return count;
+}
+
+bool loads(const std::string& text) {
+    Variant tree;
+    return SystemCfgManager::load(text, tree, nullptr);
+}
+
+/**
+ * Puts a text that loads in the place of the configuration, with the largest count of flash writes that any of the texts
+ * tells. The text goes there as it is when it has that count already.
+ */
+bool install(std::string text, std::initializer_list<const std::string*> counted,
+             const InterProcessMutex& lock, const char* function) {
+    int count = 0;
+    for (const std::string* other : counted) count = std::max(count, countedIn(*other));
+    if (count > countedIn(text)) {
+        Variant tree;
+        std::string lastKey;
+        Variant* const parent = SystemCfgManager::load(text, tree, nullptr)
+                                    ? findParent(tree, false, flashCyclesKey, lastKey)
+                                    : nullptr;
+        if (parent == nullptr) {
+            KORVO_LOG_FROM(function, LevelError, 0, "Failed to set system.cfg key %s", flashCyclesKey);
+            return false;
+        }
+        (*parent)[lastKey] = utils::format("%d", count);
+        if (!tree.ToKVP(text, "=", "\n")) {
+            KORVO_LOG_FROM(function, LevelError, 0, "Failed to serialize variant to key-value pairs");
+            return false;
+        }
+    }
+    return replaceConfiguration(text, lock);
+}
+
+}  // namespace
+
+bool SystemCfgManager::restore(const std::string& defaults, bool replace) {
+    InterProcessMutex lock("system.cfg", true);
+    if (!acquireLock(lock, __func__)) return false;
+    std::string working;
+    const bool missing = ::access(utils::devicePath(configurationPath).c_str(), F_OK) != 0 && errno == ENOENT;
+    if (!missing && !replace) {
+        if (!readConfiguration(working, __func__)) return false;
+        if (loads(working)) return true;
+        KORVO_LOG(LevelError, "Failed to deserialize system.cfg file");
+        return false;
+    }
+    (void)utils::File::ReadStringAll(utils::devicePath(configurationPath), working);
+    std::string flash;
+    std::string factory;
+    const bool hasFlash = utils::loadFromFlashRaw(flash);
+    const bool hasFactory = !defaults.empty() && utils::File::ReadStringAll(defaults, factory);
+    if (hasFlash && loads(flash)) return install(flash, {&working, &factory}, lock, __func__);
+    if (!hasFactory || !loads(factory)) {
+        KORVO_LOG(LevelError, "Failed to restore system.cfg from flash or from %s", defaults.c_str());
+        return false;
+    }
+    if (hasFlash) KORVO_LOG(LevelWarning, "damaged flash copy of system.cfg, taking %s", defaults.c_str());
+    return install(factory, {&working, &flash}, lock, __func__);
+}
+
+bool SystemCfgManager::reset(const std::string& defaults) {
+    InterProcessMutex lock("system.cfg", true);
+    if (!acquireLock(lock, __func__)) return false;
+    std::string factory;
+    if (!utils::File::ReadStringAll(defaults, factory) || !loads(factory)) {
+        KORVO_LOG(LevelError, "Failed to load the factory settings %s", defaults.c_str());
+        return false;
+    }
+    std::string working;
+    std::string flash;
+    (void)utils::File::ReadStringAll(utils::devicePath(configurationPath), working);
+    (void)utils::loadFromFlashRaw(flash);
+    return install(factory, {&working, &flash}, lock, __func__);
 }

@@ -67,7 +67,7 @@ Arguments::Arguments(int argc, const char** argv) {
         if (!texts.empty()) given[option.longName] = texts.front();
     }
     std::vector<std::string> rest;
-    const Variant& unknown = parsed["unknownParameters"];
+    Variant& unknown = parsed["unknownParameters"];
     for (auto word = unknown.num_begin(); word != unknown.num_end(); ++word)
         rest.push_back(static_cast<const std::string&>(word->second));
     valid = check(rest);
@@ -94,7 +94,8 @@ bool Arguments::checkOptions() {
         const auto found = given.find(option.longName);
         if (found == given.end()) continue;
         const std::string name = found->first;
-        if (option.value == nullptr && !found->second.empty()) return refuse("--" + name + " takes no value", chosen);
+        if (option.value == nullptr && !found->second.empty())
+            return refuse("--" + name + " takes no value", chosen);
         if (option.value != nullptr && found->second.empty())
             return refuse("--" + name + " needs a value, as in --" + name + '=' + option.value, chosen);
         if (chosen == nullptr && name != "help" && name != "version") return refuse("a command is missing");

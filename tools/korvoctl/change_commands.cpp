@@ -33,7 +33,8 @@ bool flashHoldsTheSame() {
     korvo::variant::Variant flash;
     korvo::variant::Variant working;
     if (!korvo::utils::loadFromFlashRaw(text) || !SystemCfgManager::load(text, flash, nullptr)) return false;
-    return readWhole(workingCopyPath(), text) && SystemCfgManager::load(text, working, nullptr) && flash == working;
+    return readWhole(workingCopyPath(), text) && SystemCfgManager::load(text, working, nullptr) &&
+           flash == working;
 }
 
 /** Makes the name of the flash copy durable: whoever saved it may have been killed before doing so. */
@@ -51,15 +52,19 @@ ExitStatus close(SystemCfgManager& store, bool saveToFlash) {
     forgetLibraryMessages();
     if (!saveToFlash) return store.close(false, false) ? Done : failed(libraryFailure());
     if (!flashHoldsTheSame())
-        return store.close(true, true) ? Done : failed("the working copy is kept, but not saved: " + libraryFailure());
-    if (!syncFlashFolder()) return failed("cannot make " + flashCopyPath() + " durable: " + systemError(errno));
+        return store.close(true, true)
+                   ? Done
+                   : failed("the working copy is kept, but not saved: " + libraryFailure());
+    if (!syncFlashFolder())
+        return failed("cannot make " + flashCopyPath() + " durable: " + systemError(errno));
     return store.close(false, false) ? Done : failed(libraryFailure());
 }
 
 /** Why a key cannot be given a value, or be removed for a change without one; empty when it can. */
 std::string refusal(const Values& values, const Change& change, bool force) {
     const std::string& key = change.key;
-    if (const char* fault = SystemCfgManager::keyFault(key)) return "the key '" + key + "' is refused: " + fault;
+    if (const char* fault = SystemCfgManager::keyFault(key))
+        return "the key '" + key + "' is refused: " + fault;
     if (change.value) {
         if (const char* fault = SystemCfgManager::valueFault(*change.value))
             return "the value of " + key + " is refused: " + fault;
@@ -86,7 +91,7 @@ ExitStatus tryOut(Values values, const std::vector<Change>& changes, bool force)
     return Done;
 }
 
-ExitStatus apply(const std::vector<Change>& changes, const Arguments& arguments) {
+ExitStatus makeChanges(const std::vector<Change>& changes, const Arguments& arguments) {
     SystemCfgManager store;
     korvo::variant::Variant tree;
     if (!open(store)) return Failed;
@@ -117,13 +122,13 @@ ExitStatus setValues(const Arguments& arguments) {
         if (equals == std::string::npos) return wrongUsage("'" + pair + "' is no KEY=VALUE", "set");
         changes.push_back({pair.substr(0, equals), pair.substr(equals + 1)});
     }
-    return eachOnce(changes, "set") ? apply(changes, arguments) : WrongUsage;
+    return eachOnce(changes, "set") ? makeChanges(changes, arguments) : WrongUsage;
 }
 
 ExitStatus unsetKeys(const Arguments& arguments) {
     std::vector<Change> changes;
     for (const std::string& key : arguments.operands()) changes.push_back({key, std::nullopt});
-    return eachOnce(changes, "unset") ? apply(changes, arguments) : WrongUsage;
+    return eachOnce(changes, "unset") ? makeChanges(changes, arguments) : WrongUsage;
 }
 
 ExitStatus applyFile(const Arguments& arguments) {
@@ -133,7 +138,7 @@ ExitStatus applyFile(const Arguments& arguments) {
     std::vector<SystemCfgManager::Fault> faults;
     if (!readWhole(name, text)) return failed("cannot read " + name + ": " + systemError(errno));
     if (!SystemCfgManager::parse(text, changes, &faults)) return failed(describe(name, faults.front()));
-    return eachOnce(changes, "apply") ? apply(changes, arguments) : WrongUsage;
+    return eachOnce(changes, "apply") ? makeChanges(changes, arguments) : WrongUsage;
 }
 
 ExitStatus save(const Arguments&) {
@@ -144,22 +149,17 @@ ExitStatus save(const Arguments&) {
 ExitStatus restore(const Arguments& arguments) {
     const std::string defaults = arguments.text("defaults");
     const bool replace = arguments.has("force");
-    const bool wasThere = ::access(workingCopyPath().c_str(), F_OK) == 0;
-    bool restored = false;
+    const bool needed = replace || ::access(workingCopyPath().c_str(), F_OK) != 0;
     {
         const WaitNotice notice;
-        restored = SystemCfgManager::restore(defaults, replace);
+        if (!SystemCfgManager::restore(defaults, replace)) return failed(libraryFailure());
     }
-    const std::string flashFault = wasThere && !replace ? std::string() : firstFault(flashCopyPath());
-    if (restored) {
-        // Services would run with other settings than before the power cut, and nobody would know why.
-        if (!flashFault.empty() && ::access(flashCopyPath().c_str(), F_OK) == 0)
-            tell(flashFault + "; " + defaults + " has been taken instead");
-        return Done;
-    }
-    const std::string failure = libraryFailure();
-    if (failure.compare(0, sizeof noSource - 1, noSource) != 0) return failed(failure);
-    return failed("nothing to restore: " + flashFault + "; " + (defaults.empty() ? "no --defaults given" : firstFault(defaults)));
+    std::string text;
+    korvo::variant::Variant tree;
+    // Or nobody would know why the services run with other settings than before the power cut.
+    if (needed && korvo::utils::loadFromFlashRaw(text) && !SystemCfgManager::load(text, tree, nullptr))
+        tell(firstFault(flashCopyPath()) + "; " + defaults + " has been taken instead");
+    return Done;
 }
 
 ExitStatus reset(const Arguments& arguments) {

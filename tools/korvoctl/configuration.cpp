@@ -73,7 +73,7 @@ std::string describe(const std::string& name, const SystemCfgManager::Fault& fau
 
 std::string firstFault(const std::string& path) {
     Variant tree;
-    std::string reason = path + " has been changed meanwhile; try again";
+    std::string reason = path + ": it loads by now";
     (void)load(path, tree, reason);
     return reason;
 }

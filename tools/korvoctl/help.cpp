@@ -8,7 +8,8 @@ namespace korvoctl {
 namespace {
 
 ExitStatus explain(const Command& command) {
-    const std::string synopsis = std::string("korvoctl ") + command.name + (*command.operands != '\0' ? " " : "") + command.operands;
+    const std::string synopsis =
+        std::string("korvoctl ") + command.name + (*command.operands != '\0' ? " " : "") + command.operands;
     korvo::variant::Variant options;
     declareOptions(&command, options);
     PrintHelp(synopsis.c_str(), options);
@@ -33,8 +34,10 @@ ExitStatus help(const Arguments& arguments) {
         std::printf("  %-18s %s\n", synopsis.c_str(), command.summary);
     }
     std::printf(
-        "\n--root=DIR goes with every command: it uses the device tree in that folder. 'korvoctl help COMMAND'\n"
-        "explains a command and its options. Exit status: 0 done; 1 the answer is no; 2 wrong usage; 3 failed.\n");
+        "\n--root=DIR goes with every command: it uses the device tree in that folder. 'korvoctl help "
+        "COMMAND'\n"
+        "explains a command and its options. Exit status: 0 done; 1 the answer is no; 2 wrong usage; 3 "
+        "failed.\n");
     return Done;
 }
 

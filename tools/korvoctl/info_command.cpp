@@ -1,24 +1,26 @@
 #include <string>
-#include <vector>
 
 #include "arguments.h"
 #include "commands.h"
 #include "configuration.h"
 #include "korvo/utils/device_root.h"
+#include "korvo/utils/file.h"
 #include "korvo/variant_utils/camerainfo.h"
 #include "output.h"
 
 namespace korvoctl {
 namespace {
 
-/** Why the device information is not complete; some files the library fails on without a message. */
+/** Why the device information is not complete; on some files the library fails without a message. */
 std::string whyIncomplete() {
     const std::string told = libraryFailure();
     if (!told.empty()) return told;
     const std::string board = korvo::utils::devicePath("/etc/board.info");
-    Values loaded;
-    const std::string reason = firstFault(board);
-    return !reason.empty() ? reason : firstFault(korvo::utils::devicePath("/lib/version"));
+    std::string text;
+    korvo::variant::Variant tree;
+    const bool boardLoads =
+        korvo::utils::File::ReadStringAll(board, text) && tree.FromKVP(text, true, true, true);
+    return firstFault(boardLoads ? korvo::utils::devicePath("/lib/version") : board);
 }
 
 }  // namespace

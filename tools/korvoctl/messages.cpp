@@ -41,13 +41,30 @@ const Meaning meanings[] = {
      [](const std::string& rest) {
          return "cannot unlock " + workingCopyPath() + ".lock: " + systemError(std::atoi(rest.c_str()));
      }},
-    {"Failed to open system.cfg file", [](const std::string&) { return because("cannot read " + workingCopyPath()); }},
-    {"Failed to read system.cfg file", [](const std::string&) { return because("cannot read " + workingCopyPath()); }},
-    {"Failed to deserialize system.cfg file", [](const std::string&) { return firstFault(workingCopyPath()); }},
-    {"Failed to open system.cfg", [](const std::string&) { return because("cannot replace " + workingCopyPath()); }},
-    {"Failed to write system.cfg", [](const std::string&) { return because("cannot replace " + workingCopyPath()); }},
+    {"Failed to open system.cfg file",
+     [](const std::string&) { return because("cannot read " + workingCopyPath()); }},
+    {"Failed to read system.cfg file",
+     [](const std::string&) { return because("cannot read " + workingCopyPath()); }},
+    {"Failed to deserialize system.cfg file",
+     [](const std::string&) { return firstFault(workingCopyPath()); }},
+    {"Failed to open system.cfg",
+     [](const std::string&) { return because("cannot replace " + workingCopyPath()); }},
+    {"Failed to write system.cfg",
+     [](const std::string&) { return because("cannot replace " + workingCopyPath()); }},
     {"Failed to move ", [](const std::string&) { return because("cannot replace " + workingCopyPath()); }},
-    {"Failed to save to flash", [](const std::string&) { return because("cannot write " + flashCopyPath()); }},
+    {"Failed to save to flash",
+     [](const std::string&) { return because("cannot write " + flashCopyPath()); }},
+    {"Failed to restore system.cfg from flash or from ",
+     [](const std::string& rest) {
+         return "nothing to restore: " + firstFault(flashCopyPath()) + "; " +
+                (rest.empty() ? "no --defaults are given" : firstFault(rest));
+     }},
+    {"Failed to load the factory settings ", [](const std::string& rest) { return firstFault(rest); }},
+    {"Failed to set system.cfg key system.flash.cycles",
+     [](const std::string&) -> std::string {
+         return "\"system.flash\" cannot hold the count of flash writes: \"system\" or \"system.flash\" has "
+                "a value";
+     }},
     {"Unable to open ", [](const std::string& rest) { return because("cannot read " + rest); }},
     {"Failed to match FW version regex, fw=",
      [](const std::string& rest) { return "/lib/version holds no firmware version, but '" + rest + "'"; }},
@@ -90,7 +107,8 @@ void forgetLibraryMessages() {
 std::string libraryFailure() {
     for (const Meaning& meaning : meanings) {
         const std::string begin = meaning.begin;
-        if (firstError.compare(0, begin.size(), begin) == 0) return meaning.words(firstError.substr(begin.size()));
+        if (firstError.compare(0, begin.size(), begin) == 0)
+            return meaning.words(firstError.substr(begin.size()));
     }
     return firstError;
 }

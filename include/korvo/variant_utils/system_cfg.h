@@ -156,6 +156,21 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     bool set(const std::string& key, const std::string& value, bool* valueChanged);
 
     /**
+     * Makes many changes, in their order, and writes the file once, also when nothing changed. A change without a
+     * value removes a key and all below it, where there is something; one with a value does what set() does.
+     *
+     * All or nothing: when a key or a value is refused, a key is given twice, or writing fails, the tree, the file
+     * and @p valuesChanged stay as they were. In the end the tree is another one, so that references into a
+     * borrowed one are no longer valid.
+     *
+     * Like every function here that writes the file, it leaves in errno why the file could not be written.
+     *
+     * @param changes        the changes; texts, whatever the manager holds values as
+     * @param valuesChanged  receives whether any of them made a difference
+     */
+    bool apply(const std::vector<Change>& changes, bool* valuesChanged);
+
+    /**
      * Ends the use of the store.
      *
      * A tree that changed is written; with @p saveToFlash it is also copied to flash. @p forceSave does both
@@ -183,6 +198,36 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      */
     bool getSystemCfgValue(const std::string& key, korvo::variant::VariantType type,
                            korvo::variant::Variant** value);
+
+    /** @name The life of a configuration
+     * For what happens before there is a configuration to open, and after. Both wait for the lock. When they fail
+     * the file is as it was, with the reason logged.
+     * @{ */
+
+    /**
+     * The way back after a power-up: where "/tmp/system.cfg" is missing, puts the flash copy in its place, or, when
+     * that is missing too or does not load, the file @p defaults. To be called before the services start.
+     *
+     * The text comes as it is, whole, in one step; the file has mode 0600 unless it replaces one, whose access
+     * it then keeps. Only "system.flash.cycles" may be set: to the largest count that is told by the working
+     * copy, the flash copy or @p defaults, also by one that is damaged.
+     *
+     * @param defaults  path of the factory settings, as it is, not below the device root; may be empty
+     * @param replace   whether a working copy that is there is replaced
+     * @return true also when there was a working copy that loads and nothing was done; false when there is one that
+     *         does not load, or nothing to put in its place
+     */
+    static bool restore(const std::string& defaults, bool replace);
+
+    /**
+     * Factory settings: puts the file @p defaults in the place of "/tmp/system.cfg", whatever state that is in. Of
+     * what was set before, only the count of flash writes stays, as with restore(). The flash copy stays as it is
+     * until the configuration is saved.
+     *
+     * @param defaults  path of the factory settings, as it is, not below the device root
+     */
+    static bool reset(const std::string& defaults);
+    /** @} */
 
     /** @name Texts, keys and values
      * For programs that look at a configuration without using the store. They take no lock and touch no file.
@@ -218,6 +263,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     KORVO_VARIANT_UTILS_PRIVATE bool isOpen() const;
     KORVO_VARIANT_UTILS_PRIVATE bool checkInitialized(const char* function);
     KORVO_VARIANT_UTILS_PRIVATE bool checkNotEmptied(const char* function);
+    KORVO_VARIANT_UTILS_PRIVATE bool writeTree(const korvo::variant::Variant& tree);
     template <class Value>
     KORVO_VARIANT_UTILS_PRIVATE bool setValue(const std::string& key, const Value& value, bool* valueChanged);
     KORVO_VARIANT_UTILS_PRIVATE bool saveCounted();
