@@ -772,13 +772,14 @@ bool SystemCfgManager::restore(const std::string& defaults, bool replace) {
     std::string flash;
     std::string factory;
     const bool hasFlash = utils::loadFromFlashRaw(flash);
+    const bool flashMissing = !hasFlash && errno == ENOENT;
     const bool hasFactory = !defaults.empty() && utils::File::ReadStringAll(defaults, factory);
     if (hasFlash && loads(flash)) return install(flash, {&working, &factory}, lock, __func__);
     if (!hasFactory || !loads(factory)) {
         KORVO_LOG(LevelError, "Failed to restore system.cfg from flash or from %s", defaults.c_str());
         return false;
     }
-    if (hasFlash) KORVO_LOG(LevelWarning, "damaged flash copy of system.cfg, taking %s", defaults.c_str());
+    if (!flashMissing) KORVO_LOG(LevelWarning, "damaged flash copy of system.cfg, taking %s", defaults.c_str());
     return install(factory, {&working, &flash}, lock, __func__);
 }
 

@@ -21,8 +21,9 @@ class Korvoctl : public testing::Test {
 
     /** Runs a command of the shell, for the files "output" and "errors"; its exit status. */
     int run(const std::string& command) const {
-        const std::string setUp = "cd '" + device.path().string() +
-                                  "' && exec 2>errors >output && PATH=$PWD/bin:$PATH && flash=." KORVO_FLASH_DIR "\n";
+        const std::string setUp =
+            "cd '" + device.path().string() +
+            "' && exec 2>errors >output && PATH=$PWD/bin:$PATH && flash=." KORVO_FLASH_DIR "\n";
         const int status = std::system((setUp + command).c_str());  // NOLINT(concurrency-mt-unsafe)
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
