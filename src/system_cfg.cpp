@@ -273,31 +273,27 @@ bool store(Variant& parent, const std::string& name, const Value& value) {
     return true;
 }
 
-/** Removes a value or a group from the tree; whether there was one. */
-bool remove(Variant& root, const std::string& key) {
-    Variant* node = nullptr;
-    if (!findValue(root, key, TypeAny, node) || node == nullptr) return false;
-    std::string lines;
-    const bool hasLines = !isContainer(*node) ? static_cast<VariantType>(*node) != TypeNull
-                                              : !node->ToKVP(lines, "=", "\n") || !lines.empty();
-    // A null member has no line, and nothing finds it.
-    node->Reset();
-    return hasLines;
-}
-
-/** Makes one change in a tree, and notes whether it made a difference. False when it is refused. */
-bool makeChange(Variant& root, bool escapeIndexKeys, const SystemCfgManager::Change& change, bool& differs) {
+/** Makes one change in a tree. False when it is refused. */
+bool makeChange(Variant& root, bool escapeIndexKeys, const SystemCfgManager::Change& change) {
     if (!change.value) {
-        if (SystemCfgManager::keyFault(change.key) != nullptr) return false;
-        differs = remove(root, change.key) || differs;
+        Variant* node = nullptr;
+        if (!findValue(root, change.key, TypeAny, node)) return false;
+        // A null member has no line, and nothing finds it.
+        if (node != nullptr) node->Reset();
         return true;
     }
     std::string lastKey;
     Variant* const parent =
         canBeValue(*change.value) ? findParent(root, escapeIndexKeys, change.key, lastKey) : nullptr;
-    if (parent == nullptr) return false;
-    differs = store(*parent, lastKey, *change.value) || differs;
-    return true;
+    if (parent != nullptr) (void)store(*parent, lastKey, *change.value);
+    return parent != nullptr;
+}
+
+/** Whether two trees have the same lines in the file. */
+bool sameLines(const Variant& one, const Variant& other) {
+    std::string lines;
+    std::string otherLines;
+    return one.ToKVP(lines, "=", "\n") && other.ToKVP(otherLines, "=", "\n") && lines == otherLines;
 }
 
 // The file
@@ -541,13 +537,14 @@ bool SystemCfgManager::apply(const std::vector<Change>& changes, bool* valuesCha
     if (!checkInitialized(__func__) || !checkNotEmptied(__func__)) return false;
     // In a copy, which takes the tree's place once it is written.
     Variant edited = *variant;
-    bool differs = false;
     std::set<std::string_view> keys;
     for (const Change& change : changes) {
-        if (keys.insert(change.key).second && makeChange(edited, escapeIndexKeys, change, differs)) continue;
+        if (keys.insert(change.key).second && makeChange(edited, escapeIndexKeys, change)) continue;
         KORVO_LOG(LevelError, "Failed to set system.cfg key %s", change.key.c_str());
         return false;
     }
+    // By what they come to in the end: to remove a group and store it anew need not wear the flash.
+    const bool differs = !sameLines(*variant, edited);
     if (!writeTree(edited)) return false;
     *variant = std::move(edited);
     changed = changed || differs;
@@ -779,7 +776,8 @@ bool SystemCfgManager::restore(const std::string& defaults, bool replace) {
         KORVO_LOG(LevelError, "Failed to restore system.cfg from flash or from %s", defaults.c_str());
         return false;
     }
-    if (!flashMissing) KORVO_LOG(LevelWarning, "damaged flash copy of system.cfg, taking %s", defaults.c_str());
+    if (!flashMissing)
+        KORVO_LOG(LevelWarning, "damaged flash copy of system.cfg, taking %s", defaults.c_str());
     return install(factory, {&working, &flash}, lock, __func__);
 }
 

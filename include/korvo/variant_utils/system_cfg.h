@@ -166,7 +166,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * Like every function here that writes the file, it leaves in errno why the file could not be written.
      *
      * @param changes        the changes; texts, whatever the manager holds values as
-     * @param valuesChanged  receives whether any of them made a difference
+     * @param valuesChanged  receives whether the file has other pairs than before
      */
     bool apply(const std::vector<Change>& changes, bool* valuesChanged);
 
