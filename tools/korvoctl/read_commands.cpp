@@ -39,20 +39,23 @@ ExitStatus select(const Values& all, const std::vector<std::string>& keys, Value
 }  // namespace
 
 ExitStatus getValues(const Arguments& arguments) {
-    std::set<std::string> keys;
-    for (const std::string& key : arguments.operands()) {
+    const std::vector<std::string>& keys = arguments.operands();
+    std::set<std::string> once;
+    for (const std::string& key : keys) {
+        if (!once.insert(key).second) return wrongUsage("the key " + key + " is given twice", "get");
+    }
+    for (const std::string& key : keys) {
         const char* const fault = SystemCfgManager::keyFault(key);
         if (fault != nullptr) return failed("the key '" + key + "' is refused: " + fault);
-        if (!keys.insert(key).second) return wrongUsage("the key " + key + " is given twice", "get");
     }
     Values all;
     Values found;
     if (!loadFile(workingCopyPath(), all)) return Failed;
-    const ExitStatus status = select(all, arguments.operands(), found);
+    const ExitStatus status = select(all, keys, found);
     if (arguments.has("json")) {
         printJson(nested(found));
     } else if (keys.size() > 1) {
-        printLines(pairLines(found));
+        for (const std::string& key : keys) printLines(pairLines(part(found, key)));
     } else if (!found.empty()) {
         printLines(found.begin()->second + '\n');
     }

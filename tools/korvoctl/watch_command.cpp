@@ -23,7 +23,7 @@ class FileWatch {
         descriptor = ::inotify_init1(IN_CLOEXEC);
         // The folder, because the file is another one after each write.
         const std::string folder = path.substr(0, path.rfind('/') + 1);
-        const std::uint32_t events = IN_MOVED_TO | IN_MOVED_FROM | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE |
+        const std::uint32_t events = IN_MOVED_TO | IN_MOVED_FROM | IN_CLOSE_WRITE | IN_DELETE |
                                      IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
         watching = descriptor >= 0 && ::inotify_add_watch(descriptor, folder.c_str(), events) >= 0;
     }
