@@ -10,7 +10,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <initializer_list>
 #include <iterator>
 #include <map>
 #include <new>
@@ -725,31 +724,34 @@ bool loads(const std::string& text) {
     return SystemCfgManager::load(text, tree, nullptr);
 }
 
-/**
- * Puts a text that loads in the place of the configuration, with the largest count of flash writes that any of the texts
- * tells. The text goes there as it is when it has that count already.
- */
-bool install(std::string text, std::initializer_list<const std::string*> counted,
-             const InterProcessMutex& lock, const char* function) {
-    int count = 0;
-    for (const std::string* other : counted) count = std::max(count, countedIn(*other));
-    if (count > countedIn(text)) {
-        Variant tree;
-        std::string lastKey;
-        Variant* const parent = SystemCfgManager::load(text, tree, nullptr)
-                                    ? findParent(tree, false, flashCyclesKey, lastKey)
-                                    : nullptr;
-        if (parent == nullptr) {
-            KORVO_LOG_FROM(function, LevelError, 0, "Failed to set system.cfg key %s", flashCyclesKey);
-            return false;
-        }
-        (*parent)[lastKey] = utils::format("%d", count);
-        if (!tree.ToKVP(text, "=", "\n")) {
-            KORVO_LOG_FROM(function, LevelError, 0, "Failed to serialize variant to key-value pairs");
-            return false;
-        }
+/** Raises the count of flash writes in a text that loads; false, with the error logged, when it cannot hold one. */
+bool raiseCount(std::string& text, int count, const char* function) {
+    Variant tree;
+    Variant* known = nullptr;
+    std::string lastKey;
+    (void)SystemCfgManager::load(text, tree, nullptr);
+    (void)findValue(tree, flashCyclesKey, TypeString, known);
+    // Where nothing is to be raised the text stays as it is, comments and all.
+    if (count <= (known != nullptr ? clampedInt(*known) : 0)) return true;
+    Variant* const parent = findParent(tree, false, flashCyclesKey, lastKey);
+    if (parent == nullptr) {
+        KORVO_LOG_FROM(function, LevelError, 0, "Failed to set system.cfg key %s", flashCyclesKey);
+        return false;
     }
-    return replaceConfiguration(text, lock);
+    (*parent)[lastKey] = utils::format("%d", count);
+    if (tree.ToKVP(text, "=", "\n")) return true;
+    KORVO_LOG_FROM(function, LevelError, 0, "Failed to serialize variant to key-value pairs");
+    return false;
+}
+
+/**
+ * Puts a text that loads in the place of the configuration, with the largest count of flash writes that it or one of the
+ * others tells.
+ */
+bool install(std::string text, const std::string& other, const std::string& another,
+             const InterProcessMutex& lock, const char* function) {
+    const int count = std::max({countedIn(text), countedIn(other), countedIn(another)});
+    return raiseCount(text, count, function) && replaceConfiguration(text, lock);
 }
 
 }  // namespace
@@ -771,14 +773,14 @@ bool SystemCfgManager::restore(const std::string& defaults, bool replace) {
     const bool hasFlash = utils::loadFromFlashRaw(flash);
     const bool flashMissing = !hasFlash && errno == ENOENT;
     const bool hasFactory = !defaults.empty() && utils::File::ReadStringAll(defaults, factory);
-    if (hasFlash && loads(flash)) return install(flash, {&working, &factory}, lock, __func__);
+    if (hasFlash && loads(flash)) return install(flash, working, factory, lock, __func__);
     if (!hasFactory || !loads(factory)) {
         KORVO_LOG(LevelError, "Failed to restore system.cfg from flash or from %s", defaults.c_str());
         return false;
     }
     if (!flashMissing)
         KORVO_LOG(LevelWarning, "damaged flash copy of system.cfg, taking %s", defaults.c_str());
-    return install(factory, {&working, &flash}, lock, __func__);
+    return install(factory, working, flash, lock, __func__);
 }
 
 bool SystemCfgManager::reset(const std::string& defaults) {
@@ -793,5 +795,5 @@ bool SystemCfgManager::reset(const std::string& defaults) {
     std::string flash;
     (void)utils::File::ReadStringAll(utils::devicePath(configurationPath), working);
     (void)utils::loadFromFlashRaw(flash);
-    return install(factory, {&working, &flash}, lock, __func__);
+    return install(factory, working, flash, lock, __func__);
 }

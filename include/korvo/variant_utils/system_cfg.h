@@ -200,8 +200,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
                            korvo::variant::Variant** value);
 
     /** @name The life of a configuration
-     * For what happens before there is a configuration to open, and after. Both wait for the lock. When they fail
-     * the file is as it was, with the reason logged.
+     * For what happens before there is a configuration to open, and after. Both wait for the lock, and fail where
+     * this thread has the store open. When they fail the file is as it was, with the reason logged.
      * @{ */
 
     /**
