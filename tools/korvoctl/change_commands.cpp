@@ -11,6 +11,7 @@
 #include "arguments.h"
 #include "commands.h"
 #include "configuration.h"
+#include "korvo/utils/file.h"
 #include "korvo/utils/flash.h"
 #include "waiting.h"
 
@@ -33,8 +34,8 @@ bool flashHoldsTheSame() {
     korvo::variant::Variant flash;
     korvo::variant::Variant working;
     if (!korvo::utils::loadFromFlashRaw(text) || !SystemCfgManager::load(text, flash, nullptr)) return false;
-    return readWhole(workingCopyPath(), text) && SystemCfgManager::load(text, working, nullptr) &&
-           flash == working;
+    return korvo::utils::File::ReadStringAll(workingCopyPath(), text) &&
+           SystemCfgManager::load(text, working, nullptr) && flash == working;
 }
 
 /** Makes the name of the flash copy durable: whoever saved it may have been killed before doing so. */
