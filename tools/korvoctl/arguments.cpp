@@ -38,6 +38,11 @@ bool goesWith(const std::string& option, const Command& command) {
            std::string(command.options).find(' ' + option + ' ') != std::string::npos;
 }
 
+std::string missingValue(const Option& option) {
+    const std::string name = std::string("--") + option.longName;
+    return name + " needs a value, as in " + name + '=' + option.value;
+}
+
 /** False, for the caller to return. */
 bool refuse(const std::string& message, const Command* command = nullptr) {
     (void)wrongUsage(message, command != nullptr ? command->name : "");
@@ -96,8 +101,7 @@ bool Arguments::checkOptions() {
         const std::string name = found->first;
         if (option.value == nullptr && !found->second.empty())
             return refuse("--" + name + " takes no value", chosen);
-        if (option.value != nullptr && found->second.empty())
-            return refuse("--" + name + " needs a value, as in --" + name + '=' + option.value, chosen);
+        if (option.value != nullptr && found->second.empty()) return refuse(missingValue(option), chosen);
         if (chosen == nullptr && name != "help" && name != "version") return refuse("a command is missing");
         if (chosen != nullptr && !goesWith(name, *chosen))
             return refuse("--" + name + " does not go with " + chosen->name, chosen);

@@ -61,6 +61,15 @@ ExitStatus close(SystemCfgManager& store, bool saveToFlash) {
     return store.close(false, false) ? Done : failed(libraryFailure());
 }
 
+/** The first of a key's parents that has a value; empty when none has. */
+std::string parentWithValue(const Values& values, const std::string& key) {
+    for (std::size_t dot = key.find('.'); dot != std::string::npos; dot = key.find('.', dot + 1)) {
+        std::string parent = key.substr(0, dot);
+        if (values.count(parent) != 0) return parent;
+    }
+    return {};
+}
+
 /** Why a key cannot be given a value, or be removed for a change without one; empty when it can. */
 std::string refusal(const Values& values, const Change& change, bool force) {
     const std::string& key = change.key;
@@ -69,10 +78,8 @@ std::string refusal(const Values& values, const Change& change, bool force) {
     if (change.value) {
         if (const char* fault = SystemCfgManager::valueFault(*change.value))
             return "the value of " + key + " is refused: " + fault;
-        for (std::size_t dot = key.find('.'); dot != std::string::npos; dot = key.find('.', dot + 1)) {
-            const std::string parent = key.substr(0, dot);
-            if (values.count(parent) != 0) return parent + " has a value, so there can be no key " + key;
-        }
+        const std::string parent = parentWithValue(values, key);
+        if (!parent.empty()) return parent + " has a value, so there can be no key " + key;
     }
     if (isGroup(values, key) && !force)
         return key + " is a group of keys, which only --force " + (change.value ? "replaces" : "removes");

@@ -137,8 +137,12 @@ void subtractCommon(Values& before, Values& after) {
 
 std::string differenceLines(const Values& before, const Values& after) {
     std::map<std::string, std::string> lines;
-    for (const auto& [key, value] : before) lines[key] += '-' + key + '=' + value + '\n';
-    for (const auto& [key, value] : after) lines[key] += '+' + key + '=' + value + '\n';
+    const auto add = [&](char sign, const Values& values) {
+        for (const auto& [key, value] : values)
+            lines[key].append(1, sign).append(key).append(1, '=').append(value).append(1, '\n');
+    };
+    add('-', before);
+    add('+', after);
     std::string text;
     for (const auto& line : lines) text += line.second;
     return text;

@@ -13,7 +13,7 @@ namespace {
 
 /** Why the device information is not complete; on some files the library fails without a message. */
 std::string whyIncomplete() {
-    const std::string told = libraryFailure();
+    std::string told = libraryFailure();
     if (!told.empty()) return told;
     const std::string board = korvo::utils::devicePath("/etc/board.info");
     std::string text;

@@ -32,14 +32,18 @@ std::string because(const std::string& what) {
     return what + ": " + systemError(firstErrorNumber);
 }
 
+int number(const std::string& text) {
+    return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+}
+
 const Meaning meanings[] = {
     {"Failed to acquire system.cfg mutex, res=",
      [](const std::string& rest) {
-         return "cannot lock " + workingCopyPath() + ".lock: " + systemError(std::atoi(rest.c_str()));
+         return "cannot lock " + workingCopyPath() + ".lock: " + systemError(number(rest));
      }},
     {"Failed to release system.cfg mutex, res=",
      [](const std::string& rest) {
-         return "cannot unlock " + workingCopyPath() + ".lock: " + systemError(std::atoi(rest.c_str()));
+         return "cannot unlock " + workingCopyPath() + ".lock: " + systemError(number(rest));
      }},
     {"Failed to open system.cfg file",
      [](const std::string&) { return because("cannot read " + workingCopyPath()); }},
