@@ -20,7 +20,11 @@ std::string pairLines(const Values& values) {
     return lines;
 }
 
-/** The values under the keys; missing ones are told and make the status No, malformed ones Failed. */
+ExitStatus groupInstead(const std::string& key) {
+    return answerNo(key + " is a group of keys; 'korvoctl dump " + key + "' prints it");
+}
+
+/** The values under the keys; missing ones are told and make the status No. */
 ExitStatus select(const Values& all, const std::vector<std::string>& keys, Values& found) {
     ExitStatus status = Done;
     for (const std::string& key : keys) {
@@ -28,7 +32,7 @@ ExitStatus select(const Values& all, const std::vector<std::string>& keys, Value
         if (value != all.end()) {
             found.insert(*value);
         } else if (isGroup(all, key)) {
-            status = answerNo(key + " is a group of keys; 'korvoctl dump " + key + "' prints it");
+            status = groupInstead(key);
         } else {
             status = answerNo("there is no value under the key " + key);
         }
