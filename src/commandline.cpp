@@ -1,5 +1,6 @@
 #include "korvo/variant_utils/commandline.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <climits>
@@ -197,6 +198,32 @@ void ParseCommandLine(int argc, const char** argv, Variant& definitions, Variant
     Variant& commandLine = result["commandLine"];
     commandLine["executed"] = std::move(executed);
     commandLine["fullPath"] = std::move(fullPath);
+}
+
+Variant OptionValue(const Variant& definitions, const Variant& result, const char* longName) {
+    const std::string name = longName;
+    Variant searched = result;  // a copy, because only a value that may be changed can be searched
+    const Variant* given = searched.GetKeyChain(TypeAny, ("parameters/" + name).c_str(), false);
+    if (given != nullptr) return *given;
+    searched = definitions;
+    const Declaration declaration = findDeclaration(searched, "--" + name);
+    return declaration.defaultValue != nullptr ? *declaration.defaultValue : Variant();
+}
+
+std::vector<std::string> OptionTexts(int argc, const char** argv, const Variant& definitions,
+                                     const char* longName) {
+    std::vector<std::string> texts;
+    Variant searched = definitions;  // a copy, because only a value that may be changed can be searched
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i] != nullptr ? argv[i] : "";
+        const std::size_t nameEnd = std::min(argument.find('='), argument.size());
+        const Declaration declaration = findDeclaration(searched, argument.substr(0, nameEnd));
+        if (declaration.longName == nullptr) continue;
+        const std::string& declaredName = *declaration.longName;
+        if (declaredName == longName)
+            texts.push_back(argument.substr(std::min(nameEnd + 1, argument.size())));
+    }
+    return texts;
 }
 
 }  // namespace korvo::variant

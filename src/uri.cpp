@@ -347,7 +347,33 @@ void UriParser::store(URI& uri) {
     uri.userName(std::move(userName));
 }
 
+/** The value of a hexadecimal digit, or -1. */
+int hexDigit(char digit) {
+    if (digit >= '0' && digit <= '9') return digit - '0';
+    if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+    if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
+    return -1;
+}
+
 }  // namespace
+
+std::string percentDecode(const std::string& text) {
+    std::string decoded;
+    decoded.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool escape = text[i] == '%' && i + 2 < text.size();
+        const int high = escape ? hexDigit(text[i + 1]) : -1;
+        const int low = escape ? hexDigit(text[i + 2]) : -1;
+        if (high >= 0 && low >= 0) {
+            decoded += static_cast<char>(high * 16 + low);
+            i += 2;
+        } else {
+            decoded += text[i];
+        }
+    }
+    return decoded;
+}
+
 }  // namespace korvo::variant
 
 bool parseURI(std::string text, korvo::variant::URI& uri) {

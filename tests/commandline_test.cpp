@@ -122,4 +122,23 @@ TEST(CommandLine, ConvertsValuesByHowTheyAreWrittenInEveryLocale) {
     });
 }
 
+TEST(CommandLine, TellsWhatAnOptionIsSetToAndWhatWasTypedForIt) {
+    test::LogCapture log;
+    Variant options = cameraOptions();
+    const Variant before = parse(options, {}), declared = options;
+    const Variant result = parse(options, {"--port=010", "-v", "--/x"});
+    EXPECT_EQ(OptionValue(options, before, "port"), Variant(554));
+    EXPECT_EQ(OptionValue(options, result, "port"), Variant(8ULL));
+    EXPECT_EQ(OptionValue(options, result, "verbose"), Variant(false)) << "bare, so the declared default";
+    for (const char* name : {"", "none", "/x", "port/description", "p"})
+        EXPECT_EQ(OptionValue(options, result, name), Variant()) << name;
+    EXPECT_EQ(options, declared) << "a look-up made something";
+
+    const char* arguments[] = {"cam",    "-p=010",  nullptr,          "port=1",
+                               "--port", "--por=2", "--port==a=\xff", "-p="};
+    EXPECT_THAT(OptionTexts(8, arguments, options, "port"), testing::ElementsAre("010", "", "=a=\xff", ""));
+    EXPECT_THAT(OptionTexts(8, arguments, options, "verbose"), testing::IsEmpty());
+    EXPECT_THAT(OptionTexts(0, nullptr, options, "port"), testing::IsEmpty());
+}
+
 }  // namespace

@@ -63,6 +63,7 @@ namespace {
 using namespace korvo::variant;
 
 const std::string longText = "a text that is too long for the small string optimisation";
+std::string factory;  ///< path of factory settings
 
 /** Runs an operation with another failing allocation each time, until none fails any more. */
 template <class Check, class Operation>
@@ -170,6 +171,7 @@ TEST(LittleStack, Of32KiBIsEnough) {
 TEST(FailingMemory, LeavesTheConfigurationWholeAndUnlocked) {
     const test::Device device;
     device.write("tmp/system.cfg", "section.item=" + longText + "\nsystem.flash.cycles=41\n");
+    factory = device.write("factory", "section.item=" + longText + "\nsystem.name=" + longText + "\n");
     SystemCfgManager kept, survivor;
     const auto check = [&] {
         const std::string text = device.read("tmp/system.cfg");
@@ -187,6 +189,17 @@ TEST(FailingMemory, LeavesTheConfigurationWholeAndUnlocked) {
             (void)(store.set("section.new.item", longText + value, nullptr) && store.getVariant(tree));
             (void)store.close(save, save);
         });
+    }
+    for (const auto& step :
+         {+[] {
+              SystemCfgManager store;
+              if (!store.init()) return;
+              (void)store.apply({{"section.z", longText}, {"system.old", std::nullopt}}, nullptr);
+              (void)store.close(false, false);
+          },
+          +[] { (void)SystemCfgManager::restore(factory, true); },
+          +[] { (void)SystemCfgManager::reset(factory); }}) {
+        failEachAllocation(check, step);
     }
     // A manager that outlives a failed init has not kept the lock. Nor its tree, which is no leak.
     failEachAllocation(check, [&] {

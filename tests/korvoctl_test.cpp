@@ -1,26 +1,64 @@
 #include <gmock/gmock.h>
-#include <sys/wait.h>
 
+#include <thread>
+
+#include "korvo/utils/file.h"
+#include "korvo/utils/inter_process_mutex.h"
 #include "support/cases.h"
-#include "support/temporary_directory.h"
+#include "support/shell.h"
 
 namespace {
 
-TEST(Korvoctl, AnswersCommandsWithResultsErrorsAndExitStatus) {
-    const test::TemporaryDirectory device;
-    std::filesystem::copy(SAMPLE_DEVICE, device.path(), std::filesystem::copy_options::recursive);
-    const std::string setUp = "cd '" + device.path().string() + "' && exec 2>errors >output && flash=." +
-                              KORVO_FLASH_DIR + "\nkorvoctl() { '" + KORVOCTL + "' \"$@\"; }\n";
+struct Korvoctl : testing::Test {
+    test::ShellDevice device{KORVOCTL};
+};
+
+TEST_F(Korvoctl, AnswersCommandsWithResultsErrorsAndExitStatus) {
+    std::filesystem::create_symlink(TEST_DATA "/../complete", device.path() / "bin/complete");
     for (const auto& [command, expected] : test::readCases("korvoctl.txt")) {
         SCOPED_TRACE(command);
         const auto wanted = test::fields(expected);
-        const int status = std::system((setUp + command).c_str());  // NOLINT(concurrency-mt-unsafe)
-        EXPECT_EQ(std::to_string(WEXITSTATUS(status)) + '|' + device.read("output"),
-                  wanted.at(0) + '|' + wanted.at(1));
+        EXPECT_EQ(device.outcome(command), wanted.at(0) + '|' + wanted.at(1));
         const std::string errors = device.read("errors");
         EXPECT_THAT(errors, testing::HasSubstr(wanted.at(2)));
         EXPECT_EQ(errors.empty(), wanted.at(2).empty()) << errors;
     }
+}
+
+TEST_F(Korvoctl, TellsOnceWhatIsWrongAndThenDoesNothing) {
+    const std::string before = device.read("tmp/system.cfg");
+    for (const auto& [arguments, expected] : test::readCases("korvoctl_refused.txt")) {
+        SCOPED_TRACE(arguments);
+        const auto wanted = test::fields(expected);
+        EXPECT_EQ(device.outcome("korvoctl -R=. " + arguments), wanted.at(0) + '|');
+        const std::string errors = device.read("errors");
+        const std::size_t lineEnd = errors.find('\n');
+        EXPECT_EQ(errors.substr(0, lineEnd), "korvoctl: " + wanted.at(1));
+        // A second line tells where to read on.
+        EXPECT_THAT(errors.substr(lineEnd + 1),
+                    testing::MatchesRegex(wanted.at(0) == "2" ? "Try 'korvoctl help[^\n]*'.\n" : ""));
+        EXPECT_EQ(device.read("tmp/system.cfg"), before);
+        EXPECT_FALSE(std::filesystem::exists(device.path().string() + KORVO_FLASH_DIR));
+    }
+}
+
+TEST_F(Korvoctl, TellsForWhomItWaitsAndOnlyWritersWait) {
+    InterProcessMutex lock("system.cfg", true);
+    ASSERT_EQ(lock.acquire(), 0);
+    EXPECT_EQ(device.run("korvoctl -R=. get network.http.port && korvoctl -R=. check && korvoctl -R=. dump"),
+              0);
+    std::thread writer([&] { EXPECT_EQ(device.run("korvoctl -R=. set network.http.port=8080"), 0); });
+    for (int tries = 0; tries < 3000 && device.read("errors").empty(); ++tries)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_THAT(device.read("tmp/system.cfg"), testing::HasSubstr("network.http.port=80\n"));
+    EXPECT_EQ(lock.release(), 0);
+    writer.join();
+    std::string name;  // not this program's where an emulator runs it
+    EXPECT_TRUE(korvo::utils::File::ReadStringAll("/proc/self/comm", name));
+    EXPECT_EQ(device.read("errors"), "korvoctl: waiting for process " + std::to_string(::getpid()) + " (" +
+                                         name.substr(0, name.size() - 1) +
+                                         "), which has the configuration open\n");
+    EXPECT_THAT(device.read("tmp/system.cfg"), testing::HasSubstr("network.http.port=8080\n"));
 }
 
 }  // namespace

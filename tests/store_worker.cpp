@@ -1,5 +1,6 @@
 // A process that uses the configuration store, for the scripts that break it.
 //   store_worker ROOT KEY VALUE             one use, step by step: scripts/fault-injection, scripts/power-cut
+//   store_worker ROOT --step STEP           apply, restore, replace or reset: scripts/fault-injection-steps, scripts/power-cut
 //   store_worker ROOT --storm SEED THREADS  counts until ROOT/stop exists: scripts/kill-storm
 
 #include <fcntl.h>
@@ -57,6 +58,24 @@ int use(const char* key, const char* value) {
     }
     (void)report("set", store.set(key, value, nullptr));
     return report("close", store.close(true, false)) ? 0 : 1;
+}
+
+bool applyChanges() {
+    SystemCfgManager store;
+    if (!store.init() ||
+        !store.apply({{"video.bitrate", "2048"}, {"audio", std::nullopt}, {"video.codec", "h265"}}, nullptr))
+        return false;
+    (void)store.close(false, false);  // which writes once more what has been written already
+    return true;
+}
+
+/** A step in the life of a configuration; 0 done, 1 failed, 2 failed and the lock is still held. */
+int performStep(const std::string& step, const std::string& defaults) {
+    const bool done = step == "apply"   ? applyChanges()
+                      : step == "reset" ? SystemCfgManager::reset(defaults)
+                                        : SystemCfgManager::restore(defaults, step == "replace");
+    InterProcessMutex probe("system.cfg", true);
+    return done ? 0 : probe.acquire() == 0 ? 1 : 2;
 }
 
 /** Counts in the store, and notes each step in ROOT/journal, so that a killer knows how far it came. */
@@ -130,6 +149,8 @@ class Storm {
 int main(int count, char** arguments) {
     if (count < 4) return 3;
     korvo::utils::setDeviceRoot(arguments[1]);
+    if (count == 4 && arguments[2] == std::string("--step"))
+        return performStep(arguments[3], arguments[1] + std::string("/factory"));
     if (count == 4) return use(arguments[2], arguments[3]);
     Storm(arguments[1])
         .run(static_cast<unsigned>(std::stoul(arguments[3])),

@@ -10,9 +10,11 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <thread>
 
 #include "korvo/utils/inter_process_mutex.h"
+#include "korvo/utils/text.h"
 #include "support/cases.h"
 #include "support/child_process.h"
 #include "support/device.h"
@@ -436,6 +438,75 @@ TEST_F(SystemCfgTest, KillAtAnyMomentLeavesWholeFilesAndAFreeLock) {
             EXPECT_THAT(text, testing::MatchesRegex("a=[0-9]+\nsystem.flash.cycles=[0-9]+\n"));
         SystemCfgManager next;
         EXPECT_TRUE(next.init() && next.close(true, true) && configuration() == flashCopy());
+    }
+}
+
+TEST_F(SystemCfgTest, AppliesAllChangesOrNone) {
+    for (const auto& [input, expected] : test::readCases("store_changes.txt")) {
+        SCOPED_TRACE(input);
+        const auto given = test::fields(input), wanted = test::fields(expected);
+        std::vector<SystemCfgManager::Change> changes;
+        std::istringstream list(given[1]);
+        for (std::string change; std::getline(list, change, ';');) {
+            const std::size_t equals = change.find('=');
+            if (change[0] == '-') {
+                changes.push_back({change.substr(1), std::nullopt});
+            } else {
+                changes.push_back({change.substr(0, equals), change.substr(equals + 1)});
+            }
+        }
+        configuration(given[0]);
+        SystemCfgManager store(&tree, false, true, true);
+        ASSERT_TRUE(store.init());
+        const Variant before = tree;
+        bool differed = true;
+        const bool accepted = store.apply(changes, &differed);
+        EXPECT_EQ(accepted ? differed ? "accepted, changed" : "accepted" : log.messages(), wanted[0]);
+        EXPECT_EQ(configuration(), wanted[1]);
+        EXPECT_TRUE(accepted || (differed && tree == before));
+        EXPECT_TRUE(store.close(true, false));
+        EXPECT_EQ(flashCopy().empty(), wanted[0] != "accepted, changed")
+            << "what is marked as changed is saved";
+        fs::remove_all(root.path() / flashFolder);
+    }
+}
+
+TEST_F(SystemCfgTest, ChangesThatCannotBeWrittenAreNotMade) {
+    SystemCfgManager store(&tree, false, true, true);
+    bool differed = false;
+    ASSERT_TRUE(store.init());
+    const Variant before = tree;
+    fs::create_directories(path.string() + '.' + std::to_string(::getpid()) + "/in the way");
+    EXPECT_FALSE(store.apply({{"a", "2"}, {"b", "3"}}, &differed));
+    EXPECT_EQ(log.messages(), "Failed to open system.cfg");
+    EXPECT_TRUE(!differed && tree == before && configuration() == "a=1\n");
+    EXPECT_TRUE(store.close(true, false) && flashCopy().empty()) << "marked as changed";
+}
+
+TEST_F(SystemCfgTest, RestoresAndResetsWholeTexts) {
+    const std::string copy = flashFolder + "/system.cfg", lacks = "lacks";
+    for (const auto& [input, expected] : test::readCases("store_lives.txt")) {
+        SCOPED_TRACE(input);
+        const auto given = test::fields(input), wanted = test::fields(expected);
+        const std::string files[] = {"tmp/system.cfg", copy, "factory"};
+        for (std::size_t i = 0; i < 3; ++i) {
+            if (given[i + 1] == lacks)
+                fs::remove(root.path() / files[i]);
+            else
+                root.write(files[i], given[i + 1]);
+        }
+        const std::string defaults = root.path() / "factory";
+        const bool done = given[0] == "reset" ? SystemCfgManager::reset(defaults)
+                                              : SystemCfgManager::restore(defaults, given[0] == "replace");
+        std::string told = log.messages();
+        korvo::utils::replaceAll(told, root.path(), "ROOT");
+        EXPECT_EQ(told, wanted[0]);
+        EXPECT_EQ(done, told.empty() || told[0] == 'd');
+        EXPECT_EQ(fs::exists(path) ? configuration() : lacks, wanted[1]);
+        EXPECT_EQ(given[2], fs::exists(root.path() / copy) ? flashCopy() : lacks)
+            << "the flash copy is another one";
+        EXPECT_TRUE(lockIsFree());
+        EXPECT_TRUE(!done || given[1] != lacks || fs::status(path).permissions() == fs::perms(0600));
     }
 }
 

@@ -114,6 +114,11 @@ TEST(UriRecord, DerivesSiblingsWithoutPuttingAnythingBetween) {
     EXPECT_EQ(test::shown(empty), "1010 fullParameters=\nschema=");
 }
 
+TEST(PercentDecode, DecodesEscapesOnceAndLeavesTheRest) {
+    for (const auto& [text, decoded] : test::readCases("percent_escapes.txt"))
+        EXPECT_EQ(percentDecode(text), decoded) << text;
+}
+
 TEST(UriFromString, ResolvesTheHostOnlyWhenAskedTo) {
     test::LogCapture log;
     URI uri;

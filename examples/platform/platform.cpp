@@ -1,6 +1,7 @@
 // The least that a platform has to be for the library to run on it, written against the declarations of docs/porting.md
 // alone. No device should live on it: its lock excludes nobody, and nothing reaches a flash.
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -77,6 +78,10 @@ std::string devicePath(const char* path) {
 }
 bool saveToFlashRaw(bool) {
     return true;
+}
+bool loadFromFlashRaw(std::string&) {
+    errno = ENOENT;
+    return false;
 }
 
 struct File::Content : std::fstream {};

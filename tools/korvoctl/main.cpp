@@ -1,46 +1,50 @@
 // korvoctl, the operator's tool: uses the library's facilities from the command line.
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <string>
 
-#include "actions.h"
+#include "arguments.h"
+#include "commands.h"
 #include "korvo/utils/device_root.h"
 
 namespace korvoctl {
 namespace {
 
-struct Action {
-    const char* name;
-    ExitStatus (*perform)(const Options& options);
-};
-
-constexpr Action actions[] = {
-    {"uri", parseAndPrintUri},    {"get", printConfigurationValue}, {"set", setConfigurationValue},
-    {"dump", printConfiguration}, {"info", printDeviceInformation},
-};
+/** Keeps files from being opened in place of a standard stream that is closed; what is printed there still fails. */
+void occupyStandardStreams() {
+    for (int descriptor = 0; descriptor <= 2; ++descriptor) {
+        if (::fcntl(descriptor, F_GETFD) < 0 && errno == EBADF)
+            (void)::open("/dev/null", descriptor == 0 ? O_WRONLY : O_RDONLY);
+    }
+}
 
 ExitStatus run(int argc, const char** argv) {
-    Options options(argc, argv);
-    if (!options.ok()) return WrongUsage;
-    if (options.has("root")) {
-        const std::string& root = options.text("root");
+    captureLibraryMessages();
+    const Arguments arguments(argc, argv);
+    if (!arguments.ok()) return WrongUsage;
+    if (arguments.has("help")) return help(arguments);
+    if (arguments.command() == nullptr) return printVersion(arguments);
+    if (arguments.has("root")) {
+        const std::string root = arguments.text("root");
         std::error_code ignored;
         if (!std::filesystem::is_directory(root, ignored)) return failed("there is no folder " + root);
         korvo::utils::setDeviceRoot(root);
     }
-    for (const Action& action : actions) {
-        if (options.action() == action.name) return action.perform(options);
-    }
-    options.printHelp();
-    return Done;
+    forgetLibraryMessages();
+    return arguments.command()->perform(arguments);
 }
 
 }  // namespace
 }  // namespace korvoctl
 
 int main(int argc, char** argv) {
+    korvoctl::occupyStandardStreams();
     int status = korvoctl::Failed;
     try {
         status = korvoctl::run(argc, const_cast<const char**>(argv));
@@ -49,8 +53,8 @@ int main(int argc, char** argv) {
     }
     // Results that did not reach their reader, as on a full disk, must not pass for done.
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-        std::perror("korvoctl: standard output");
-        if (status == korvoctl::Done) status = korvoctl::Failed;
+        korvoctl::tell("cannot write to standard output: " + korvoctl::systemError(errno));
+        status = korvoctl::Failed;
     }
     return status;
 }

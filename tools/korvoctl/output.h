@@ -1,4 +1,4 @@
-/** @file How korvoctl prints its results. */
+/** @file How korvoctl prints its results to standard output. */
 #pragma once
 
 #include <string>
@@ -7,28 +7,19 @@
 
 namespace korvoctl {
 
-/** The process's exit status. */
-enum ExitStatus { Done = 0, Failed = 1, WrongUsage = 2 };
+/** Prints lines of a configuration: to a terminal as onOneLine() has them, to a file or a pipe byte for byte. */
+void printLines(const std::string& lines);
 
-/** Prints a message to standard error; returns Failed. */
-ExitStatus failed(const std::string& message);
-
-/** Prints a message that tells where to read on to standard error; returns WrongUsage. */
-ExitStatus wrongUsage(const std::string& message);
-
-/**
- * @p text as it can stand on one line: a backslash is written `\\`, a control character `\n`, `\r`, `\t` or
- * `\xNN`.
- */
-std::string onOneLine(const std::string& text);
-
-/**
- * Prints a record to standard output, one `key=value` line for each member, sorted by key; members of members
- * under dotted keys. An empty map has no line.
- */
-void printRecord(const korvo::variant::Variant& record);
-
-/** Prints one line to standard output. */
+/** Prints one line as onOneLine() has it, wherever it goes. */
 void printLine(const std::string& text);
+
+/** Prints a value as JSON. */
+void printJson(const korvo::variant::Variant& value);
+
+/**
+ * Prints a record as JSON, or one `key=value` line for each member, sorted by key, as onOneLine() has it; members of
+ * members under dotted keys. An empty map has no line.
+ */
+void printRecord(const korvo::variant::Variant& record, bool asJson);
 
 }  // namespace korvoctl

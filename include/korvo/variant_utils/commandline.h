@@ -7,7 +7,7 @@
  * korvo::variant::Variant options, result;
  * AddParameter(options, 'p', "port", "Listening port", 554);
  * ParseCommandLine(argc, argv, options, result);
- * int port = result["parameters"]["port"];
+ * int port = OptionValue(options, result, "port");  // 554 without -p=... or --port=...
  * @endcode
  *
  * The declarations are a Variant that the host owns: "all" holds one record per declaration in order,
@@ -19,6 +19,9 @@
  * std::bad_alloc.
  */
 #pragma once
+
+#include <string>
+#include <vector>
 
 #include "korvo/variant/variant.h"
 #include "korvo/variant_utils/export.h"
@@ -83,5 +86,30 @@ KORVO_VARIANT_UTILS_EXPORT void PrintHelp(const char* programName, Variant& defi
  */
 KORVO_VARIANT_UTILS_EXPORT void ParseCommandLine(int argc, const char** argv, Variant& definitions,
                                                  Variant& result);
+
+/**
+ * What an option is set to: the value that ParseCommandLine() found, or else the declared default.
+ *
+ * @param definitions  the declarations
+ * @param result       what ParseCommandLine() made of the arguments
+ * @param longName     the option's long name, without "/" and not in brackets
+ * @return a copy; null for an option that is not declared
+ */
+KORVO_VARIANT_UTILS_EXPORT Variant OptionValue(const Variant& definitions, const Variant& result,
+                                               const char* longName);
+
+/**
+ * What was typed for an option, byte for byte: where ParseCommandLine() makes the number 8 of `--user=010`,
+ * this has the text `010`. An option that was given twice shows as two texts.
+ *
+ * @param argc         as for ParseCommandLine()
+ * @param argv         as for ParseCommandLine()
+ * @param definitions  the declarations
+ * @param longName     the option's long name; what was given by its short name counts too
+ * @return a text for each time that the option was given, in order; empty where it had no value
+ */
+KORVO_VARIANT_UTILS_EXPORT std::vector<std::string> OptionTexts(int argc, const char** argv,
+                                                                const Variant& definitions,
+                                                                const char* longName);
 
 }  // namespace korvo::variant

@@ -11,9 +11,12 @@
  */
 #pragma once
 
+#include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "korvo/variant/variant.h"
 #include "korvo/variant_utils/export.h"
@@ -64,6 +67,18 @@ class InterProcessMutex;
  */
 class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
   public:
+    /** One change for apply(). */
+    struct Change {
+        std::string key;                   ///< dotted
+        std::optional<std::string> value;  ///< none removes the key and all below it
+    };
+
+    /** Why a text does not load. */
+    struct Fault {
+        std::size_t line;    ///< counted from 1; 0 when it is the text as a whole
+        std::string reason;  ///< in English, without the line, such as `there is no "="`
+    };
+
     /** With a tree of its own, every value held as a string, and index components as they are. */
     SystemCfgManager();
 
@@ -141,6 +156,21 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     bool set(const std::string& key, const std::string& value, bool* valueChanged);
 
     /**
+     * Makes many changes, in their order, and writes the file once, also when nothing changed. A change without a
+     * value removes a key and all below it, where there is something; one with a value does what set() does.
+     *
+     * All or nothing: when a key or a value is refused, a key is given twice, or writing fails, the tree, the file
+     * and @p valuesChanged stay as they were. In the end the tree is another one, so that references into a
+     * borrowed one are no longer valid.
+     *
+     * Like every function here that writes the file, it leaves in errno why the file could not be written.
+     *
+     * @param changes        the changes; texts, whatever the manager holds values as
+     * @param valuesChanged  receives whether the file has other pairs than before
+     */
+    bool apply(const std::vector<Change>& changes, bool* valuesChanged);
+
+    /**
      * Ends the use of the store.
      *
      * A tree that changed is written; with @p saveToFlash it is also copied to flash. @p forceSave does both
@@ -169,10 +199,71 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     bool getSystemCfgValue(const std::string& key, korvo::variant::VariantType type,
                            korvo::variant::Variant** value);
 
+    /** @name The life of a configuration
+     * For what happens before there is a configuration to open, and after. Both wait for the lock, and fail where
+     * this thread has the store open. When they fail the file is as it was, with the reason logged.
+     * @{ */
+
+    /**
+     * The way back after a power-up: where "/tmp/system.cfg" is missing, puts the flash copy in its place, or, when
+     * that is missing too or does not load, the file @p defaults. To be called before the services start.
+     *
+     * The text comes as it is, whole, in one step; the file has mode 0600 unless it replaces one, whose access
+     * it then keeps. Only "system.flash.cycles" may be set: to the largest count that is told by the working
+     * copy, the flash copy or @p defaults, also by one that is damaged.
+     *
+     * @param defaults  path of the factory settings, as it is, not below the device root; may be empty
+     * @param replace   whether a working copy that is there is replaced
+     * @return true also when there was a working copy that loads and nothing was done; false when there is one that
+     *         does not load, or nothing to put in its place
+     */
+    static bool restore(const std::string& defaults, bool replace);
+
+    /**
+     * Factory settings: puts the file @p defaults in the place of "/tmp/system.cfg", whatever state that is in. Of
+     * what was set before, only the count of flash writes stays, as with restore(). The flash copy stays as it is
+     * until the configuration is saved.
+     *
+     * @param defaults  path of the factory settings, as it is, not below the device root
+     */
+    static bool reset(const std::string& defaults);
+    /** @} */
+
+    /** @name Texts, keys and values
+     * For programs that look at a configuration without using the store. They take no lock and touch no file.
+     * @{ */
+
+    /**
+     * Loads a text as read() loads the file, with every value held as a string.
+     *
+     * @param text    the text of a configuration
+     * @param tree    receives the tree; null when the text does not load
+     * @param faults  what keeps the text from loading is added to it, in the order of the lines
+     */
+    static bool load(const std::string& text, korvo::variant::Variant& tree, std::vector<Fault>* faults);
+
+    /**
+     * The pairs of a text as changes, in the order of the lines and with the values as they are written, boolean words
+     * too. A text is refused when it does not load, or has a key or a value that set() refuses.
+     *
+     * @param text     the text of a configuration or a part of one
+     * @param changes  the changes are added to it, when the text is accepted; of a repeated key there are two
+     * @param faults   why the text is refused is added to it, in the order of the lines
+     */
+    static bool parse(const std::string& text, std::vector<Change>& changes, std::vector<Fault>* faults);
+
+    /** Which rule a key breaks, such as "it is empty"; null for a key that is well-formed. */
+    static const char* keyFault(const std::string& key);
+
+    /** Which rule a value breaks, such as "it holds a line break"; null for one that may be stored. */
+    static const char* valueFault(const std::string& value);
+    /** @} */
+
   private:
     KORVO_VARIANT_UTILS_PRIVATE bool isOpen() const;
     KORVO_VARIANT_UTILS_PRIVATE bool checkInitialized(const char* function);
     KORVO_VARIANT_UTILS_PRIVATE bool checkNotEmptied(const char* function);
+    KORVO_VARIANT_UTILS_PRIVATE bool writeTree(const korvo::variant::Variant& tree);
     template <class Value>
     KORVO_VARIANT_UTILS_PRIVATE bool setValue(const std::string& key, const Value& value, bool* valueChanged);
     KORVO_VARIANT_UTILS_PRIVATE bool saveCounted();

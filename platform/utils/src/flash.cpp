@@ -111,4 +111,8 @@ bool saveToFlashRaw(bool /*reserved*/) {
     return syncFolder(folder);
 }
 
+bool loadFromFlashRaw(std::string& text) {
+    return File::ReadStringAll(devicePath(KORVO_FLASH_DIR "/system.cfg"), text);
+}
+
 }  // namespace korvo::utils

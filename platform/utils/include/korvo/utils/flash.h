@@ -4,6 +4,8 @@
  */
 #pragma once
 
+#include <string>
+
 #include "korvo/utils/export.h"
 
 namespace korvo::utils {
@@ -21,5 +23,13 @@ namespace korvo::utils {
  * @return false, with errno set, when the configuration cannot be read or the copy cannot be made durable
  */
 KORVO_UTILS_EXPORT bool saveToFlashRaw(bool reserved);
+
+/**
+ * Reads the flash copy, without waiting for a save that goes on: it is the old copy or the new one.
+ *
+ * @param text  receives the copy, byte for byte; left as it was on failure
+ * @return false, with errno set, when there is no copy (ENOENT) or it cannot be read
+ */
+KORVO_UTILS_EXPORT bool loadFromFlashRaw(std::string& text);
 
 }  // namespace korvo::utils

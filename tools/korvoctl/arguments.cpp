@@ -1,0 +1,132 @@
+#include "arguments.h"
+
+#include <utility>
+
+#include "commands.h"
+#include "korvo/variant_utils/commandline.h"
+
+namespace korvoctl {
+namespace {
+
+using korvo::variant::Variant;
+
+struct Option {
+    char shortName;
+    const char* longName;
+    const char* value;  ///< what it takes, as messages show it; null for a switch
+    const char* description;
+};
+
+constexpr Option allOptions[] = {
+    {'S', "save", nullptr, "Save to flash too, unless the flash copy holds the same values"},
+    {'f', "force", nullptr, "Do it also where that loses a group of keys or a working copy"},
+    {'D', "defaults", "FILE", "File of the factory settings"},
+    {'j', "json", nullptr, "Print JSON"},
+    {'r', "resolve", nullptr, "Look up the host's address too"},
+    {'b', "base", nullptr, "Print the URI of the document's folder instead"},
+    {'d', "derive", "NAME", "Print the URI of this document in the same folder instead"},
+    {'w', "with-parameters", nullptr, "With --derive: append the parameters of the URI"},
+    {'P', "show-password", nullptr, "Print the password instead of ***"},
+    {'R', "root", "DIR", "Use the device tree in this folder, such as a mounted image"},
+    {'h', "help", nullptr, "Explain the command"},
+    {'V', "version", nullptr, "Print the version"},
+};
+
+/** Whether an option goes with a command; those about korvoctl itself go with every command. */
+bool goesWith(const std::string& option, const Command& command) {
+    return option == "root" || option == "help" ||
+           std::string(command.options).find(' ' + option + ' ') != std::string::npos;
+}
+
+std::string missingValue(const Option& option) {
+    const std::string name = std::string("--") + option.longName;
+    return name + " needs a value, as in " + name + '=' + option.value;
+}
+
+/** False, for the caller to return. */
+bool refuse(const std::string& message, const Command* command = nullptr) {
+    (void)wrongUsage(message, command != nullptr ? command->name : "");
+    return false;
+}
+
+}  // namespace
+
+void declareOptions(const Command* command, Variant& definitions) {
+    for (const Option& option : allOptions) {
+        if (command == nullptr || goesWith(option.longName, *command))
+            AddParameter(definitions, option.shortName, option.longName, option.description, Variant());
+    }
+}
+
+Arguments::Arguments(int argc, const char** argv) {
+    Variant definitions;
+    Variant parsed;
+    declareOptions(nullptr, definitions);
+    ParseCommandLine(argc, argv, definitions, parsed);
+    for (const Option& option : allOptions) {
+        const std::vector<std::string> texts = OptionTexts(argc, argv, definitions, option.longName);
+        if (texts.size() > 1) {
+            (void)refuse(std::string("--") + option.longName + " is given twice");
+            return;
+        }
+        if (!texts.empty()) given[option.longName] = texts.front();
+    }
+    std::vector<std::string> rest;
+    Variant& unknown = parsed["unknownParameters"];
+    for (auto word = unknown.num_begin(); word != unknown.num_end(); ++word)
+        rest.push_back(static_cast<const std::string&>(word->second));
+    valid = check(rest);
+}
+
+/** Checks what is left when the options are taken away: the command and its operands. */
+bool Arguments::check(const std::vector<std::string>& rest) {
+    for (const std::string& word : rest) {
+        // A bare dash is the name of standard input.
+        if (word.size() > 1 && word.front() == '-') return refuse("there is no option " + word);
+    }
+    if (rest.empty()) {
+        if (!has("help") && !has("version")) return refuse("a command is missing");
+        return checkOptions();
+    }
+    chosen = findCommand(rest.front());
+    if (chosen == nullptr) return refuse("there is no command '" + rest.front() + "'");
+    words.assign(rest.begin() + 1, rest.end());
+    return checkOptions() && (has("help") || checkCommand());
+}
+
+bool Arguments::checkOptions() {
+    for (const Option& option : allOptions) {
+        const auto found = given.find(option.longName);
+        if (found == given.end()) continue;
+        const std::string name = found->first;
+        if (option.value == nullptr && !found->second.empty())
+            return refuse("--" + name + " takes no value", chosen);
+        if (option.value != nullptr && found->second.empty()) return refuse(missingValue(option), chosen);
+        if (chosen == nullptr && name != "help" && name != "version") return refuse("a command is missing");
+        if (chosen != nullptr && !goesWith(name, *chosen))
+            return refuse("--" + name + " does not go with " + chosen->name, chosen);
+    }
+    return true;
+}
+
+bool Arguments::checkCommand() {
+    const std::string name = chosen->name;
+    if (words.size() < chosen->least) return refuse(name + " needs " + chosen->operands, chosen);
+    if (words.size() > chosen->most) {
+        return refuse(chosen->most == 0 ? name + " takes no operand, but got '" + words.front() + "'"
+                                        : name + " takes but one " + chosen->operands + ", and got '" +
+                                              words[chosen->most] + "' too",
+                      chosen);
+    }
+    for (const std::string& word : words) {
+        if (word.empty()) return refuse(name + " got an empty operand", chosen);
+    }
+    return true;
+}
+
+std::string Arguments::text(const char* option) const {
+    const auto found = given.find(option);
+    return found != given.end() ? found->second : std::string();
+}
+
+}  // namespace korvoctl

@@ -1,0 +1,52 @@
+/** @file What stands on korvoctl's command line: one command, its operands, and options between them. */
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "korvo/variant/variant.h"
+
+namespace korvoctl {
+
+struct Command;
+
+/** The parsed and checked command line. */
+class Arguments {
+  public:
+    /** Parses and checks. What is wrong is told on standard error; ok() is then false. */
+    Arguments(int argc, const char** argv);
+
+    bool ok() const { return valid; }
+
+    /** What is to be done; null when there is but --help or --version. */
+    const Command* command() const { return chosen; }
+
+    /** What stands after the command and is no option. */
+    const std::vector<std::string>& operands() const { return words; }
+
+    /** The first operand; empty when there is none. */
+    std::string operand() const { return words.empty() ? std::string() : words.front(); }
+
+    /** Whether an option was given, by its long name. */
+    bool has(const char* option) const { return given.count(option) != 0; }
+
+    /** The value of an option, exactly as typed; empty when it was not given. */
+    std::string text(const char* option) const;
+
+  private:
+    bool check(const std::vector<std::string>& rest);
+    bool checkOptions();
+    bool checkCommand();
+
+    std::map<std::string, std::string> given;  ///< the options and their values as typed
+    std::vector<std::string> words;
+    const Command* chosen = nullptr;
+    bool valid = false;
+};
+
+/** Adds the options that go with a command to the declarations of a command line; all of them for a null command. */
+void declareOptions(const Command* command, korvo::variant::Variant& definitions);
+
+}  // namespace korvoctl

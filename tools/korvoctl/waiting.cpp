@@ -1,0 +1,43 @@
+#include "waiting.h"
+
+#include <chrono>
+#include <string>
+#include <system_error>
+
+#include "korvo/utils/file.h"
+#include "korvo/utils/inter_process_mutex.h"
+#include "korvo/utils/text.h"
+#include "messages.h"
+
+namespace korvoctl {
+
+WaitNotice::WaitNotice() {
+    try {
+        watcher = std::thread([this] { watch(); });
+    } catch (const std::system_error&) {
+        // Where no thread can be started the waiting goes on without a word.
+    }
+}
+
+WaitNotice::~WaitNotice() {
+    {
+        const std::lock_guard<std::mutex> guard(mutex);
+        over = true;
+    }
+    ended.notify_one();
+    if (watcher.joinable()) watcher.join();
+}
+
+void WaitNotice::watch() {
+    std::unique_lock<std::mutex> guard(mutex);
+    if (ended.wait_for(guard, std::chrono::seconds(1), [this] { return over; })) return;
+    const pid_t holder = InterProcessMutex("system.cfg", true).holder();
+    if (holder == 0) return;
+    std::string name;
+    (void)korvo::utils::File::ReadStringAll("/proc/" + std::to_string(holder) + "/comm", name);
+    korvo::utils::trim(name);
+    tell("waiting for process " + std::to_string(holder) + (name.empty() ? "" : " (" + name + ')') +
+         ", which has the configuration open");
+}
+
+}  // namespace korvoctl
