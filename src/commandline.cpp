@@ -53,7 +53,9 @@ bool isWhole(double value) {
     return value >= -limit && value < limit && std::trunc(value) == value;
 }
 
-/** Stores a text with a "." in it, which is a double, or a long long that is the same number, or no number. */
+/**
+ * Stores a text with a "." in it, which is a double, or a long long that is the same number, or no number.
+ */
 void storeFraction(const std::string& text, Variant& target) {
     const char* end = nullptr;
     const double value = utils::toDouble(text.c_str(), &end);
@@ -81,7 +83,9 @@ void storeInteger(const std::string& text, Variant& target) {
     }
 }
 
-/** Stores an option's value from its text, which is not empty: a number where written like one, else a string. */
+/**
+ * Stores an option's value from its text, which is not empty: a number where written like one, else a string.
+ */
 void storeValue(const std::string& text, Variant& target) {
     if (text.find_first_not_of("-+.x0123456789abcdefABCDEF") != std::string::npos) {
         target = text;

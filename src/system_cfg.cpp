@@ -181,8 +181,8 @@ bool canHold(Variant& node, const std::string& name) {
 }
 
 /**
- * The map for the last component of a key, made with its parents when they are missing, and that component; null when the
- * key is refused, and nothing is made then.
+ * The map for the last component of a key, made with its parents when they are missing, and that component;
+ * null when the key is refused, and nothing is made then.
  */
 Variant* findParent(Variant& root, bool escapeIndexKeys, const std::string& key, std::string& lastKey) {
     bool escaped = true;
@@ -304,7 +304,10 @@ void removeKeepingErrno(const std::string& temporary) {
     errno = error;
 }
 
-/** Puts a text in the place of the configuration, in one step, while the lock is held. A failure leaves errno to tell why. */
+/**
+ * Puts a text in the place of the configuration, in one step, while the lock is held. A failure leaves errno
+ * to tell why.
+ */
 bool replaceConfiguration(const std::string& text, const InterProcessMutex& lock) {
     char temporaryName[128];
     std::snprintf(temporaryName, sizeof temporaryName, "%s.%d", configurationPath,
@@ -330,7 +333,9 @@ bool replaceConfiguration(const std::string& text, const InterProcessMutex& lock
     return true;
 }
 
-/** Takes the configuration's lock for a function of that name; false, with the error logged, when that fails. */
+/**
+ * Takes the configuration's lock for a function of that name; false, with the error logged, when that fails.
+ */
 bool acquireLock(InterProcessMutex& lock, const char* function) {
     const int result = lock.acquire();
     if (result != 0)
@@ -641,7 +646,9 @@ class FaultFinder {
         }
     }
 
-    /** Notes the key of a line, unless it and that of a line before it would be a value and a group at once. */
+    /**
+     * Notes the key of a line, unless it and that of a line before it would be a value and a group at once.
+     */
     void place(std::string_view key) {
         const auto group = groups.find(key);
         if (group != groups.end()) {
@@ -709,7 +716,9 @@ bool SystemCfgManager::parse(const std::string& text, std::vector<Change>& chang
 
 namespace {
 
-/** The largest count of flash writes that a line of the text tells, 0 when none does; the text may be damaged. */
+/**
+ * The largest count of flash writes that a line of the text tells, 0 when none does; the text may be damaged.
+ */
 int countedIn(const std::string& text) {
     int count = 0;
     forEachPair(text, [&](std::size_t begin, std::size_t equals, std::size_t end) {
@@ -724,7 +733,10 @@ bool loads(const std::string& text) {
     return SystemCfgManager::load(text, tree, nullptr);
 }
 
-/** Raises the count of flash writes in a text that loads; false, with the error logged, when it cannot hold one. */
+/**
+ * Raises the count of flash writes in a text that loads; false, with the error logged, when it cannot hold
+ * one.
+ */
 bool raiseCount(std::string& text, int count, const char* function) {
     Variant tree;
     Variant* known = nullptr;
@@ -745,8 +757,8 @@ bool raiseCount(std::string& text, int count, const char* function) {
 }
 
 /**
- * Puts a text that loads in the place of the configuration, with the largest count of flash writes that it or one of the
- * others tells.
+ * Puts a text that loads in the place of the configuration, with the largest count of flash writes that it or
+ * one of the others tells.
  */
 bool install(std::string text, const std::string& other, const std::string& another,
              const InterProcessMutex& lock, const char* function) {

@@ -1,7 +1,8 @@
 // A process that uses the configuration store, for the scripts that break it.
 //   store_worker ROOT KEY VALUE             one use, step by step: scripts/fault-injection, scripts/power-cut
-//   store_worker ROOT --step STEP           apply, restore, replace or reset: scripts/fault-injection-steps, scripts/power-cut
-//   store_worker ROOT --storm SEED THREADS  counts until ROOT/stop exists: scripts/kill-storm
+//   store_worker ROOT --step STEP           apply, restore, replace or reset: scripts/fault-injection-steps,
+//   scripts/power-cut store_worker ROOT --storm SEED THREADS  counts until ROOT/stop exists:
+//   scripts/kill-storm
 
 #include <fcntl.h>
 #include <signal.h>

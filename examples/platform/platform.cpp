@@ -1,5 +1,5 @@
-// The least that a platform has to be for the library to run on it, written against the declarations of docs/porting.md
-// alone. No device should live on it: its lock excludes nobody, and nothing reaches a flash.
+// The least that a platform has to be for the library to run on it, written against the declarations of
+// docs/porting.md alone. No device should live on it: its lock excludes nobody, and nothing reaches a flash.
 
 #include <cerrno>
 #include <cstdarg>

@@ -8,7 +8,9 @@
 
 namespace test {
 
-/** Calls @p body in the C locale and in one with a decimal comma, which a machine without uClibc must have. */
+/**
+ * Calls @p body in the C locale and in one with a decimal comma, which a machine without uClibc must have.
+ */
 template <class Body>
 void inEveryLocale(Body body) {
     // NOLINTBEGIN(concurrency-mt-unsafe): tests change the locale from one thread

@@ -1,4 +1,5 @@
-// Linked into programs that are to run below another root than the machine's own, though they say nothing of roots.
+// Linked into programs that are to run below another root than the machine's own, though they say nothing of
+// roots.
 
 #include <cstdlib>
 

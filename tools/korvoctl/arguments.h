@@ -46,7 +46,10 @@ class Arguments {
     bool valid = false;
 };
 
-/** Adds the options that go with a command to the declarations of a command line; all of them for a null command. */
+/**
+ * Adds the options that go with a command to the declarations of a command line; all of them for a null
+ * command.
+ */
 void declareOptions(const Command* command, korvo::variant::Variant& definitions);
 
 }  // namespace korvoctl

@@ -25,10 +25,14 @@ bool readWhole(const std::string& name, std::string& text);
 /** A fault as compilers tell it: `FILE:LINE: REASON`. */
 std::string describe(const std::string& name, const SystemCfgManager::Fault& fault);
 
-/** Why the configuration in a file cannot be loaded: the reason that it cannot be read, or its first fault. */
+/**
+ * Why the configuration in a file cannot be loaded: the reason that it cannot be read, or its first fault.
+ */
 std::string firstFault(const std::string& path);
 
-/** Loads the configuration in a file as the store does. False, with the reason told, when it does not load. */
+/**
+ * Loads the configuration in a file as the store does. False, with the reason told, when it does not load.
+ */
 bool loadFile(const std::string& path, Values& values);
 
 /** The values of a tree of strings. */
@@ -46,7 +50,10 @@ Values part(const Values& values, const std::string& key);
 /** Splits the values of two configurations into those that only the one and only the other has. */
 void subtractCommon(Values& before, Values& after);
 
-/** What subtractCommon() left as lines in the order of the keys: `-KEY=VALUE` for before, `+KEY=VALUE` for after. */
+/**
+ * What subtractCommon() left as lines in the order of the keys: `-KEY=VALUE` for before, `+KEY=VALUE` for
+ * after.
+ */
 std::string differenceLines(const Values& before, const Values& after);
 
 }  // namespace korvoctl

@@ -13,8 +13,8 @@ std::string scalarText(const korvo::variant::Variant& value);
 /**
  * A value as JSON, an object for a map with its members in the order of their keys, on lines of their own.
  *
- * It is valid whatever bytes the texts hold: what is no UTF-8 becomes U+FFFD, and control characters are escaped.
- * Numbers that JSON does not know, infinity and NaN, become null.
+ * It is valid whatever bytes the texts hold: what is no UTF-8 becomes U+FFFD, and control characters are
+ * escaped. Numbers that JSON does not know, infinity and NaN, become null.
  */
 std::string json(const korvo::variant::Variant& value);
 

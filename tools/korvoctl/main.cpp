@@ -16,7 +16,10 @@
 namespace korvoctl {
 namespace {
 
-/** Keeps files from being opened in place of a standard stream that is closed; what is printed there still fails. */
+/**
+ * Keeps files from being opened in place of a standard stream that is closed; what is printed there still
+ * fails.
+ */
 void occupyStandardStreams() {
     for (int descriptor = 0; descriptor <= 2; ++descriptor) {
         if (::fcntl(descriptor, F_GETFD) < 0 && errno == EBADF)

@@ -35,8 +35,8 @@ void captureLibraryMessages();
 void forgetLibraryMessages();
 
 /**
- * Why the library failed last: its first error since forgetLibraryMessages(), which is where the failure was found, in
- * the operator's words.
+ * Why the library failed last: its first error since forgetLibraryMessages(), which is where the failure was
+ * found, in the operator's words.
  */
 std::string libraryFailure();
 

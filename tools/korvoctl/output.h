@@ -7,7 +7,9 @@
 
 namespace korvoctl {
 
-/** Prints lines of a configuration: to a terminal as onOneLine() has them, to a file or a pipe byte for byte. */
+/**
+ * Prints lines of a configuration: to a terminal as onOneLine() has them, to a file or a pipe byte for byte.
+ */
 void printLines(const std::string& lines);
 
 /** Prints one line as onOneLine() has it, wherever it goes. */
@@ -17,8 +19,8 @@ void printLine(const std::string& text);
 void printJson(const korvo::variant::Variant& value);
 
 /**
- * Prints a record as JSON, or one `key=value` line for each member, sorted by key, as onOneLine() has it; members of
- * members under dotted keys. An empty map has no line.
+ * Prints a record as JSON, or one `key=value` line for each member, sorted by key, as onOneLine() has it;
+ * members of members under dotted keys. An empty map has no line.
  */
 void printRecord(const korvo::variant::Variant& record, bool asJson);
 

@@ -1,5 +1,5 @@
-// What only looks takes no lock and writes nothing, so that it works for other users, on a read-only image, beside a
-// writer and into a pipe that nobody reads for a while.
+// What only looks takes no lock and writes nothing, so that it works for other users, on a read-only image,
+// beside a writer and into a pipe that nobody reads for a while.
 
 #include <cerrno>
 #include <set>

@@ -8,8 +8,8 @@
 namespace korvoctl {
 
 /**
- * The length of the UTF-8 character at the beginning of @p text, whose code point @p code receives; 0 where the bytes
- * are none.
+ * The length of the UTF-8 character at the beginning of @p text, whose code point @p code receives; 0 where
+ * the bytes are none.
  */
 std::size_t utf8Character(std::string_view text, char32_t& code);
 
@@ -17,8 +17,8 @@ std::size_t utf8Character(std::string_view text, char32_t& code);
 bool isControl(char32_t code);
 
 /**
- * @p text as it can stand on one line of a terminal: a backslash is written `\\`, a control character `\n`, `\r`, `\t`
- * or as `\xNN` for each of its bytes, and so is every byte that belongs to no UTF-8 character.
+ * @p text as it can stand on one line of a terminal: a backslash is written `\\`, a control character `\n`,
+ * `\r`, `\t` or as `\xNN` for each of its bytes, and so is every byte that belongs to no UTF-8 character.
  */
 std::string onOneLine(std::string_view text);
 

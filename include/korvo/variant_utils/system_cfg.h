@@ -156,12 +156,13 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     bool set(const std::string& key, const std::string& value, bool* valueChanged);
 
     /**
-     * Makes many changes, in their order, and writes the file once, also when nothing changed. A change without a
-     * value removes a key and all below it, where there is something; one with a value does what set() does.
+     * Makes many changes, in their order, and writes the file once, also when nothing changed. A change
+     * without a value removes a key and all below it, where there is something; one with a value does what
+     * set() does.
      *
-     * All or nothing: when a key or a value is refused, a key is given twice, or writing fails, the tree, the file
-     * and @p valuesChanged stay as they were. In the end the tree is another one, so that references into a
-     * borrowed one are no longer valid.
+     * All or nothing: when a key or a value is refused, a key is given twice, or writing fails, the tree, the
+     * file and @p valuesChanged stay as they were. In the end the tree is another one, so that references
+     * into a borrowed one are no longer valid.
      *
      * Like every function here that writes the file, it leaves in errno why the file could not be written.
      *
@@ -200,29 +201,30 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
                            korvo::variant::Variant** value);
 
     /** @name The life of a configuration
-     * For what happens before there is a configuration to open, and after. Both wait for the lock, and fail where
-     * this thread has the store open. When they fail the file is as it was, with the reason logged.
+     * For what happens before there is a configuration to open, and after. Both wait for the lock, and fail
+     * where this thread has the store open. When they fail the file is as it was, with the reason logged.
      * @{ */
 
     /**
-     * The way back after a power-up: where "/tmp/system.cfg" is missing, puts the flash copy in its place, or, when
-     * that is missing too or does not load, the file @p defaults. To be called before the services start.
+     * The way back after a power-up: where "/tmp/system.cfg" is missing, puts the flash copy in its place,
+     * or, when that is missing too or does not load, the file @p defaults. To be called before the services
+     * start.
      *
-     * The text comes as it is, whole, in one step; the file has mode 0600 unless it replaces one, whose access
-     * it then keeps. Only "system.flash.cycles" may be set: to the largest count that is told by the working
-     * copy, the flash copy or @p defaults, also by one that is damaged.
+     * The text comes as it is, whole, in one step; the file has mode 0600 unless it replaces one, whose
+     * access it then keeps. Only "system.flash.cycles" may be set: to the largest count that is told by the
+     * working copy, the flash copy or @p defaults, also by one that is damaged.
      *
      * @param defaults  path of the factory settings, as it is, not below the device root; may be empty
      * @param replace   whether a working copy that is there is replaced
-     * @return true also when there was a working copy that loads and nothing was done; false when there is one that
-     *         does not load, or nothing to put in its place
+     * @return true also when there was a working copy that loads and nothing was done; false when there is
+     *         one that does not load, or nothing to put in its place
      */
     static bool restore(const std::string& defaults, bool replace);
 
     /**
-     * Factory settings: puts the file @p defaults in the place of "/tmp/system.cfg", whatever state that is in. Of
-     * what was set before, only the count of flash writes stays, as with restore(). The flash copy stays as it is
-     * until the configuration is saved.
+     * Factory settings: puts the file @p defaults in the place of "/tmp/system.cfg", whatever state that is
+     * in. Of what was set before, only the count of flash writes stays, as with restore(). The flash copy
+     * stays as it is until the configuration is saved.
      *
      * @param defaults  path of the factory settings, as it is, not below the device root
      */
@@ -243,8 +245,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     static bool load(const std::string& text, korvo::variant::Variant& tree, std::vector<Fault>* faults);
 
     /**
-     * The pairs of a text as changes, in the order of the lines and with the values as they are written, boolean words
-     * too. A text is refused when it does not load, or has a key or a value that set() refuses.
+     * The pairs of a text as changes, in the order of the lines and with the values as they are written,
+     * boolean words too. A text is refused when it does not load, or has a key or a value that set() refuses.
      *
      * @param text     the text of a configuration or a part of one
      * @param changes  the changes are added to it, when the text is accepted; of a repeated key there are two

@@ -136,8 +136,8 @@ std::string format(const char* format, ...) {
 namespace {
 
 /**
- * Whether a number that no double comes near is too large, not too small: its first digit but zeros stands before
- * the point after the exponent has moved that.
+ * Whether a number that no double comes near is too large, not too small: its first digit but zeros stands
+ * before the point after the exponent has moved that.
  */
 bool isTooLarge(const char* text, const char* end, bool hexadecimal) {
     long long digitsBeforePoint = 0;

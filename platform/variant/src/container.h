@@ -1,9 +1,9 @@
 /**
- * @file
- * The members of a value, in a container of our own. It has to earn that: two std::maps in its place were 390
- * lines and 9 KB of ARM code less when that was last tried, before members could be removed. With them parsing a
- * URI took 1.6 times as long, loading 10,000 keys 2.3 times and copying a tree 1.6 times, because a map asks for
- * memory for each key and each member. Finding a member takes less than half of what it took then.
+ * @file The members of a value, in a container of our own. It has to earn that: two std::maps in its place
+ * were 390 lines and 9 KB of ARM code less when that was last tried, before members could be removed. With
+ * them parsing a URI took 1.6 times as long, loading 10,000 keys 2.3 times and copying a tree 1.6 times,
+ * because a map asks for memory for each key and each member. Finding a member takes less than half of what
+ * it took then.
  */
 #pragma once
 
@@ -120,9 +120,9 @@ struct IndexedEntry {
 };
 
 /**
- * The memory of one container's members, which never move. They are carved one after the other from chunks that
- * double in size. What a removed member took waits for one of the same size; the sizes are few, so what all of
- * them take stays in proportion to the most that was ever there at once.
+ * The memory of one container's members, which never move. They are carved one after the other from chunks
+ * that double in size. What a removed member took waits for one of the same size; the sizes are few, so what
+ * all of them take stays in proportion to the most that was ever there at once.
  */
 class MemberPool {
   public:

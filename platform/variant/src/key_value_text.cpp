@@ -91,7 +91,9 @@ class KeyValueReader {
         return true;
     }
 
-    /** The map that a path names, made when missing; null when the path is too long or leads through a value. */
+    /**
+     * The map that a path names, made when missing; null when the path is too long or leads through a value.
+     */
     Variant* findGroup(std::string_view path) {
         // Lines of one group mostly stand together.
         if (lastGroup != nullptr && path == lastPath) return lastGroup;
@@ -151,7 +153,9 @@ Word findByte(Word word, char byte) {
     return (difference - ones) & ~difference & (ones << 7);
 }
 
-/** Copies at least a word's bytes; whether no byte is a line feed. The last word may overlap the one before. */
+/**
+ * Copies at least a word's bytes; whether no byte is a line feed. The last word may overlap the one before.
+ */
 template <class Word>
 inline bool copyWords(char* to, const char* from, std::size_t size) {
     Word lineFeeds = 0;
@@ -195,9 +199,9 @@ inline bool copyKey(char* to, const NamedMember& member) {
 }  // namespace
 
 /**
- * Writes a tree as key=value text: first finds out how large the text can be, then writes it in one piece, word
- * by word, because calls to copy and to search such short texts would take longer than the work. Both go down
- * at most maxComponents levels, so little stands on the stack at each of them.
+ * Writes a tree as key=value text: first finds out how large the text can be, then writes it in one piece,
+ * word by word, because calls to copy and to search such short texts would take longer than the work. Both go
+ * down at most maxComponents levels, so little stands on the stack at each of them.
  */
 class KeyValueWriter {
   public:

@@ -13,8 +13,8 @@ namespace korvo::variant {
  * have a second one. No block is empty but the first of an empty sequence.
  *
  * An Entry has `Key`, `rank()`, an integer that decides most comparisons, and `static bool less(const Entry&,
- * const Key&)`, `static bool equals(const Entry&, const Key&)` for entries whose rank is the key's; so has its
- * Key `rank()`.
+ * const Key&)`, `static bool equals(const Entry&, const Key&)` for entries whose rank is the key's; so has
+ * its Key `rank()`.
  */
 template <class EntryType>
 class SortedEntries {
@@ -187,7 +187,9 @@ class SortedEntries {
         return {position.block + 1, position.offset - keep};
     }
 
-    /** Makes one of a block and the next one when either is empty, or both are less than half of a full one. */
+    /**
+     * Makes one of a block and the next one when either is empty, or both are less than half of a full one.
+     */
     void mergeBlocks(std::size_t number) noexcept {
         Block& lower = mutableBlock(number);
         Block& upper = tail[number];

@@ -78,9 +78,10 @@ enum VariantType : std::uint16_t {
 };
 
 /**
- * How a value of the C++ type @p T is held: `tag`, for every arithmetic type and, as its underlying type, every
- * enumeration. An integer gets the tag with its width, or with the next wider one that there is, so that it
- * keeps its value; all floating types are held as double. Other types, pointers above all, have no tag.
+ * How a value of the C++ type @p T is held: `tag`, for every arithmetic type and, as its underlying type,
+ * every enumeration. An integer gets the tag with its width, or with the next wider one that there is, so
+ * that it keeps its value; all floating types are held as double. Other types, pointers above all, have no
+ * tag.
  */
 template <class T, class = void>
 struct NumberTag {};
@@ -123,7 +124,9 @@ inline constexpr bool isNumber<T, std::void_t<decltype(NumberTag<T>::tag)>> = tr
 template <class T>
 inline constexpr bool isKeyNumber = std::is_integral<T>::value && !std::is_same<T, bool>::value;
 
-/** Whether each number of the underlying type is a value of the enumeration: it was declared with that type. */
+/**
+ * Whether each number of the underlying type is a value of the enumeration: it was declared with that type.
+ */
 template <class T, class = void>
 inline constexpr bool isFixedEnumeration = false;
 template <class T>
@@ -270,8 +273,8 @@ class KORVO_VARIANT_EXPORT Variant {
      * becomes an empty one: a map for a text key, an array for an index. A null pointer is the empty key.
      *
      * Indices are signed 64-bit numbers; an unsigned one must be below 2^63. The index -1 appends: it stands
-     * for the index after the last one, at least 0. When the last index is the largest there is, -1 stands for
-     * that.
+     * for the index after the last one, at least 0. When the last index is the largest there is, -1 stands
+     * for that.
      * @{ */
     Variant& operator[](const char* key) { return member(detail::textOf(key)); }
     Variant& operator[](std::string_view key) { return member(key); }
@@ -341,11 +344,12 @@ class KORVO_VARIANT_EXPORT Variant {
     /**
      * Finds a value below this one; creates nothing.
      *
-     * @param filter    what the value found must be: its type AND @p filter must equal @p filter. TypeAny passes
-     *                  all, TypeMap arrays too
-     * @param path      components separated by "/". A component names the member with exactly that text key, also
-     *                  when it is empty or all digits. "[n]" with an integer n names the member with that index,
-     *                  "[text]" with anything else the member with the text key between the brackets
+     * @param filter    what the value found must be: its type AND @p filter must equal @p filter. TypeAny
+     *                  passes all, TypeMap arrays too
+     * @param path      components separated by "/". A component names the member with exactly that text key,
+     *                  also when it is empty or all digits. "[n]" with an integer n names the member with
+     *                  that index, "[text]" with anything else the member with the text key between the
+     *                  brackets
      * @param reserved  not used
      * @return the value, or null when there is none or it does not pass the filter
      */
@@ -369,8 +373,9 @@ class KORVO_VARIANT_EXPORT Variant {
      * @param text             the text; any bytes
      * @param reserved         not used
      * @param valuesAsStrings  true holds every value as a string. False holds a value as a number when it is
-     *                         exactly the text that ToKVP() writes for that number (7, -3, 2.5; not 007, 1.50 or
-     *                         1e3), as the first of int, long long, unsigned long long and double that fits
+     *                         exactly the text that ToKVP() writes for that number (7, -3, 2.5; not 007, 1.50
+     *                         or 1e3), as the first of int, long long, unsigned long long and double that
+     *                         fits
      * @param reserved2        not used
      */
     bool FromKVP(const std::string& text, bool reserved, bool valuesAsStrings, bool reserved2);
@@ -385,14 +390,14 @@ class KORVO_VARIANT_EXPORT Variant {
      * keys. Booleans are written as 1 and 0, doubles in the shortest form that reads back the same, with ".0"
      * where that would look like an integer. Null members and empty containers have no line.
      *
-     * Refused, with false and @p text as it was, is what would not read back as the same tree: a key that holds
-     * "=", "." or a line feed, a line that would begin with "#", a value with a line feed in it or a carriage
-     * return at its end, an index and a text key that look the same, more than 64 levels, a value that is
-     * neither a container nor null. What has no line is refused for no key.
+     * Refused, with false and @p text as it was, is what would not read back as the same tree: a key that
+     * holds "=", "." or a line feed, a line that would begin with "#", a value with a line feed in it or a
+     * carriage return at its end, an index and a text key that look the same, more than 64 levels, a value
+     * that is neither a container nor null. What has no line is refused for no key.
      *
-     * With separators of one's own, refused are likewise a key that holds either of them and a value that holds
-     * the line separator; a value may hold the key separator, since lines are split at their first one. An empty
-     * separator is taken as it is, though nobody can tell then where a key or a line ends.
+     * With separators of one's own, refused are likewise a key that holds either of them and a value that
+     * holds the line separator; a value may hold the key separator, since lines are split at their first one.
+     * An empty separator is taken as it is, though nobody can tell then where a key or a line ends.
      *
      * @param text           receives the text; not a text that is inside of this value
      * @param keySeparator   between key and value, normally "="
@@ -427,10 +432,10 @@ class KORVO_VARIANT_EXPORT Variant {
     /** @} */
 
     /**
-     * The same conversions by name, for where the implicit one is ambiguous: in expressions, `switch`, output,
-     * and when a string is assigned to. @p T is an arithmetic type, characters included, an enumeration with a
-     * fixed underlying type, VariantType for the type tag, std::string, std::string_view or const char*. Views
-     * and pointers are valid until the value is changed.
+     * The same conversions by name, for where the implicit one is ambiguous: in expressions, `switch`,
+     * output, and when a string is assigned to. @p T is an arithmetic type, characters included, an
+     * enumeration with a fixed underlying type, VariantType for the type tag, std::string, std::string_view
+     * or const char*. Views and pointers are valid until the value is changed.
      */
     template <class T, std::enable_if_t<detail::isNamedConversion<T>, int> = 0>
     T As() const {
@@ -452,16 +457,16 @@ class KORVO_VARIANT_EXPORT Variant {
     }
 
     /**
-     * Deep equality of type and value of two values: the integer 1 and the boolean true differ, and so do 1 as int and as
-     * long long. A NaN equals a NaN, so that a copy always equals its original.
+     * Deep equality of type and value of two values: the integer 1 and the boolean true differ, and so do 1
+     * as int and as long long. A NaN equals a NaN, so that a copy always equals its original.
      */
     friend KORVO_VARIANT_EXPORT bool operator==(const Variant& left, const Variant& right);
     friend bool operator!=(const Variant& left, const Variant& right) { return !(left == right); }
 
     /** @name Comparison with numbers and texts
-     * By value, whatever the types are: a held number of any type equals the same number, a boolean being 1 or
-     * 0; a text equals the same text. A text equals no number, and what is neither equals nothing; only the
-     * null value equals a null pointer.
+     * By value, whatever the types are: a held number of any type equals the same number, a boolean being 1
+     * or 0; a text equals the same text. A text equals no number, and what is neither equals nothing; only
+     * the null value equals a null pointer.
      * @{ */
     template <class T, std::enable_if_t<detail::isComparedNumber<T>, int> = 0>
     friend bool operator==(const Variant& left, T right) noexcept {
