@@ -47,7 +47,7 @@ struct Store {
     int number = 0;
 };
 
-/** Opens the store before the timed loop of each repetition and closes it behind. */
+/** Opens the store before the timed loop of each repetition and closes it afterwards. */
 void runSet(benchmark::State& state, int keys) {
     Store store(keys);
     for (auto iteration : state) store.setNext();

@@ -86,7 +86,7 @@ struct Uriparser : Parts {
         host = view(uri.hostText);
         for (const char digit : view(uri.portText)) port = port * 10 + static_cast<unsigned>(digit - '0');
         if (uri.pathHead != nullptr) {
-            // An empty segment, as behind the last slash, points elsewhere.
+            // An empty segment, as after the last slash, points elsewhere.
             const char* end = uri.query.first != nullptr ? uri.query.first - 1 : text.c_str() + text.size();
             const UriTextRangeA& head = uri.pathHead->text;
             const char* begin = head.first != head.afterLast ? head.first - 1 : end - 1;

@@ -211,7 +211,7 @@ bool storeProtocolVersion(CameraInfo& info) {
     return true;
 }
 
-/** Stores the address in pairs; a short one ends where its characters do, behind a colon if need be. */
+/** Stores the address in pairs; a short one ends where its characters do, after a colon if need be. */
 void storeAddressWithColons(Variant& record) {
     const Variant* member = record.GetKeyChain(TypeString, "hwaddr", false);
     const std::string address = member != nullptr ? static_cast<const std::string&>(*member) : std::string();

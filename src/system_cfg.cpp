@@ -87,7 +87,7 @@ void forEachPair(std::string_view text, Visit visit) {
 }
 
 /**
- * Calls @p visit with the place and the underscores in front of each component behind a dot that begins with
+ * Calls @p visit with the place and the underscores in front of each component after a dot that begins with
  * 1 to 4.
  */
 template <class Visit>
@@ -319,8 +319,11 @@ bool replaceConfiguration(const std::string& text, const InterProcessMutex& lock
         KORVO_LOG_FROM("write", LevelError, 0, "Failed to open system.cfg");
         return false;
     }
+    const bool written = file.WriteString(text) && file.CopyAccess(target) && file.Close();
     // Whoever holds the lock by now may have written since this manager loaded the file.
-    if (!file.WriteString(text) || !file.CopyAccess(target) || !file.Close() || !lock.held()) {
+    const bool held = lock.held();
+    if (!written || !held) {
+        if (written) errno = ESTALE;
         removeKeepingErrno(temporary);
         KORVO_LOG_FROM("write", LevelError, 0, "Failed to write system.cfg");
         return false;
@@ -683,8 +686,11 @@ bool SystemCfgManager::load(const std::string& text, Variant& tree, std::vector<
     std::string rewritten = text;
     rewriteLoaded(rewritten, false);
     if (tree.FromKVP(rewritten, true, true, true)) return true;
+    std::vector<Fault> found;
+    if (faults != nullptr) FaultFinder(found).look(text);
+    // Only now, because the text may be one inside of the tree or of the faults.
     tree.Reset();
-    if (faults != nullptr) FaultFinder(*faults).look(text);
+    if (faults != nullptr) std::move(found.begin(), found.end(), std::back_inserter(*faults));
     return false;
 }
 
@@ -733,27 +739,43 @@ bool loads(const std::string& text) {
     return SystemCfgManager::load(text, tree, nullptr);
 }
 
+/** Whether any setting is told; a file that is cut short or emptied by a failing file system tells none. */
+bool holdsSettings(const std::string& text) {
+    bool any = false;
+    forEachPair(text,
+                [&](std::size_t /*begin*/, std::size_t /*equals*/, std::size_t /*end*/) { any = true; });
+    return any;
+}
+
 /**
- * Raises the count of flash writes in a text that loads; false, with the error logged, when it cannot hold
- * one.
+ * Raises the count of flash writes in a text that loads, and leaves the rest as it is; false, with the error
+ * logged, when it cannot hold one.
  */
 bool raiseCount(std::string& text, int count, const char* function) {
+    std::size_t begin = std::string::npos;
+    std::size_t length = 0;
+    forEachPair(text, [&](std::size_t key, std::size_t equals, std::size_t end) {
+        if (text.compare(key, equals - key, flashCyclesKey) != 0) return;
+        begin = equals + 1;  // of a repeated line the last one counts
+        length = end - begin;
+    });
+    const bool told = begin != std::string::npos;
+    if (count <= (told ? clampedInt(text.substr(begin, length).c_str()) : 0)) return true;
+    const std::string digits = utils::format("%d", count);
+    if (told) {
+        text.replace(begin, length, digits);
+        return true;
+    }
     Variant tree;
-    Variant* known = nullptr;
     std::string lastKey;
     (void)SystemCfgManager::load(text, tree, nullptr);
-    (void)findValue(tree, flashCyclesKey, TypeString, known);
-    // Where nothing is to be raised the text stays as it is, comments and all.
-    if (count <= (known != nullptr ? clampedInt(*known) : 0)) return true;
-    Variant* const parent = findParent(tree, false, flashCyclesKey, lastKey);
-    if (parent == nullptr) {
+    if (findParent(tree, false, flashCyclesKey, lastKey) == nullptr) {
         KORVO_LOG_FROM(function, LevelError, 0, "Failed to set system.cfg key %s", flashCyclesKey);
         return false;
     }
-    (*parent)[lastKey] = utils::format("%d", count);
-    if (tree.ToKVP(text, "=", "\n")) return true;
-    KORVO_LOG_FROM(function, LevelError, 0, "Failed to serialize variant to key-value pairs");
-    return false;
+    if (!text.empty() && text.back() != '\n') text += '\n';
+    text.append(flashCyclesKey).append("=").append(digits).append("\n");
+    return true;
 }
 
 /**
@@ -785,7 +807,8 @@ bool SystemCfgManager::restore(const std::string& defaults, bool replace) {
     const bool hasFlash = utils::loadFromFlashRaw(flash);
     const bool flashMissing = !hasFlash && errno == ENOENT;
     const bool hasFactory = !defaults.empty() && utils::File::ReadStringAll(defaults, factory);
-    if (hasFlash && loads(flash)) return install(flash, working, factory, lock, __func__);
+    if (hasFlash && holdsSettings(flash) && loads(flash))
+        return install(flash, working, factory, lock, __func__);
     if (!hasFactory || !loads(factory)) {
         KORVO_LOG(LevelError, "Failed to restore system.cfg from flash or from %s", defaults.c_str());
         return false;

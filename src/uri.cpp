@@ -160,7 +160,7 @@ bool parsePort(std::string_view text, unsigned short& port) {
     return true;
 }
 
-/** What stands before and behind the first such character; the second is empty when there is none. */
+/** What stands before and after the first such character; the second is empty when there is none. */
 std::pair<std::string_view, std::string_view> splitAt(std::string_view text, char separator) {
     const std::size_t found = text.find(separator);
     if (found == std::string_view::npos) return {text, {}};
@@ -178,7 +178,7 @@ std::pair<std::string_view, std::string_view> splitAt(std::string_view text, cha
  *   location  = host [ ":" port ] [ path ] [ "?" query ]     for every schema but file
  *             | [ path ] [ "?" query ]                       for file
  *
- * where the "@" stands before the first "/" behind the schema.
+ * where the "@" stands before the first "/" after the schema.
  */
 class UriParser {
   public:
@@ -204,8 +204,8 @@ class UriParser {
     std::string untrimmed;
     std::string text;
     std::string schema;
-    std::size_t schemaEnd = 0;      ///< behind the "://"
-    std::size_t locationBegin = 0;  ///< behind the "@" too, when there is one
+    std::size_t schemaEnd = 0;      ///< after the "://"
+    std::size_t locationBegin = 0;  ///< after the "@" too, when there is one
     std::string userName;
     std::string password;
     std::string host;
@@ -280,9 +280,9 @@ bool UriParser::splitHostAndPort(std::string_view hostAndPort) {
 }
 
 void UriParser::splitPath() {
-    const auto [before, behind] = splitAt(pathAndQuery, '?');
+    const auto [before, after] = splitAt(pathAndQuery, '?');
     path = before;
-    query = behind;
+    query = after;
     utils::trim(query);
     const std::size_t documentAt = documentBegin();
     documentPath.assign(path, 0, documentAt);
@@ -305,10 +305,10 @@ Variant UriParser::parameters() const {
     Variant map;
     map.IsArray(false);
     for (std::string_view rest = query; !rest.empty();) {
-        const auto [piece, behind] = splitAt(rest, '&');
+        const auto [piece, after] = splitAt(rest, '&');
         const auto [name, value] = splitAt(piece, '=');
         if (!name.empty()) map[std::string(name)] = std::string(value);
-        rest = behind;
+        rest = after;
     }
     return map;
 }

@@ -12,6 +12,7 @@
 #include <memory>
 #include <thread>
 
+#include "korvo/utils/file.h"
 #include "support/child_process.h"
 #include "support/device.h"
 
@@ -109,15 +110,15 @@ TEST_F(InterProcessMutexTest, WorksUnderAnyUmaskAndAfterWhatAnotherUmaskLeft) {
 
 TEST_F(InterProcessMutexTest, NoticesALockFileThatWasRemovedWhileHeldOrWaitedFor) {
     ASSERT_TRUE(mutex.acquire() == 0 && mutex.held());
-    ChildProcess waiting([this](const ChildProcess& self) {
+    ChildProcess waiting([](const ChildProcess& self) {
         InterProcessMutex waiter("name", true);
-        self.tell(1);
         self.tell(waiter.acquire());
         ::pause();
         return 0;
     });
-    ASSERT_EQ(waiting.hear(), 1);
-    std::this_thread::sleep_for(100ms);
+    const std::string waits = "-> POSIX  ADVISORY  WRITE " + std::to_string(waiting.id()) + ' ';
+    for (std::string locks; locks.find(waits) == std::string::npos; std::this_thread::sleep_for(1ms))
+        ASSERT_TRUE(korvo::utils::File::ReadStringAll("/proc/locks", locks));
     ASSERT_TRUE(fs::remove(lockFile));
     ChildProcess successor([this](const ChildProcess& self) {
         const int error = mutex.acquire();
@@ -127,7 +128,9 @@ TEST_F(InterProcessMutexTest, NoticesALockFileThatWasRemovedWhileHeldOrWaitedFor
     });
     ASSERT_EQ(successor.hear(), 0);
     // Asking gives the old file's lock to the one that waits for it.
-    EXPECT_TRUE(!mutex.held() && mutex.release() == EPERM && mutex.holder() == successor.id());
+    EXPECT_FALSE(mutex.held());
+    EXPECT_TRUE(mutex.holder() == 0 && !mutex.held()) << "asking brought a lost lock back";
+    EXPECT_TRUE(mutex.release() == EPERM && mutex.holder() == successor.id());
     EXPECT_TRUE(waiting.hear() == 0 && mutex.holder() == waiting.id())
         << "it got a lock that excludes nobody";
     EXPECT_EQ(successor.exitStatus(), 0);

@@ -1,4 +1,4 @@
-/** @file Tables of cases: lines `input => expected` with C escapes, blank lines and lines behind a #. */
+/** @file Tables of cases: lines `input => expected` with C escapes, blank lines and lines that begin with #. */
 #pragma once
 
 #include <fstream>

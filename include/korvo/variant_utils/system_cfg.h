@@ -164,7 +164,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * file and @p valuesChanged stay as they were. In the end the tree is another one, so that references
      * into a borrowed one are no longer valid.
      *
-     * Like every function here that writes the file, it leaves in errno why the file could not be written.
+     * Like every function here that writes the file, it leaves in errno why the file could not be opened,
+     * written or moved; ESTALE when the lock was lost.
      *
      * @param changes        the changes; texts, whatever the manager holds values as
      * @param valuesChanged  receives whether the file has other pairs than before
@@ -207,8 +208,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
 
     /**
      * The way back after a power-up: where "/tmp/system.cfg" is missing, puts the flash copy in its place,
-     * or, when that is missing too or does not load, the file @p defaults. To be called before the services
-     * start.
+     * or, when that is missing too, does not load or holds nothing, the file @p defaults. To be called before
+     * the services start.
      *
      * The text comes as it is, whole, in one step; the file has mode 0600 unless it replaces one, whose
      * access it then keeps. Only "system.flash.cycles" may be set: to the largest count that is told by the

@@ -1,6 +1,7 @@
 #include "descriptor.h"
 
 #include <poll.h>
+#include <sys/stat.h>
 
 #include <mutex>
 
@@ -16,7 +17,13 @@ struct {
     std::mutex mutex;
     unsigned guards = 0;
     bool standing[standardStreams] = {};
+    dev_t device = 0;  ///< of the file that they have open
+    ino_t inode = 0;
 } placeholders;
+
+// Together hardly ever what a host opens a standard stream with, so that its own is not taken for a
+// placeholder.
+constexpr int placeholderFlags = O_NONBLOCK | O_APPEND;
 
 /** Puts placeholders where streams are closed. */
 void placeMissing() {
@@ -27,18 +34,30 @@ void placeMissing() {
     for (int number = 0; number < standardStreams; ++number) {
         if ((streams[number].revents & POLLNVAL) == 0) continue;
         // A bare file system may lack /dev/null.
-        int opened = uninterrupted([] { return ::open("/dev/null", O_RDWR | O_CLOEXEC); });
-        if (opened < 0) opened = uninterrupted([] { return ::open("/", O_RDONLY | O_CLOEXEC); });
+        int opened = uninterrupted([] { return ::open("/dev/null", O_RDWR | O_CLOEXEC | placeholderFlags); });
+        if (opened < 0)
+            opened = uninterrupted([] { return ::open("/", O_RDONLY | O_CLOEXEC | placeholderFlags); });
         if (opened >= standardStreams) (void)closeFile(opened);  // the host has filled the gap meanwhile
-        if (opened >= 0 && opened < standardStreams) placeholders.standing[opened] = true;
+        struct stat status {};
+        if (opened < 0 || opened >= standardStreams || ::fstat(opened, &status) != 0) continue;
+        placeholders.standing[opened] = true;
+        placeholders.device = status.st_dev;
+        placeholders.inode = status.st_ino;
     }
+}
+
+/** Whether a placeholder still stands there: the host may have put something in its place, as dup2() does. */
+bool isPlaceholder(int number) {
+    struct stat status {};
+    return ::fcntl(number, F_GETFD) == FD_CLOEXEC && ::fstat(number, &status) == 0 &&
+           status.st_dev == placeholders.device && status.st_ino == placeholders.inode &&
+           (::fcntl(number, F_GETFL) & placeholderFlags) == placeholderFlags;
 }
 
 void removePlaceholders() {
     for (int number = 0; number < standardStreams; ++number) {
-        if (!std::exchange(placeholders.standing[number], false)) continue;
-        // What a host has put in its place, as dup2() does, is not close-on-exec.
-        if (::fcntl(number, F_GETFD) == FD_CLOEXEC) (void)closeFile(number);
+        if (std::exchange(placeholders.standing[number], false) && isPlaceholder(number))
+            (void)closeFile(number);
     }
 }
 

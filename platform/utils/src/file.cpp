@@ -56,7 +56,7 @@ bool repairMode(int descriptor, struct stat& status) {
 }  // namespace
 
 File::~File() {
-    (void)Close();
+    keepingErrno([this] { (void)Close(); });
 }
 
 bool File::Initialize(const std::string& path, FILE_OPEN_MODE openMode) {

@@ -104,7 +104,15 @@ bool saveToFlashRaw(bool /*reserved*/) {
     const std::string copy = path + "/system.cfg";
     // One name for all, so that power cuts cannot fill the flash.
     const std::string temporary = copy + ".tmp";
-    if (!writeDurably(temporary, text) || std::rename(temporary.c_str(), copy.c_str()) != 0) {
+    const bool written = writeDurably(temporary, text);
+    const int cause = errno;
+    // Whoever holds the lock by now may be writing the file of that name.
+    if (!lock.held()) {
+        errno = ESTALE;
+        return false;
+    }
+    errno = cause;
+    if (!written || std::rename(temporary.c_str(), copy.c_str()) != 0) {
         keepingErrno([&] { (void)::unlink(temporary.c_str()); });
         return false;
     }

@@ -45,7 +45,8 @@ int createLockFile(const char* path) {
     // The umask may have taken away even what the owner needs.
     if (!file || ::fchmod(file.get(), ownerOnly) != 0 || ::fstat(file.get(), &status) != 0) return -1;
     if (isTrusted(status)) return file.release();
-    errno = EPERM;  // a file system without owners or modes
+    // Removed again already, or on a file system without owners or modes.
+    errno = status.st_nlink == 0 ? EEXIST : EPERM;
     return -1;
 }
 
@@ -60,7 +61,7 @@ int openTrusted(const char* path) {
     if (file) {
         if (::fstat(file.get(), &status) != 0) return -1;
         if (isTrusted(status)) return file.release();
-        errno = EPERM;
+        errno = status.st_nlink == 0 ? EEXIST : EPERM;  // EEXIST: as if it had been met in the next moment
     } else if (error != ENOENT) {  // also for a link, a folder, a socket, a file of somebody else
         errno = ::lstat(path, &status) == 0 && !isTrusted(status) ? EPERM : error;
     }
@@ -73,6 +74,9 @@ bool clearTheWay(const char* path, int error) {
     if (::geteuid() != 0 && error != EACCES) return false;
     struct stat status {};
     if (::lstat(path, &status) != 0) return errno == ENOENT;
+    // Another process may have cleared the way already.
+    const bool isUsable = isTrusted(status) && (status.st_mode & ownerOnly) == ownerOnly;
+    if (isUsable && (::geteuid() == 0 || status.st_uid == ::geteuid())) return true;
     if (::geteuid() != 0 && (status.st_uid != ::geteuid() || (status.st_mode & ownerOnly) == ownerOnly))
         return false;
     return ::unlink(path) == 0 || ::rmdir(path) == 0 || errno == ENOENT;
@@ -177,11 +181,15 @@ class LockFile {
         constexpr long millisecond = 1000000;
         timespec pause{0, millisecond};
         while (::fcntl(descriptor, command, &request) != 0) {
-            if (errno == EINTR) continue;
-            if (errno != EDEADLK) return errno;
-            // The kernel judges whole processes, as if each waited for all that its threads wait for.
-            (void)::nanosleep(&pause, nullptr);
-            pause.tv_nsec = std::min(pause.tv_nsec * 2, 50 * millisecond);
+            if (errno != EINTR && errno != EDEADLK) return errno;
+            if (errno == EDEADLK) {
+                // The kernel judges whole processes, as if each waited for all that its threads wait for.
+                (void)::nanosleep(&pause, nullptr);
+                pause.tv_nsec = std::min(pause.tv_nsec * 2, 50 * millisecond);
+            }
+            // The host may have closed the file meanwhile, and must not have its own locked.
+            const int known = type == F_WRLCK ? identify() : 0;
+            if (known != 0) return known;
         }
         return 0;
     }
@@ -256,16 +264,14 @@ struct InterProcessMutex::LockTable {
         return number;
     }
 
-  private:
-    LockTable() {
-        if (forkHandlers != 0) throw std::bad_alloc();
-    }
-
     /**
-     * Which are there when the library is loaded, not with the first use, for a child that is forked
-     * meanwhile.
+     * 0, or why there are no fork handlers. They and the table are there when the library is loaded, not with
+     * the first use, for a child that is forked meanwhile.
      */
     static const int forkHandlers;
+
+  private:
+    LockTable() = default;
     static int installForkHandlers();
 
     /** In a forked child, which has inherited neither the record locks nor the threads that wait. */
@@ -286,6 +292,7 @@ const int InterProcessMutex::LockTable::forkHandlers = installForkHandlers();
 int InterProcessMutex::LockTable::installForkHandlers() {
     const int error = korvo::utils::StandardStreamGuard::installForkHandlers();
     if (error != 0) return error;
+    (void)instance();
     return ::pthread_atfork([] { instance().mutex.lock(); }, [] { instance().mutex.unlock(); },
                             [] { instance().forgetLocks(); });
 }
@@ -294,6 +301,7 @@ InterProcessMutex::InterProcessMutex(const char* name, bool /*reserved*/) : lock
     const std::string text = name != nullptr ? name : "";
     if (text.empty() || text.find('/') != std::string::npos) return;
     const std::string path = korvo::utils::devicePath(("/tmp/" + text + ".lock").c_str());
+    if (LockTable::forkHandlers != 0) throw std::bad_alloc();
     LockTable& table = LockTable::instance();
     const std::lock_guard<std::mutex> guard(table.mutex);
     lock = &table.locks.try_emplace(path, path).first->second;
@@ -355,7 +363,7 @@ bool InterProcessMutex::held() const {
 pid_t InterProcessMutex::holder() const {
     if (lock == nullptr) return 0;
     const std::lock_guard<std::mutex> guard(LockTable::instance().mutex);
-    // What a thread holds or waits for is left as it is.
-    const bool isKnown = (lock->isUsed() && lock->file.isOpen()) || lock->file.open(openTrusted) == 0;
+    // What a thread holds or waits for is left as it is, and a lock that is lost is not brought back.
+    const bool isKnown = lock->isUsed() ? lock->file.isOpen() : lock->file.open(openTrusted) == 0;
     return isKnown ? lock->file.holder() : 0;
 }

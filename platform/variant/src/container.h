@@ -50,7 +50,7 @@ struct NamedEntry {
         explicit Key(std::string_view name) : prefix(prefixOf(name)), text(name) {}
         std::uintptr_t rank() const { return prefix; }
 
-        std::uintptr_t prefix;  ///< the first bytes, most significant first, zeros behind a short key
+        std::uintptr_t prefix;  ///< the first bytes, most significant first, zeros after a short key
         std::string_view text;
 
       private:
@@ -92,7 +92,7 @@ struct NamedEntry {
     }
 
   private:
-    /** Whether two texts that are longer than the prefix are the same behind it. */
+    /** Whether two texts that are longer than the prefix are the same after it. */
     static bool sameRest(const char* left, const char* right, std::size_t length) {
         // Mostly what is left is no longer than a prefix again; then its last bytes are compared, which may
         // overlap with the prefix.
@@ -134,13 +134,13 @@ class MemberPool {
     /** Memory for @p size bytes, aligned for a member. */
     void* allocate(std::size_t size) {
         size = rounded(size);
-        usedBytes += size;
-        if (released != nullptr) {
-            if (void* memory = reuse(size)) return memory;
+        void* memory = released != nullptr ? reuse(size) : nullptr;
+        if (memory == nullptr) {
+            if (size > static_cast<std::size_t>(end - free)) grow(size);
+            memory = free;
+            free += size;
         }
-        if (size > static_cast<std::size_t>(end - free)) grow(size);
-        void* memory = free;
-        free += size;
+        usedBytes += size;
         return memory;
     }
 

@@ -12,6 +12,8 @@
 #include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
+#include <new>
 #include <utility>
 
 #include "container.h"
@@ -231,7 +233,7 @@ class KeyValueWriter {
 
     /** The place of a container in the tree. */
     struct Place {
-        std::size_t pathLength;  ///< of the keys that lead to it, each with a dot behind it
+        std::size_t pathLength;  ///< of the keys that lead to it, each with a dot after it
         unsigned level;          ///< of its members, the root's being 1
         bool writable;           ///< whether all those keys can be written
     };
@@ -263,10 +265,17 @@ class KeyValueWriter {
                 const Container* child = value.members();
                 return child == nullptr || measure(*child, {length + 1, place.level + 1, true});
             }
-            mostBytes += length + keySeparator.size() + lineSeparator.size() +
-                         (value.type == TypeString ? value.payload.text.size() : numberBufferSize);
+            addUp({length, keySeparator.size(), lineSeparator.size(),
+                   value.type == TypeString ? value.payload.text.size() : numberBufferSize});
             return true;
         });
+    }
+    /** Each key may be as long as memory, and stands in every line below it: the sum need not fit a text. */
+    void addUp(std::initializer_list<std::size_t> lengths) {
+        for (const std::size_t length : lengths) {
+            if (length > path.max_size() - spare - mostBytes) throw std::bad_alloc();
+            mostBytes += length;
+        }
     }
     static std::size_t longestKey(const NamedMember& member) { return member.keyLength; }
     static std::size_t longestKey(const IndexedMember& /*member*/) { return numberBufferSize; }

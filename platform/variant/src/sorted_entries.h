@@ -66,7 +66,7 @@ class SortedEntries {
         return equals(entry, key) ? &entry : nullptr;
     }
 
-    /** Adds an entry behind all others. When memory fails, nothing has changed. */
+    /** Adds an entry after all others. When memory fails, nothing has changed. */
     void append(const Entry& entry) {
         if (block(tail.size()).size() == blockCapacity) {
             // A full block stays behind.

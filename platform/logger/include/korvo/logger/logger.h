@@ -42,7 +42,10 @@ KORVO_LOGGER_EXPORT Sink setSink(Sink sink);
 /** The default sink, standard error: `LEVEL module sourceFile:line function: message`, one write per line. */
 KORVO_LOGGER_EXPORT void standardErrorSink(const Record& record);
 
-/** A ready-made sink for syslog(3). The host may call openlog() first, to choose name and facility. */
+/**
+ * A ready-made sink for syslog(3). The host may call openlog() first, to choose name and facility; with
+ * LOG_NDELAY before it closes its standard streams, so that syslog's socket does not get the number of one.
+ */
 KORVO_LOGGER_EXPORT void syslogSink(const Record& record);
 
 }  // namespace korvo::logger

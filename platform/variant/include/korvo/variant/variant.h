@@ -393,7 +393,8 @@ class KORVO_VARIANT_EXPORT Variant {
      * Refused, with false and @p text as it was, is what would not read back as the same tree: a key that
      * holds "=", "." or a line feed, a line that would begin with "#", a value with a line feed in it or a
      * carriage return at its end, an index and a text key that look the same, more than 64 levels, a value
-     * that is neither a container nor null. What has no line is refused for no key.
+     * that is neither a container nor null. What has no line is refused for no key, unless that
+     * looks like an index that has one.
      *
      * With separators of one's own, refused are likewise a key that holds either of them and a value that
      * holds the line separator; a value may hold the key separator, since lines are split at their first one.
