@@ -40,4 +40,7 @@ void forgetLibraryMessages();
  */
 std::string libraryFailure();
 
+/** Whether the library has told, since forgetLibraryMessages(), that it took the defaults for the flash copy. */
+bool tookDefaults();
+
 }  // namespace korvoctl
