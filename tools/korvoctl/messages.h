@@ -40,7 +40,7 @@ void forgetLibraryMessages();
  */
 std::string libraryFailure();
 
-/** Whether the library has told, since forgetLibraryMessages(), that it took the defaults for the flash copy. */
+/** Whether it took the defaults in place of a flash copy that is there, since forgetLibraryMessages(). */
 bool tookDefaults();
 
 }  // namespace korvoctl
