@@ -44,20 +44,31 @@ TEST_F(Korvoctl, TellsOnceWhatIsWrongAndThenDoesNothing) {
 
 TEST_F(Korvoctl, TellsForWhomItWaitsAndOnlyWritersWait) {
     InterProcessMutex lock("system.cfg", true);
+    InterProcessMutex flashLock("system.cfg.flash", true);
     ASSERT_EQ(lock.acquire(), 0);
+    ASSERT_EQ(flashLock.acquire(), 0);
     EXPECT_EQ(device.run("korvoctl -R=. get network.http.port && korvoctl -R=. check && korvoctl -R=. dump"),
               0);
-    std::thread writer([&] { EXPECT_EQ(device.run("korvoctl -R=. set network.http.port=8080"), 0); });
-    for (int tries = 0; tries < 3000 && device.read("errors").empty(); ++tries)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_THAT(device.read("tmp/system.cfg"), testing::HasSubstr("network.http.port=80\n"));
-    EXPECT_EQ(lock.release(), 0);
-    writer.join();
     std::string name;  // not this program's where an emulator runs it
     EXPECT_TRUE(korvo::utils::File::ReadStringAll("/proc/self/comm", name));
-    EXPECT_EQ(device.read("errors"), "korvoctl: waiting for process " + std::to_string(::getpid()) + " (" +
-                                         name.substr(0, name.size() - 1) +
-                                         "), which has the configuration open\n");
+    name.pop_back();
+    const std::string waiting =
+        "korvoctl: waiting for process " + std::to_string(::getpid()) + " (" + name + "), which ";
+    std::string told;
+    const auto awaitMessage = [&](const char* rest) {
+        told += waiting + rest + '\n';
+        for (int tries = 0; tries < 3000 && device.read("errors").size() < told.size(); ++tries)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    };
+    std::thread writer([&] { EXPECT_EQ(device.run("korvoctl -R=. set network.http.port=8080 --save"), 0); });
+    awaitMessage("has the configuration open");
+    EXPECT_THAT(device.read("tmp/system.cfg"), testing::HasSubstr("network.http.port=80\n"));
+    EXPECT_EQ(lock.release(), 0);
+    awaitMessage("is saving the configuration");
+    EXPECT_FALSE(std::filesystem::exists(device.path().string() + KORVO_FLASH_DIR));
+    EXPECT_EQ(flashLock.release(), 0);
+    writer.join();
+    EXPECT_EQ(device.read("errors"), told);
     EXPECT_THAT(device.read("tmp/system.cfg"), testing::HasSubstr("network.http.port=8080\n"));
 }
 

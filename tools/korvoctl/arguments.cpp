@@ -49,6 +49,10 @@ bool refuse(const std::string& message, const Command* command = nullptr) {
     return false;
 }
 
+bool refuseOption(const std::string& word) {
+    return refuse("there is no option " + word);
+}
+
 }  // namespace
 
 void declareOptions(const Command* command, Variant& definitions) {
@@ -62,6 +66,15 @@ Arguments::Arguments(int argc, const char** argv) {
     Variant definitions;
     Variant parsed;
     declareOptions(nullptr, definitions);
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        const std::string name = word.substr(0, word.find('='));
+        // The parser takes such a name for a path into the declarations, where "[save]" is "save" too.
+        if (name.size() > 1 && name.front() == '-' && name.find_first_of("[/") != std::string::npos) {
+            (void)refuseOption(word);
+            return;
+        }
+    }
     ParseCommandLine(argc, argv, definitions, parsed);
     for (const Option& option : allOptions) {
         const std::vector<std::string> texts = OptionTexts(argc, argv, definitions, option.longName);
@@ -82,7 +95,7 @@ Arguments::Arguments(int argc, const char** argv) {
 bool Arguments::check(const std::vector<std::string>& rest) {
     for (const std::string& word : rest) {
         // A bare dash is the name of standard input.
-        if (word.size() > 1 && word.front() == '-') return refuse("there is no option " + word);
+        if (word.size() > 1 && word.front() == '-') return refuseOption(word);
     }
     if (rest.empty()) {
         if (!has("help") && !has("version")) return refuse("a command is missing");
@@ -102,7 +115,8 @@ bool Arguments::checkOptions() {
         if (option.value == nullptr && !found->second.empty())
             return refuse("--" + name + " takes no value", chosen);
         if (option.value != nullptr && found->second.empty()) return refuse(missingValue(option), chosen);
-        if (chosen == nullptr && name != "help" && name != "version") return refuse("a command is missing");
+        if (chosen == nullptr && name != "help" && name != "version" && name != "root")
+            return refuse("a command is missing");
         if (chosen != nullptr && !goesWith(name, *chosen))
             return refuse("--" + name + " does not go with " + chosen->name, chosen);
     }
@@ -113,10 +127,10 @@ bool Arguments::checkCommand() {
     const std::string name = chosen->name;
     if (words.size() < chosen->least) return refuse(name + " needs " + chosen->operands, chosen);
     if (words.size() > chosen->most) {
-        return refuse(chosen->most == 0 ? name + " takes no operand, but got '" + words.front() + "'"
-                                        : name + " takes but one " + chosen->operands + ", and got '" +
-                                              words[chosen->most] + "' too",
-                      chosen);
+        if (chosen->most == 0) return refuse(name + " takes no operand, but got '" + words[0] + "'", chosen);
+        std::string kind = chosen->operands;
+        if (kind[0] == '[') kind = kind.substr(1, kind.size() - 2);
+        return refuse(name + " takes only one " + kind + ", but got '" + words[1] + "' too", chosen);
     }
     for (const std::string& word : words) {
         if (word.empty()) return refuse(name + " got an empty operand", chosen);

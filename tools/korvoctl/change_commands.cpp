@@ -20,11 +20,12 @@ namespace {
 
 using Change = SystemCfgManager::Change;
 
-bool open(SystemCfgManager& store) {
+/** @param already  what has been done before, for the message about a failure */
+bool open(SystemCfgManager& store, const std::string& already = "") {
     forgetLibraryMessages();
     const WaitNotice notice;
     if (store.init()) return true;
-    tell(libraryFailure());
+    tell(already + libraryFailure());
     return false;
 }
 
@@ -48,16 +49,20 @@ bool syncFlashFolder() {
     return synced;
 }
 
-/** Ends the use of the store. What is saved is decided by what flash holds, not by what this call changed. */
-ExitStatus close(SystemCfgManager& store, bool saveToFlash) {
+/**
+ * Ends the use of the store. What is saved is decided by what flash holds, not by what this call changed.
+ * @param state  what the working copy is when saving fails: "changed" or "kept"
+ */
+ExitStatus close(SystemCfgManager& store, bool saveToFlash, const std::string& state) {
     forgetLibraryMessages();
     if (!saveToFlash) return store.close(false, false) ? Done : failed(libraryFailure());
-    if (!flashHoldsTheSame())
-        return store.close(true, true)
-                   ? Done
-                   : failed("the working copy is kept, but not saved: " + libraryFailure());
+    const std::string notSaved = "the working copy is " + state + ", but not saved: ";
+    if (!flashHoldsTheSame()) {
+        const WaitNotice notice("system.cfg.flash", "is saving the configuration");
+        return store.close(true, true) ? Done : failed(notSaved + libraryFailure());
+    }
     if (!syncFlashFolder())
-        return failed("cannot make " + flashCopyPath() + " durable: " + systemError(errno));
+        return failed(notSaved + "cannot make " + flashCopyPath() + " durable: " + systemError(errno));
     return store.close(false, false) ? Done : failed(libraryFailure());
 }
 
@@ -86,14 +91,16 @@ std::string refusal(const Values& values, const Change& change, bool force) {
     return {};
 }
 
-/** Applies changes to values. False, with the reason told, where one of them is refused. */
-ExitStatus tryOut(Values values, const std::vector<Change>& changes, bool force) {
+/** Applies changes to values. Not Done, with the reason told, where one of them is refused. */
+ExitStatus tryOut(const Values& before, const std::vector<Change>& changes, bool force) {
+    Values values = before;
     for (const Change& change : changes) {
         const std::string reason = refusal(values, change, force);
         if (!reason.empty()) return failed(reason);
-        const Values replaced = part(values, change.key);
-        if (!change.value && replaced.empty()) return answerNo("there is no key " + change.key);
-        for (const auto& value : replaced) values.erase(value.first);
+        // A key that has gone with a group before it was there all the same.
+        if (!change.value && part(before, change.key).empty())
+            return answerNo("there is no key " + change.key);
+        for (const auto& value : part(values, change.key)) values.erase(value.first);
         if (change.value) values[change.key] = *change.value;
     }
     return Done;
@@ -107,7 +114,7 @@ ExitStatus makeChanges(const std::vector<Change>& changes, const Arguments& argu
     const ExitStatus status = tryOut(valuesOf(tree), changes, arguments.has("force"));
     if (status != Done) return status;
     if (!store.apply(changes, nullptr)) return failed(libraryFailure());
-    return close(store, arguments.has("save"));
+    return close(store, arguments.has("save"), "changed");
 }
 
 /** Tells the first key that is given twice. */
@@ -144,29 +151,24 @@ ExitStatus applyFile(const Arguments& arguments) {
     std::string text;
     std::vector<Change> changes;
     std::vector<SystemCfgManager::Fault> faults;
-    if (!readWhole(name, text)) return failed("cannot read " + name + ": " + systemError(errno));
+    if (!readWhole(name, text)) return failed("cannot read " + shownName(name) + ": " + systemError(errno));
     if (!SystemCfgManager::parse(text, changes, &faults)) return failed(describe(name, faults.front()));
     return eachOnce(changes, "apply") ? makeChanges(changes, arguments) : WrongUsage;
 }
 
 ExitStatus save(const Arguments&) {
     SystemCfgManager store;
-    return open(store) ? close(store, true) : Failed;
+    return open(store) ? close(store, true, "kept") : Failed;
 }
 
 ExitStatus restore(const Arguments& arguments) {
     const std::string defaults = arguments.text("defaults");
-    const bool replace = arguments.has("force");
-    const bool needed = replace || ::access(workingCopyPath().c_str(), F_OK) != 0;
     {
         const WaitNotice notice;
-        if (!SystemCfgManager::restore(defaults, replace)) return failed(libraryFailure());
+        if (!SystemCfgManager::restore(defaults, arguments.has("force"))) return failed(libraryFailure());
     }
-    std::string text;
-    korvo::variant::Variant tree;
     // Or nobody would know why the services run with other settings than before the power cut.
-    if (needed && korvo::utils::loadFromFlashRaw(text) && !SystemCfgManager::load(text, tree, nullptr))
-        tell(firstFault(flashCopyPath()) + "; " + defaults + " has been taken instead");
+    if (tookDefaults()) tell(firstFault(flashCopyPath()) + "; " + defaults + " has been taken instead");
     return Done;
 }
 
@@ -181,7 +183,8 @@ ExitStatus reset(const Arguments& arguments) {
     if (!done) return failed(libraryFailure());
     if (!arguments.has("save")) return Done;
     SystemCfgManager store;
-    return open(store) ? close(store, true) : Failed;
+    const bool opened = open(store, "the working copy is changed, but not saved: ");
+    return opened ? close(store, true, "changed") : Failed;
 }
 
 }  // namespace korvoctl

@@ -11,7 +11,8 @@ const std::vector<Command>& allCommands() {
          getValues},
         {"set", "KEY=VALUE...", 1, any, " save force ", "Store values",
          "All of them or none, as the very texts typed. A key that is a group of keys is\n"
-         "replaced by a value only with --force.",
+         "replaced by a value only with --force. Once loaded, the words on, enable and\n"
+         "enabled are 1, and off, disable and disabled are 0.",
          setValues},
         {"unset", "KEY...", 1, any, " save force ", "Remove values",
          "All of them or none; a group of keys only with --force. Exit status 1, and nothing\n"
@@ -39,7 +40,7 @@ const std::vector<Command>& allCommands() {
          "Where that is missing or damaged, the file of --defaults. Does nothing when there is\n"
          "a working copy, unless --force is given.",
          restore},
-        {"reset", "", 0, 0, " defaults save ", "Back to the factory settings of --defaults",
+        {"reset", "--defaults=FILE", 0, 0, " defaults save ", "Back to the factory settings of --defaults",
          "The count of flash writes is kept. The flash copy changes only with --save.", reset},
         {"check", "[FILE]", 0, 1, " ", "Tell whether a configuration loads",
          "FILE:LINE: REASON for each fault. Without FILE it is the working copy, and - is\n"

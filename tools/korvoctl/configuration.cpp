@@ -66,16 +66,19 @@ bool readWhole(const std::string& name, std::string& text) {
     return std::ferror(file) == 0;
 }
 
+std::string shownName(const std::string& name) {
+    return name == "-" ? "standard input" : name;
+}
+
 std::string describe(const std::string& name, const SystemCfgManager::Fault& fault) {
-    const std::string shown = name == "-" ? "standard input" : name;
-    return shown + ':' + (fault.line != 0 ? std::to_string(fault.line) + ": " : " ") + fault.reason;
+    return shownName(name) + ':' + (fault.line != 0 ? std::to_string(fault.line) + ": " : " ") + fault.reason;
 }
 
 std::string firstFault(const std::string& path) {
     Variant tree;
-    std::string reason = path + ": it loads by now";
-    (void)load(path, tree, reason);
-    return reason;
+    std::string reason;
+    if (!load(path, tree, reason)) return reason;
+    return path + (valuesOf(tree).empty() ? ": it holds no KEY=VALUE" : ": it loads by now");
 }
 
 bool loadFile(const std::string& path, Values& values) {
@@ -117,9 +120,12 @@ bool isGroup(const Values& values, const std::string& key) {
 Values part(const Values& values, const std::string& key) {
     if (key.empty()) return values;
     Values found;
-    for (const auto& [name, value] : values) {
-        if (name == key || name.compare(0, key.size() + 1, key + '.') == 0) found[name] = value;
-    }
+    const auto value = values.find(key);
+    if (value != values.end()) found.insert(*value);
+    const std::string group = key + '.';
+    for (auto member = values.lower_bound(group);
+         member != values.end() && member->first.compare(0, group.size(), group) == 0; ++member)
+        found.insert(found.end(), *member);
     return found;
 }
 

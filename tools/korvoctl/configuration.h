@@ -22,11 +22,15 @@ std::string flashCopyPath();
  */
 bool readWhole(const std::string& name, std::string& text);
 
+/** The name of a file as messages have it: "-" is standard input. */
+std::string shownName(const std::string& name);
+
 /** A fault as compilers tell it: `FILE:LINE: REASON`. */
 std::string describe(const std::string& name, const SystemCfgManager::Fault& fault);
 
 /**
- * Why the configuration in a file cannot be loaded: the reason that it cannot be read, or its first fault.
+ * Why the configuration in a file cannot be used: the reason that it cannot be read, its first fault, or that
+ * it holds no values.
  */
 std::string firstFault(const std::string& path);
 

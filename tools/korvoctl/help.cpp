@@ -32,7 +32,7 @@ ExitStatus help(const Arguments& arguments) {
     std::printf("korvoctl COMMAND [OPTION]...: a camera's configuration, device information and URIs\n\n");
     for (const Command& command : allCommands()) {
         const std::string synopsis = std::string(command.name) + ' ' + command.operands;
-        std::printf("  %-18s %s\n", synopsis.c_str(), command.summary);
+        std::printf("  %-21s %s\n", synopsis.c_str(), command.summary);
     }
     std::printf(
         "\n--root=DIR goes with every command: it uses the device tree in that folder. 'korvoctl help "

@@ -1,12 +1,13 @@
 // korvoctl, the operator's tool: uses the library's facilities from the command line.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <exception>
-#include <filesystem>
+#include <new>
 #include <string>
 
 #include "arguments.h"
@@ -35,8 +36,11 @@ ExitStatus run(int argc, const char** argv) {
     if (arguments.command() == nullptr) return printVersion(arguments);
     if (arguments.has("root")) {
         const std::string root = arguments.text("root");
-        std::error_code ignored;
-        if (!std::filesystem::is_directory(root, ignored)) return failed("there is no folder " + root);
+        struct stat ignored {};
+        if (::stat((root + "/.").c_str(), &ignored) != 0) {
+            return failed(errno == ENOENT ? "there is no folder " + root
+                                          : "cannot use " + root + " as --root: " + systemError(errno));
+        }
         korvo::utils::setDeviceRoot(root);
     }
     forgetLibraryMessages();
@@ -51,6 +55,8 @@ int main(int argc, char** argv) {
     int status = korvoctl::Failed;
     try {
         status = korvoctl::run(argc, const_cast<const char**>(argv));
+    } catch (const std::bad_alloc&) {
+        std::fputs("korvoctl: not enough memory\n", stderr);  // which tell() would need too
     } catch (const std::exception& error) {
         (void)korvoctl::failed(error.what());
     }

@@ -3,20 +3,27 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 #include <system_error>
 
 #include "configuration.h"
 #include "korvo/logger/logger.h"
+#include "korvo/utils/device_root.h"
 #include "text.h"
 
 namespace korvoctl {
 namespace {
 
+using korvo::utils::devicePath;
+
 std::string firstError;
 int firstErrorNumber = 0;
+bool defaultsTaken = false;
 
 /** Runs inside the library, so errno is still that of the call that failed. */
 void keepFirstError(const korvo::logger::Record& record) {
+    const std::string_view message = record.message;
+    if (message.substr(0, message.find(',')) == "damaged flash copy of system.cfg") defaultsTaken = true;
     if (record.level > korvo::logger::LevelError || !firstError.empty()) return;
     firstErrorNumber = errno;
     firstError = record.message;
@@ -30,6 +37,12 @@ struct Meaning {
 
 std::string because(const std::string& what) {
     return what + ": " + systemError(firstErrorNumber);
+}
+
+std::string notReplaced() {
+    const std::string what = "cannot replace " + workingCopyPath();
+    if (firstErrorNumber != ESTALE) return because(what);
+    return what + ": the lock file " + workingCopyPath() + ".lock has been removed or replaced meanwhile";
 }
 
 int number(const std::string& text) {
@@ -51,11 +64,9 @@ const Meaning meanings[] = {
      [](const std::string&) { return because("cannot read " + workingCopyPath()); }},
     {"Failed to deserialize system.cfg file",
      [](const std::string&) { return firstFault(workingCopyPath()); }},
-    {"Failed to open system.cfg",
-     [](const std::string&) { return because("cannot replace " + workingCopyPath()); }},
-    {"Failed to write system.cfg",
-     [](const std::string&) { return because("cannot replace " + workingCopyPath()); }},
-    {"Failed to move ", [](const std::string&) { return because("cannot replace " + workingCopyPath()); }},
+    {"Failed to open system.cfg", [](const std::string&) { return notReplaced(); }},
+    {"Failed to write system.cfg", [](const std::string&) { return notReplaced(); }},
+    {"Failed to move ", [](const std::string&) { return notReplaced(); }},
     {"Failed to save to flash",
      [](const std::string&) { return because("cannot write " + flashCopyPath()); }},
     {"Failed to restore system.cfg from flash or from ",
@@ -69,15 +80,18 @@ const Meaning meanings[] = {
          return "\"system.flash\" cannot hold the count of flash writes: \"system\" or \"system.flash\" has "
                 "a value";
      }},
-    {"Unable to open ", [](const std::string& rest) { return because("cannot read " + rest); }},
+    {"Unable to open ",
+     [](const std::string& rest) { return because("cannot read " + devicePath(rest.c_str())); }},
     {"Failed to match FW version regex, fw=",
-     [](const std::string& rest) { return "/lib/version holds no firmware version, but '" + rest + "'"; }},
+     [](const std::string& rest) {
+         return devicePath("/lib/version") + " holds no firmware version, but '" + rest + "'";
+     }},
 };
 
 }  // namespace
 
 void tell(const std::string& message) {
-    std::fprintf(stderr, "korvoctl: %s\n", onOneLine(message).c_str());
+    std::fprintf(stderr, "korvoctl: %s\n", messageOnOneLine(message).c_str());
 }
 
 ExitStatus failed(const std::string& message) {
@@ -97,6 +111,8 @@ ExitStatus wrongUsage(const std::string& message, const std::string& command) {
 }
 
 std::string systemError(int number) {
+    // What the libraries call a pipe, a socket or a device where a file belongs.
+    if (number == ENOTSUP) return "it is no plain file";
     return std::generic_category().message(number);
 }
 
@@ -106,6 +122,7 @@ void captureLibraryMessages() {
 
 void forgetLibraryMessages() {
     firstError.clear();
+    defaultsTaken = false;
 }
 
 std::string libraryFailure() {
@@ -115,6 +132,10 @@ std::string libraryFailure() {
             return meaning.words(firstError.substr(begin.size()));
     }
     return firstError;
+}
+
+bool tookDefaults() {
+    return defaultsTaken;
 }
 
 }  // namespace korvoctl

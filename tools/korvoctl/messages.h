@@ -40,4 +40,7 @@ void forgetLibraryMessages();
  */
 std::string libraryFailure();
 
+/** Whether it took the defaults in place of a flash copy that is there, since forgetLibraryMessages(). */
+bool tookDefaults();
+
 }  // namespace korvoctl

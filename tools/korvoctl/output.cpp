@@ -52,12 +52,15 @@ void printJson(const Variant& value) {
 }
 
 void printRecord(const Variant& record, bool asJson) {
+    const bool isEmpty = static_cast<VariantType>(record) == korvo::variant::TypeNull;
     if (asJson) {
-        printJson(record);
+        Variant object;
+        object.IsArray(false);
+        printJson(isEmpty ? object : record);
         return;
     }
     std::map<std::string, std::string> lines;
-    if (static_cast<VariantType>(record) != korvo::variant::TypeNull) flatten(record, "", lines);
+    if (!isEmpty) flatten(record, "", lines);
     for (const auto& [key, value] : lines) std::printf("%s=%s\n", key.c_str(), value.c_str());
 }
 

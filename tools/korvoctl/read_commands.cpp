@@ -9,6 +9,7 @@
 #include "arguments.h"
 #include "commands.h"
 #include "configuration.h"
+#include "korvo/utils/file.h"
 #include "output.h"
 
 namespace korvoctl {
@@ -102,7 +103,9 @@ ExitStatus check(const Arguments& arguments) {
     std::string text;
     korvo::variant::Variant tree;
     std::vector<SystemCfgManager::Fault> faults;
-    if (!readWhole(name, text)) return failed("cannot read " + name + ": " + systemError(errno));
+    // What stands in the working copy's place may be a pipe that nobody writes to; a named one is asked for.
+    const bool read = named ? readWhole(name, text) : korvo::utils::File::ReadStringAll(name, text);
+    if (!read) return failed("cannot read " + shownName(name) + ": " + systemError(errno));
     if (SystemCfgManager::load(text, tree, &faults)) return Done;
     for (const SystemCfgManager::Fault& fault : faults) printLine(describe(name, fault));
     return No;

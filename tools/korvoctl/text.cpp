@@ -23,7 +23,9 @@ bool isControl(char32_t code) {
     return code < 0x20 || (code >= 0x7f && code < 0xa0);
 }
 
-std::string onOneLine(std::string_view text) {
+namespace {
+
+std::string escapeControls(std::string_view text, const char* backslash) {
     static const char hex[] = "0123456789abcdef";
     std::string line;
     while (!text.empty()) {
@@ -32,7 +34,7 @@ std::string onOneLine(std::string_view text) {
         const std::string_view character = text.substr(0, length != 0 ? length : 1);
         text.remove_prefix(character.size());
         if (character == "\\") {
-            line += "\\\\";
+            line += backslash;
         } else if (character == "\n") {
             line += "\\n";
         } else if (character == "\r") {
@@ -49,6 +51,16 @@ std::string onOneLine(std::string_view text) {
         }
     }
     return line;
+}
+
+}  // namespace
+
+std::string onOneLine(std::string_view text) {
+    return escapeControls(text, "\\\\");
+}
+
+std::string messageOnOneLine(std::string_view text) {
+    return escapeControls(text, "\\");
 }
 
 }  // namespace korvoctl

@@ -22,4 +22,7 @@ bool isControl(char32_t code);
  */
 std::string onOneLine(std::string_view text);
 
+/** The same for a message: a backslash stays, since what the libraries tell has been escaped once already. */
+std::string messageOnOneLine(std::string_view text);
+
 }  // namespace korvoctl

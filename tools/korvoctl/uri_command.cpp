@@ -12,17 +12,45 @@ using korvo::variant::URI;
 
 const char hidden[] = "***";
 
-/** Hides the password in the text that was parsed. The user-info stands right after the schema. */
-std::string withoutPassword(std::string text, const URI& parsed) {
-    URI uri = parsed;
-    const std::size_t begin = text.find("://") + 3 + uri.userName().size() + 1;
-    return text.replace(begin, uri.password().size(), hidden);
+/** Hides a piece of a text, the first one from a place on. */
+std::string hide(std::string text, const std::string& piece, std::size_t from) {
+    return piece.empty() ? text : text.replace(text.find(piece, from), piece.size(), hidden);
 }
 
+/**
+ * Hides the password wherever it shows, and what stands before an "@" in the host: user-info ends with the
+ * first "@", which may have been one of a password.
+ */
 void hidePassword(URI& uri) {
-    if (uri.password().empty()) return;
-    for (const char* key : {"originalUri", "fullUriWithAuth"}) uri[key] = withoutPassword(uri[key], uri);
-    uri["password"] = hidden;
+    const std::string user = uri.userName();
+    const std::string password = uri.password();
+    const std::string host = uri.host();
+    const std::string rest = host.substr(0, host.find('@') == host.npos ? 0 : host.rfind('@'));
+    for (const char* key : {"originalUri", "fullUriWithAuth"}) {
+        const std::string& text = uri[key];
+        const std::size_t begin = text.find("://") + 3;
+        // From the right to the left, so that the places on the left hold.
+        uri[key] = hide(hide(text, rest, text.find('@', begin) + 1), password, begin + user.size() + 1);
+    }
+    const std::string& full = uri["fullUri"];
+    uri["fullUri"] = hide(full, rest, full.find("://") + 3);
+    uri["host"] = hide(host, rest, 0);
+    if (!password.empty()) uri["password"] = hidden;
+}
+
+/** Hides the pieces of a URI that a message repeats, when they may be of a password. */
+std::string withoutPieces(std::string message, const std::string& uri) {
+    const std::size_t at = uri.find('@');
+    if (at == std::string::npos) return message;
+    const std::size_t quote = message.find('`');
+    // A schema stands before all that is secret.
+    const bool isSchema = uri.find("://") < at && message.find("schema `") != std::string::npos;
+    if (quote != std::string::npos && !isSchema)
+        message.replace(quote + 1, message.rfind('`') - quote - 1, hidden);
+    // The host, which is repeated after a colon.
+    const std::size_t hostAt = message.rfind('@');
+    const std::size_t host = message.find(": ") + 2;
+    return hostAt == std::string::npos ? message : message.replace(host, hostAt - host, hidden);
 }
 
 }  // namespace
@@ -32,11 +60,13 @@ ExitStatus parseAndPrintUri(const Arguments& arguments) {
     const bool wantsDerived = arguments.has("derive");
     if (arguments.has("with-parameters") && !wantsDerived)
         return wrongUsage("--with-parameters goes with --derive", "uri");
+    const bool shows = arguments.has("show-password");
     URI uri;
     // The text is not repeated: it may hold a password.
     if (!URI::FromString(arguments.operand(), arguments.has("resolve"), uri))
-        return failed("the URI is refused: " + libraryFailure());
-    if (!arguments.has("show-password")) hidePassword(uri);
+        return failed("the URI is refused: " +
+                      (shows ? libraryFailure() : withoutPieces(libraryFailure(), arguments.operand())));
+    if (!shows) hidePassword(uri);
     if (!wantsBase && !wantsDerived) {
         printRecord(uri, arguments.has("json"));
         return Done;

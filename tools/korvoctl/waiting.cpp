@@ -11,7 +11,7 @@
 
 namespace korvoctl {
 
-WaitNotice::WaitNotice() {
+WaitNotice::WaitNotice(const char* name, const char* holds) : lock(name), deed(holds) {
     try {
         watcher = std::thread([this] { watch(); });
     } catch (const std::system_error&) {
@@ -30,14 +30,22 @@ WaitNotice::~WaitNotice() {
 
 void WaitNotice::watch() {
     std::unique_lock<std::mutex> guard(mutex);
-    if (ended.wait_for(guard, std::chrono::seconds(1), [this] { return over; })) return;
-    const pid_t holder = InterProcessMutex("system.cfg", true).holder();
-    if (holder == 0) return;
+    // Whoever holds the lock at one moment may be between two others that keep it for long.
+    while (!ended.wait_for(guard, std::chrono::seconds(1), [this] { return over; })) {
+        if (tellHolder()) return;
+    }
+}
+
+/** Tells who holds the lock; false when nobody is to be seen. */
+bool WaitNotice::tellHolder() const {
+    const pid_t holder = InterProcessMutex(lock, true).holder();
+    if (holder == 0) return false;
     std::string name;
     (void)korvo::utils::File::ReadStringAll("/proc/" + std::to_string(holder) + "/comm", name);
     korvo::utils::trim(name);
     tell("waiting for process " + std::to_string(holder) + (name.empty() ? "" : " (" + name + ')') +
-         ", which has the configuration open");
+         ", which " + deed);
+    return true;
 }
 
 }  // namespace korvoctl

@@ -7,17 +7,24 @@
 
 namespace korvoctl {
 
-/** While an object lives, the configuration's lock is waited for; after a second the user learns so. */
+/** While an object lives, a lock may be waited for; after a second the user learns so. */
 class WaitNotice {
   public:
-    WaitNotice();
+    /**
+     * @param name   the lock
+     * @param holds  what whoever holds it does, as in "waiting for process 7, which ..."
+     */
+    explicit WaitNotice(const char* name = "system.cfg", const char* holds = "has the configuration open");
     WaitNotice(const WaitNotice&) = delete;
     WaitNotice& operator=(const WaitNotice&) = delete;
     ~WaitNotice();
 
   private:
     void watch();
+    bool tellHolder() const;
 
+    const char* const lock;
+    const char* const deed;
     std::mutex mutex;
     std::condition_variable ended;
     bool over = false;

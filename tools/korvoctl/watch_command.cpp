@@ -68,22 +68,26 @@ class FileWatch {
 }  // namespace
 
 ExitStatus watch(const Arguments& arguments) {
+    const std::string key = arguments.operand();
+    const char* const fault = key.empty() ? nullptr : SystemCfgManager::keyFault(key);
+    if (fault != nullptr) return failed("the key '" + key + "' is refused: " + fault);
     const std::string path = workingCopyPath();
     FileWatch file(path);
     if (!file.ok()) return failed("cannot watch " + path + ": " + systemError(errno));
     Values known;
     if (!loadFile(path, known)) return Failed;
-    known = part(known, arguments.operand());
+    known = part(known, key);
     while (file.wait()) {
         Values now;
         // What does not load has been told; the next write may mend it.
         if (!loadFile(path, now)) continue;
-        now = part(now, arguments.operand());
+        now = part(now, key);
         Values before = std::move(known);
         known = now;
         subtractCommon(before, now);
         printLines(differenceLines(before, now));
-        if (std::fflush(stdout) != 0) return failed("cannot write to standard output: " + systemError(errno));
+        // Why it failed is told at the end, as for every command.
+        if (std::fflush(stdout) != 0) return Failed;
     }
     return failed("cannot watch " + path + " any longer: " + systemError(errno));
 }

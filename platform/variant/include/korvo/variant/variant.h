@@ -113,7 +113,8 @@ struct NumberTag<T, std::enable_if_t<std::is_enum<T>::value>> : NumberTag<std::u
 class Container;
 class Variant;
 
-/** @cond: what the interface below is written with. */
+// What the interface below is written with.
+/// @cond
 namespace detail {
 
 template <class T, class = void>
@@ -164,7 +165,7 @@ inline std::string_view textOf(const char* text) {
 }
 
 }  // namespace detail
-/** @endcond */
+/// @endcond
 
 /**
  * Walks the members of a value that have keys of one kind, in ascending order. Made by Variant::begin() and
@@ -228,7 +229,7 @@ class KORVO_VARIANT_EXPORT Variant {
         if constexpr (std::is_floating_point<Number>::value)
             payload.real = detail::narrowed<double>(value);
         else
-            payload.integer = static_cast<std::uint64_t>(value);
+            payload.integer = static_cast<std::uint64_t>(static_cast<long long>(value));
     }
     Variant(const char* value);  ///< a copy of the text; a null pointer gives the null value
     Variant(std::string_view value);
