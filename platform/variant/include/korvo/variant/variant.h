@@ -86,6 +86,7 @@ enum VariantType : std::uint16_t {
 template <class T, class = void>
 struct NumberTag {};
 
+/// @cond
 template <>
 struct NumberTag<bool> {
     static constexpr VariantType tag = TypeBool;
@@ -114,7 +115,6 @@ class Container;
 class Variant;
 
 // What the interface below is written with.
-/// @cond
 namespace detail {
 
 template <class T, class = void>
