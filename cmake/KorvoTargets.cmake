@@ -56,10 +56,13 @@ function(korvo_build_settings target)
   if(NOT CMAKE_CXX_STANDARD)
     set_property(TARGET ${target} PROPERTY CXX_STANDARD 17)
   endif()
+  # With the folder's name in it, the same sources would make another build identifier in every folder. Not every
+  # loader knows it, so a toolchain may set CMAKE_BUILD_RPATH_USE_ORIGIN.
+  if(NOT DEFINED CMAKE_BUILD_RPATH_USE_ORIGIN)
+    set_property(TARGET ${target} PROPERTY BUILD_RPATH_USE_ORIGIN ON)
+  endif()
   set_target_properties(${target} PROPERTIES
     CXX_EXTENSIONS OFF
-    # With the folder's name in it, the same sources would make another build identifier in every folder.
-    BUILD_RPATH_USE_ORIGIN ON
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON
     POSITION_INDEPENDENT_CODE ON)

@@ -128,8 +128,8 @@ TEST(File, WritingReplacesWhatWasPlantedAndTouchesNothingThatAnybodyHasOpen) {
         File file;
         EXPECT_TRUE(file.Initialize(path, FILE_OPEN_MODE_TRUNCATE) && file.WriteString("secret") &&
                     file.Close());
-        char seen[8] = {};
-        EXPECT_TRUE(::read(open, seen, sizeof seen) < 0 || std::string(seen) != "secret");
+        char seen[16] = {};
+        EXPECT_TRUE(::read(open, seen, 8) < 0 || std::string(seen) != "secret");
         ::close(open);
         EXPECT_EQ(directory.read("name") + directory.read("victim"), "secretprecious");
         EXPECT_EQ(std::filesystem::symlink_status(path).permissions(), std::filesystem::perms(0600));

@@ -12,6 +12,9 @@ set(CMAKE_CXX_COMPILER ${toolchain}/bin/arm-uclibc-g++)
 # Says for every vector how compilers before GCC 7.1 passed it; none of those built anything used here.
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 
+# Its loader knows no $ORIGIN.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN OFF)
+
 # The device's libraries and headers only, but this machine's programs.
 set(CMAKE_FIND_ROOT_PATH ${toolchain}/sysroot)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

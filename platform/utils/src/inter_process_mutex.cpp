@@ -277,11 +277,11 @@ struct InterProcessMutex::LockTable {
     /** In a forked child, which has inherited neither the record locks nor the threads that wait. */
     void forgetLocks() {
         for (auto& entry : locks) {
-            NamedLock& lock = entry.second;
-            lock.servedTicket = lock.nextTicket;
-            lock.holder = nullptr;
+            NamedLock& forgotten = entry.second;
+            forgotten.servedTicket = forgotten.nextTicket;
+            forgotten.holder = nullptr;
             // Made anew without being destroyed, which would wait for threads that are not there.
-            ::new (&lock.turn) std::condition_variable;
+            ::new (&forgotten.turn) std::condition_variable;
         }
         mutex.unlock();
     }
