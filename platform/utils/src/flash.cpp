@@ -104,16 +104,17 @@ bool saveToFlashRaw(bool /*reserved*/) {
     const std::string copy = path + "/system.cfg";
     // One name for all, so that power cuts cannot fill the flash.
     const std::string temporary = copy + ".tmp";
-    const bool written = writeDurably(temporary, text);
-    const int cause = errno;
-    // Whoever holds the lock by now may be writing the file of that name.
-    if (!lock.held()) {
+    bool replaced = writeDurably(temporary, text);
+    if (replaced && !lock.held()) {
+        replaced = false;
         errno = ESTALE;
-        return false;
     }
-    errno = cause;
-    if (!written || std::rename(temporary.c_str(), copy.c_str()) != 0) {
-        keepingErrno([&] { (void)::unlink(temporary.c_str()); });
+    replaced = replaced && std::rename(temporary.c_str(), copy.c_str()) == 0;
+    if (!replaced) {
+        // Without the lock, somebody else may be writing the file of that name by now.
+        keepingErrno([&] {
+            if (lock.held()) (void)::unlink(temporary.c_str());
+        });
         return false;
     }
     return syncFolder(folder);
