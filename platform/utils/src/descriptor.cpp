@@ -89,11 +89,13 @@ int StandardStreamGuard::installForkHandlers() {
 }
 
 int openFile(const char* path, int flags, mode_t mode, int folder) {
-    const StandardStreamGuard guard;
-    const int descriptor = uninterrupted([&] { return ::openat(folder, path, flags | O_CLOEXEC, mode); });
-    if (descriptor < 0 || descriptor >= standardStreams) return descriptor;
-    // There was no placeholder to be had.
-    (void)closeFile(descriptor);
+    // Again where the host had a file there for a moment when the placeholders were set up.
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const StandardStreamGuard guard;
+        const int descriptor = uninterrupted([&] { return ::openat(folder, path, flags | O_CLOEXEC, mode); });
+        if (descriptor < 0 || descriptor >= standardStreams) return descriptor;
+        (void)closeFile(descriptor);
+    }
     errno = EMFILE;
     return -1;
 }
