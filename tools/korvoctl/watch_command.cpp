@@ -87,7 +87,7 @@ ExitStatus watch(const Arguments& arguments) {
         subtractCommon(before, now);
         printLines(differenceLines(before, now));
         // Why it failed is told at the end, as for every command.
-        if (std::fflush(stdout) != 0) return Failed;
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) return Failed;
     }
     return failed("cannot watch " + path + " any longer: " + systemError(errno));
 }
