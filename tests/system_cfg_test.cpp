@@ -326,6 +326,10 @@ TEST_F(SystemCfgTest, RefusesAConfigurationThatIsNoFileAtOnce) {
 }
 
 TEST_F(SystemCfgTest, NothingPrintedGetsIntoAFileWhenTheHostHasClosedItsStandardStreams) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "printing to a stream while its number is taken is what this test does, and a race to "
+                    "the sanitizer";
+#endif
     for (const std::vector<int>& closed : {std::vector{0, 1, 2}, std::vector{2}, std::vector{1}}) {
         configuration("a=0\n");
         ChildProcess host([&](const ChildProcess&) {
