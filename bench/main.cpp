@@ -11,9 +11,7 @@ std::string& notes() {
 
 }  // namespace
 
-void bench::note(const std::string& line) {
-    notes() += line + "\n";
-}
+void bench::note(const std::string& line) { notes() += line + "\n"; }
 
 int main(int argc, char** argv) {
     korvo::utils::setDeviceRoot(bench::deviceRoot());

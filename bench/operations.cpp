@@ -54,9 +54,7 @@ void operator delete(void* memory) noexcept {
     std::free(memory);
 }
 
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    operator delete(memory);
-}
+void operator delete(void* memory, std::size_t /*size*/) noexcept { operator delete(memory); }
 
 namespace {
 

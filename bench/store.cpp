@@ -14,9 +14,7 @@ namespace {
 
 const char work[] = "set of one key, to the renamed file";
 
-std::string configurationPath() {
-    return deviceRoot() + "/tmp/system.cfg";
-}
+std::string configurationPath() { return deviceRoot() + "/tmp/system.cfg"; }
 
 /** open, write, close and rename of the bytes and nothing else. */
 void replaceFile(const std::string& target, const std::string& text) {

@@ -24,43 +24,25 @@ signed char feature(CameraInfo& info, const char* key) {
     return memberOrDefault(info, key, TypeNumeric, false);
 }
 
-double seconds(CameraInfo& info, const char* key) {
-    return memberOrDefault(info, key, TypeNumeric, 0);
-}
+double seconds(CameraInfo& info, const char* key) { return memberOrDefault(info, key, TypeNumeric, 0); }
 
 }  // namespace
 
-signed char CameraInfo::feature_mic() {
-    return feature(*this, "feature_mic");
-}
+signed char CameraInfo::feature_mic() { return feature(*this, "feature_mic"); }
 
-signed char CameraInfo::feature_ir() {
-    return feature(*this, "feature_ir");
-}
+signed char CameraInfo::feature_ir() { return feature(*this, "feature_ir"); }
 
-signed char CameraInfo::feature_rtc() {
-    return feature(*this, "feature_rtc");
-}
+signed char CameraInfo::feature_rtc() { return feature(*this, "feature_rtc"); }
 
-signed char CameraInfo::feature_wifi() {
-    return feature(*this, "feature_wifi");
-}
+signed char CameraInfo::feature_wifi() { return feature(*this, "feature_wifi"); }
 
-signed char CameraInfo::feature_sdmmc() {
-    return feature(*this, "feature_sdmmc");
-}
+signed char CameraInfo::feature_sdmmc() { return feature(*this, "feature_sdmmc"); }
 
-signed char CameraInfo::feature_video() {
-    return feature(*this, "feature_video");
-}
+signed char CameraInfo::feature_video() { return feature(*this, "feature_video"); }
 
-double CameraInfo::idleTime() {
-    return seconds(*this, "idleTime");
-}
+double CameraInfo::idleTime() { return seconds(*this, "idleTime"); }
 
-double CameraInfo::upTime() {
-    return seconds(*this, "upTime");
-}
+double CameraInfo::upTime() { return seconds(*this, "upTime"); }
 
 std::string CameraInfo::fullVersion() {
     const std::string& version = memberOrDefault(*this, "fullVersion", TypeString, "");

@@ -23,9 +23,7 @@ namespace {
 
 const char sourceFile[] = "src/commandline";
 
-unsigned shortNameIndex(char shortName) {
-    return static_cast<unsigned char>(shortName);
-}
+unsigned shortNameIndex(char shortName) { return static_cast<unsigned char>(shortName); }
 
 /** printf's "%.3f" with a "." whatever the locale. */
 void printThreeDecimals(double value) {

@@ -242,26 +242,16 @@ int toCount(const Variant& value) {
     return count >= INT_MAX ? INT_MAX : count <= INT_MIN ? INT_MIN : static_cast<int>(value);
 }
 
-VariantType categoryOf(int) {
-    return TypeNumeric;
-}
-VariantType categoryOf(const std::string&) {
-    return TypeString;
-}
+VariantType categoryOf(int) { return TypeNumeric; }
+VariantType categoryOf(const std::string&) { return TypeString; }
 
-bool equals(const Variant& stored, int value) {
-    return toInt(stored) == value;
-}
+bool equals(const Variant& stored, int value) { return toInt(stored) == value; }
 bool equals(const Variant& stored, const std::string& value) {
     return static_cast<const std::string&>(stored) == value;
 }
 
-bool canBeValue(int) {
-    return true;
-}
-bool canBeValue(const std::string& value) {
-    return SystemCfgManager::valueFault(value) == nullptr;
-}
+bool canBeValue(int) { return true; }
+bool canBeValue(const std::string& value) { return SystemCfgManager::valueFault(value) == nullptr; }
 
 /** Stores a member of a map; whether that changed it. */
 template <class Value>
@@ -371,9 +361,7 @@ std::atomic<unsigned> generation{0};
  * Tells a process from its children, also from one that has the same process id in a pid namespace of its
  * own, and from one that was made without the C library's knowledge.
  */
-std::pair<unsigned, int> thisProcess() {
-    return {generation, ::getpid()};
-}
+std::pair<unsigned, int> thisProcess() { return {generation, ::getpid()}; }
 
 }  // namespace
 
@@ -403,9 +391,7 @@ SystemCfgManager::~SystemCfgManager() {
     if (!variantBorrowed) delete variant;
 }
 
-bool SystemCfgManager::isOpen() const {
-    return initialized && openedBy == thisProcess();
-}
+bool SystemCfgManager::isOpen() const { return initialized && openedBy == thisProcess(); }
 
 bool SystemCfgManager::checkInitialized(const char* function) {
     if (isOpen()) return true;

@@ -27,61 +27,35 @@ void storeMember(URI& uri, const char* key, std::string value) {
 
 }  // namespace
 
-void URI::originalUri(std::string value) {
-    storeMember(*this, "originalUri", std::move(value));
-}
+void URI::originalUri(std::string value) { storeMember(*this, "originalUri", std::move(value)); }
 
-void URI::schema(std::string value) {
-    storeMember(*this, "schema", std::move(value));
-}
+void URI::schema(std::string value) { storeMember(*this, "schema", std::move(value)); }
 
-void URI::userName(std::string value) {
-    storeMember(*this, "userName", std::move(value));
-}
+void URI::userName(std::string value) { storeMember(*this, "userName", std::move(value)); }
 
-void URI::host(std::string value) {
-    storeMember(*this, "host", std::move(value));
-}
+void URI::host(std::string value) { storeMember(*this, "host", std::move(value)); }
 
-void URI::document(std::string value) {
-    storeMember(*this, "document", std::move(value));
-}
+void URI::document(std::string value) { storeMember(*this, "document", std::move(value)); }
 
 void URI::documentWithFullParameters(std::string value) {
     storeMember(*this, "documentWithFullParameters", std::move(value));
 }
 
-std::string URI::schema() {
-    return stringMember(*this, "schema");
-}
+std::string URI::schema() { return stringMember(*this, "schema"); }
 
-std::string URI::userName() {
-    return stringMember(*this, "userName");
-}
+std::string URI::userName() { return stringMember(*this, "userName"); }
 
-std::string URI::password() {
-    return stringMember(*this, "password");
-}
+std::string URI::password() { return stringMember(*this, "password"); }
 
-std::string URI::host() {
-    return stringMember(*this, "host");
-}
+std::string URI::host() { return stringMember(*this, "host"); }
 
-std::string URI::documentPath() {
-    return stringMember(*this, "documentPath");
-}
+std::string URI::documentPath() { return stringMember(*this, "documentPath"); }
 
-std::string URI::fullParameters() {
-    return stringMember(*this, "fullParameters");
-}
+std::string URI::fullParameters() { return stringMember(*this, "fullParameters"); }
 
-unsigned short URI::port() {
-    return memberOrDefault(*this, "port", TypeNumeric, 0);
-}
+unsigned short URI::port() { return memberOrDefault(*this, "port", TypeNumeric, 0); }
 
-bool URI::portSpecified() {
-    return memberOrDefault(*this, "portSpecified", TypeBool, false);
-}
+bool URI::portSpecified() { return memberOrDefault(*this, "portSpecified", TypeBool, false); }
 
 std::string URI::baseURI() {
     // The getters leave defaults behind, so the order of these calls shows in the record.

@@ -54,9 +54,7 @@ void operator delete(void* memory) noexcept {
     if (counting && memory != nullptr) --liveObjects;
     ::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
-    operator delete(memory);
-}
+void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
 
 namespace {
 

@@ -24,21 +24,11 @@
 #ifdef WITHOUT_LOCK
 // Stands in front of the utility library's own, to show that scripts/kill-storm would see a lock that fails.
 InterProcessMutex::InterProcessMutex(const char* /*name*/, bool /*reserved*/) : lock(nullptr) {}
-InterProcessMutex::~InterProcessMutex() {
-    (void)lock;
-}
-int InterProcessMutex::acquire() {
-    return 0;
-}
-int InterProcessMutex::release() {
-    return 0;
-}
-bool InterProcessMutex::held() const {
-    return lock == nullptr;
-}
-pid_t InterProcessMutex::holder() const {
-    return 0;
-}
+InterProcessMutex::~InterProcessMutex() { (void)lock; }
+int InterProcessMutex::acquire() { return 0; }
+int InterProcessMutex::release() { return 0; }
+bool InterProcessMutex::held() const { return lock == nullptr; }
+pid_t InterProcessMutex::holder() const { return 0; }
 #endif
 
 namespace {

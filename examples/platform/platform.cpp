@@ -20,22 +20,14 @@
 std::string deviceRoot;  // where the device's files are
 int messages = 0;        // so many were logged
 
-void logInternal(const char*, const char*, const char*, int, int, int, int, const char*, ...) {
-    ++messages;
-}
+void logInternal(const char*, const char*, const char*, int, int, int, int, const char*, ...) { ++messages; }
 
 struct InterProcessMutex::Content {};
 InterProcessMutex::InterProcessMutex(const char*, bool) {}
 InterProcessMutex::~InterProcessMutex() = default;
-int InterProcessMutex::acquire() {
-    return 0;
-}
-int InterProcessMutex::release() {
-    return 0;
-}
-bool InterProcessMutex::held() const {
-    return true;
-}
+int InterProcessMutex::acquire() { return 0; }
+int InterProcessMutex::release() { return 0; }
+bool InterProcessMutex::held() const { return true; }
 
 namespace korvo::utils {
 
@@ -70,15 +62,9 @@ double toDouble(const char* text, const char** end) {
     if (end != nullptr) *end = last;
     return value;
 }
-std::string getHostByName(const std::string& name) {
-    return name;
-}
-std::string devicePath(const char* path) {
-    return deviceRoot + path;
-}
-bool saveToFlashRaw(bool) {
-    return true;
-}
+std::string getHostByName(const std::string& name) { return name; }
+std::string devicePath(const char* path) { return deviceRoot + path; }
+bool saveToFlashRaw(bool) { return true; }
 bool loadFromFlashRaw(std::string&) {
     errno = ENOENT;
     return false;
@@ -86,9 +72,7 @@ bool loadFromFlashRaw(std::string&) {
 
 struct File::Content : std::fstream {};
 File::File() : content(new Content) {}
-File::~File() {
-    delete content;
-}
+File::~File() { delete content; }
 bool File::Initialize(const std::string& path, FILE_OPEN_MODE mode) {
     content->open(path, mode == FILE_OPEN_MODE_READ ? std::ios::in : std::ios::out);
     return content->is_open();
@@ -102,12 +86,8 @@ bool File::ReadStringAll(const std::string& path, std::string& text) {
     File file;
     return file.Initialize(path, FILE_OPEN_MODE_READ) && file.ReadStringAll(text);
 }
-bool File::WriteString(const std::string& text) {
-    return (*content << text).good();
-}
-bool File::CopyAccess(const std::string&) {
-    return true;
-}
+bool File::WriteString(const std::string& text) { return (*content << text).good(); }
+bool File::CopyAccess(const std::string&) { return true; }
 bool File::Close() {
     content->close();
     return content->good();
@@ -127,9 +107,7 @@ struct Variant::Content {
 
 Variant::Variant() : content(new Content) {}
 Variant::Variant(const Variant& other) : content(new Content(*other.content)) {}
-Variant::~Variant() {
-    delete content;
-}
+Variant::~Variant() { delete content; }
 Variant& Variant::operator=(const Variant& other) {
     const Content copy = *other.content;
     *content = copy;
@@ -165,47 +143,23 @@ Variant& Variant::operator=(const char* value) {
     return *this;
 }
 
-Variant::operator VariantType() const {
-    return content->type;
-}
-Variant::operator bool() const {
-    return content->number != 0;
-}
-Variant::operator signed char() const {
-    return static_cast<signed char>(content->number);
-}
-Variant::operator int() const {
-    return static_cast<int>(content->number);
-}
-Variant::operator unsigned short() const {
-    return static_cast<unsigned short>(content->number);
-}
-Variant::operator long long() const {
-    return static_cast<long long>(content->number);
-}
-Variant::operator double() const {
-    return content->number;
-}
-Variant::operator const char*() const {
-    return content->text.c_str();
-}
-Variant::operator const std::string&() const {
-    return content->text;
-}
+Variant::operator VariantType() const { return content->type; }
+Variant::operator bool() const { return content->number != 0; }
+Variant::operator signed char() const { return static_cast<signed char>(content->number); }
+Variant::operator int() const { return static_cast<int>(content->number); }
+Variant::operator unsigned short() const { return static_cast<unsigned short>(content->number); }
+Variant::operator long long() const { return static_cast<long long>(content->number); }
+Variant::operator double() const { return content->number; }
+Variant::operator const char*() const { return content->text.c_str(); }
+Variant::operator const std::string&() const { return content->text; }
 
-void Variant::Reset() {
-    *content = Content();
-}
-void Variant::Free() {
-    Reset();
-}
+void Variant::Reset() { *content = Content(); }
+void Variant::Free() { Reset(); }
 void Variant::IsArray(bool array) {
     if (content->type != TypeMap && content->type != TypeArray) Reset();
     content->type = array ? TypeArray : TypeMap;
 }
-Variant& Variant::operator[](const char* key) {
-    return (*this)[std::string(key)];
-}
+Variant& Variant::operator[](const char* key) { return (*this)[std::string(key)]; }
 Variant& Variant::operator[](const std::string& key) {
     if (content->type != TypeMap && content->type != TypeArray) IsArray(false);
     return content->named[key];
@@ -215,12 +169,8 @@ Variant& Variant::operator[](long long index) {
     auto& members = content->indexed;
     return members[index != -1 ? index : members.empty() ? 0 : members.rbegin()->first + 1];
 }
-Variant::num_iterator Variant::num_begin() {
-    return content->indexed.begin();
-}
-Variant::num_iterator Variant::num_end() {
-    return content->indexed.end();
-}
+Variant::num_iterator Variant::num_begin() { return content->indexed.begin(); }
+Variant::num_iterator Variant::num_end() { return content->indexed.end(); }
 Variant* Variant::GetKeyChain(VariantType filter, const char* path, bool) {
     std::vector<std::string> components;
     utils::split(path, "/", components);

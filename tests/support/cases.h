@@ -1,4 +1,4 @@
-/** @file Tables of cases: lines `input => expected` with C escapes, blank lines and lines that begin with #. */
+/** @file Tables of cases: lines `input => expected` with C escapes; blank lines and those with # do not count. */
 #pragma once
 
 #include <fstream>

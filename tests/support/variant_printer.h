@@ -24,8 +24,6 @@ inline void PrintTo(const Variant& value, std::ostream* out) {
 
 namespace test {
 
-inline std::string shown(const korvo::variant::Variant& value) {
-    return testing::PrintToString(value);
-}
+inline std::string shown(const korvo::variant::Variant& value) { return testing::PrintToString(value); }
 
 }  // namespace test

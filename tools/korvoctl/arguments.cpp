@@ -49,9 +49,7 @@ bool refuse(const std::string& message, const Command* command = nullptr) {
     return false;
 }
 
-bool refuseOption(const std::string& word) {
-    return refuse("there is no option " + word);
-}
+bool refuseOption(const std::string& word) { return refuse("there is no option " + word); }
 
 }  // namespace
 

@@ -43,13 +43,9 @@ bool load(const std::string& path, Variant& tree, std::string& reason) {
 
 }  // namespace
 
-std::string workingCopyPath() {
-    return korvo::utils::devicePath("/tmp/system.cfg");
-}
+std::string workingCopyPath() { return korvo::utils::devicePath("/tmp/system.cfg"); }
 
-std::string flashCopyPath() {
-    return korvo::utils::devicePath(KORVO_FLASH_DIR "/system.cfg");
-}
+std::string flashCopyPath() { return korvo::utils::devicePath(KORVO_FLASH_DIR "/system.cfg"); }
 
 bool readWhole(const std::string& name, std::string& text) {
     const auto close = [](std::FILE* open) { return std::fclose(open); };
@@ -66,9 +62,7 @@ bool readWhole(const std::string& name, std::string& text) {
     return std::ferror(file) == 0;
 }
 
-std::string shownName(const std::string& name) {
-    return name == "-" ? "standard input" : name;
-}
+std::string shownName(const std::string& name) { return name == "-" ? "standard input" : name; }
 
 std::string describe(const std::string& name, const SystemCfgManager::Fault& fault) {
     return shownName(name) + ':' + (fault.line != 0 ? std::to_string(fault.line) + ": " : " ") + fault.reason;

@@ -35,9 +35,7 @@ struct Meaning {
     std::string (*words)(const std::string& rest);
 };
 
-std::string because(const std::string& what) {
-    return what + ": " + systemError(firstErrorNumber);
-}
+std::string because(const std::string& what) { return what + ": " + systemError(firstErrorNumber); }
 
 std::string notReplaced() {
     const std::string what = "cannot replace " + workingCopyPath();
@@ -45,9 +43,7 @@ std::string notReplaced() {
     return what + ": the lock file " + workingCopyPath() + ".lock has been removed or replaced meanwhile";
 }
 
-int number(const std::string& text) {
-    return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
-}
+int number(const std::string& text) { return static_cast<int>(std::strtol(text.c_str(), nullptr, 10)); }
 
 const Meaning meanings[] = {
     {"Failed to acquire system.cfg mutex, res=",
@@ -116,9 +112,7 @@ std::string systemError(int number) {
     return std::generic_category().message(number);
 }
 
-void captureLibraryMessages() {
-    korvo::logger::setSink(keepFirstError);
-}
+void captureLibraryMessages() { korvo::logger::setSink(keepFirstError); }
 
 void forgetLibraryMessages() {
     firstError.clear();
@@ -134,8 +128,6 @@ std::string libraryFailure() {
     return firstError;
 }
 
-bool tookDefaults() {
-    return defaultsTaken;
-}
+bool tookDefaults() { return defaultsTaken; }
 
 }  // namespace korvoctl

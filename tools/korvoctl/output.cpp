@@ -43,13 +43,9 @@ void printLines(const std::string& lines) {
     }
 }
 
-void printLine(const std::string& text) {
-    std::printf("%s\n", onOneLine(text).c_str());
-}
+void printLine(const std::string& text) { std::printf("%s\n", onOneLine(text).c_str()); }
 
-void printJson(const Variant& value) {
-    std::fputs(json(value).c_str(), stdout);
-}
+void printJson(const Variant& value) { std::fputs(json(value).c_str(), stdout); }
 
 void printRecord(const Variant& record, bool asJson) {
     const bool isEmpty = static_cast<VariantType>(record) == korvo::variant::TypeNull;

@@ -20,8 +20,7 @@ void printJson(const korvo::variant::Variant& value);
 
 /**
  * Prints a record as JSON, or one `key=value` line for each member, sorted by key, as onOneLine() has it;
- * members of members under dotted keys. An empty map has no line. A null
- * record is an empty one.
+ * members of members under dotted keys. An empty map has no line. A null record is an empty one.
  */
 void printRecord(const korvo::variant::Variant& record, bool asJson);
 

@@ -19,9 +19,7 @@ std::size_t utf8Character(std::string_view text, char32_t& code) {
     return overlong || (code >= 0xd800 && code < 0xe000) || code > 0x10ffff ? 0 : length;
 }
 
-bool isControl(char32_t code) {
-    return code < 0x20 || (code >= 0x7f && code < 0xa0);
-}
+bool isControl(char32_t code) { return code < 0x20 || (code >= 0x7f && code < 0xa0); }
 
 namespace {
 
@@ -55,12 +53,8 @@ std::string escapeControls(std::string_view text, const char* backslash) {
 
 }  // namespace
 
-std::string onOneLine(std::string_view text) {
-    return escapeControls(text, "\\\\");
-}
+std::string onOneLine(std::string_view text) { return escapeControls(text, "\\\\"); }
 
-std::string messageOnOneLine(std::string_view text) {
-    return escapeControls(text, "\\");
-}
+std::string messageOnOneLine(std::string_view text) { return escapeControls(text, "\\"); }
 
 }  // namespace korvoctl

@@ -48,8 +48,7 @@ namespace korvo::variant {
  * exactly as given, white space around it included.
  *
  * Nothing is decoded or escaped; percentDecode() is for a part that is to be decoded, such as a password. The
- * record holds no state beside the map, so it may be copied, exported and
- * changed like any Variant.
+ * record holds no state beside the map, so it may be copied, exported and changed like any Variant.
  */
 class KORVO_VARIANT_UTILS_EXPORT URI : public Variant {
   public:

@@ -106,9 +106,7 @@ std::string formatMessage(const char* format, va_list arguments) {
 
 }  // namespace
 
-Sink setSink(Sink sink) {
-    return currentSink.exchange(sink != nullptr ? sink : standardErrorSink);
-}
+Sink setSink(Sink sink) { return currentSink.exchange(sink != nullptr ? sink : standardErrorSink); }
 
 void standardErrorSink(const Record& record) {
     std::string line = std::string(levelName(record.level)) + ' ' + record.module + ' ' + record.sourceFile +

@@ -11,9 +11,7 @@
 namespace korvo::utils {
 namespace {
 
-bool isWhiteSpace(char character) {
-    return character == ' ' || (character >= '\t' && character <= '\r');
-}
+bool isWhiteSpace(char character) { return character == ' ' || (character >= '\t' && character <= '\r'); }
 
 }  // namespace
 

@@ -146,13 +146,9 @@ Variant& Container::insertInto(Entries& entries, Key key) {
     return entry != nullptr ? entry->member->value : add(entries, key);
 }
 
-Variant& Container::insert(std::string_view key) {
-    return insertInto(named, key);
-}
+Variant& Container::insert(std::string_view key) { return insertInto(named, key); }
 
-Variant& Container::insert(long long index) {
-    return insertInto(indexed, index);
-}
+Variant& Container::insert(long long index) { return insertInto(indexed, index); }
 
 template <class Entries, class Key>
 bool Container::removeFrom(Entries& entries, Key key) noexcept {
@@ -168,13 +164,9 @@ bool Container::removeFrom(Entries& entries, Key key) noexcept {
     return true;
 }
 
-bool Container::remove(std::string_view key) noexcept {
-    return removeFrom(named, key);
-}
+bool Container::remove(std::string_view key) noexcept { return removeFrom(named, key); }
 
-bool Container::remove(long long index) noexcept {
-    return removeFrom(indexed, index);
-}
+bool Container::remove(long long index) noexcept { return removeFrom(indexed, index); }
 
 Variant* Container::find(std::string_view key) const {
     const NamedEntry* entry = named.find(NamedEntry::Key(key));

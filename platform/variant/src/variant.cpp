@@ -14,9 +14,7 @@ namespace korvo::variant {
 namespace {
 
 /** The double nearest to zero that is beyond the range of integers with so many value bits. */
-double upperBound(int valueBits) {
-    return 2.0 * static_cast<double>(1ULL << (valueBits - 1));
-}
+double upperBound(int valueBits) { return 2.0 * static_cast<double>(1ULL << (valueBits - 1)); }
 
 /** A double as an integer with so many value bits, and with a sign bit or without; modulo 2^64. */
 std::uint64_t saturated(double value, int valueBits, bool isSigned) {
@@ -59,17 +57,13 @@ Variant::Variant(const Variant& other) : type(TypeNull) {
     }
 }
 
-Variant::Variant(Variant&& other) noexcept : type(TypeNull) {
-    moveFrom(other);
-}
+Variant::Variant(Variant&& other) noexcept : type(TypeNull) { moveFrom(other); }
 
 Variant::Variant(const char* value) : type(TypeNull) {
     if (value != nullptr) setText(value);
 }
 
-Variant::Variant(std::string_view value) : type(TypeNull) {
-    setText(value);
-}
+Variant::Variant(std::string_view value) : type(TypeNull) { setText(value); }
 
 Variant::Variant(const std::string& value) : type(TypeNull) {
     ::new (&payload.text) std::string(value);
@@ -80,9 +74,7 @@ Variant::Variant(std::string&& value) noexcept : type(TypeString) {
     ::new (&payload.text) std::string(std::move(value));
 }
 
-Variant::~Variant() {
-    release();
-}
+Variant::~Variant() { release(); }
 
 void Variant::release() noexcept {
     if (type == TypeString) {
@@ -191,13 +183,9 @@ Variant& Variant::operator=(std::string&& value) noexcept {
     return *this;
 }
 
-void Variant::Reset() noexcept {
-    release();
-}
+void Variant::Reset() noexcept { release(); }
 
-void Variant::Free() noexcept {
-    release();
-}
+void Variant::Free() noexcept { release(); }
 
 // Containers
 
@@ -314,37 +302,21 @@ std::size_t endBlock(const Container* container) {
 
 }  // namespace
 
-Variant::iterator Variant::begin() {
-    return {members(), 0};
-}
+Variant::iterator Variant::begin() { return {members(), 0}; }
 
-Variant::iterator Variant::end() {
-    return {members(), endBlock<std::string_view>(members())};
-}
+Variant::iterator Variant::end() { return {members(), endBlock<std::string_view>(members())}; }
 
-Variant::const_iterator Variant::begin() const {
-    return {members(), 0};
-}
+Variant::const_iterator Variant::begin() const { return {members(), 0}; }
 
-Variant::const_iterator Variant::end() const {
-    return {members(), endBlock<std::string_view>(members())};
-}
+Variant::const_iterator Variant::end() const { return {members(), endBlock<std::string_view>(members())}; }
 
-Variant::num_iterator Variant::num_begin() {
-    return {members(), 0};
-}
+Variant::num_iterator Variant::num_begin() { return {members(), 0}; }
 
-Variant::num_iterator Variant::num_end() {
-    return {members(), endBlock<long long>(members())};
-}
+Variant::num_iterator Variant::num_end() { return {members(), endBlock<long long>(members())}; }
 
-Variant::const_num_iterator Variant::num_begin() const {
-    return {members(), 0};
-}
+Variant::const_num_iterator Variant::num_begin() const { return {members(), 0}; }
 
-Variant::const_num_iterator Variant::num_end() const {
-    return {members(), endBlock<long long>(members())};
-}
+Variant::const_num_iterator Variant::num_end() const { return {members(), endBlock<long long>(members())}; }
 
 // Key-chain paths
 
@@ -401,9 +373,7 @@ double Variant::toReal() const noexcept {
     return static_cast<double>(static_cast<std::int64_t>(toInteger(63, true)));
 }
 
-Variant::operator const char*() const noexcept {
-    return type == TypeString ? payload.text.c_str() : "";
-}
+Variant::operator const char*() const noexcept { return type == TypeString ? payload.text.c_str() : ""; }
 
 Variant::operator const std::string&() const noexcept {
     return type == TypeString ? payload.text : emptyText.text;
@@ -425,9 +395,7 @@ bool sameKeys(Iterator left, Iterator leftEnd, Iterator right, Iterator rightEnd
     return left == leftEnd && right == rightEnd;
 }
 
-bool sameReal(double left, double right) {
-    return left == right || (std::isnan(left) && std::isnan(right));
-}
+bool sameReal(double left, double right) { return left == right || (std::isnan(left) && std::isnan(right)); }
 
 /** Whether a double is exactly the integer, which is its low 64 bits and its sign. */
 bool sameNumber(double real, std::uint64_t integer, bool isNegative) {
