@@ -1,4 +1,4 @@
-/** @file Tables of cases: lines `input => expected` with C escapes; blank lines and those with # do not count. */
+/** @file Tables of cases: lines `input => expected` with C escapes; blank ones and # comments apart. */
 #pragma once
 
 #include <fstream>
