@@ -36,6 +36,9 @@ foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection)
   endif()
 endforeach()
 
+korvo_check_links(KORVO_HAS_no_semantic_interposition "int main() { return 0; }" -fno-semantic-interposition)
+set(KORVO_SIZE_FLAGS $<$<BOOL:${KORVO_HAS_no_semantic_interposition}>:-fno-semantic-interposition>)
+
 korvo_check_links(KORVO_HAS_FLOATING_POINT_CHARCONV "
   #include <charconv>
   int main(int, char** arguments) {
@@ -99,4 +102,8 @@ function(korvo_add_library name)
   set(exports ${PROJECT_SOURCE_DIR}/cmake/exports.map)
   target_link_options(${target} PRIVATE -Wl,--version-script=${exports})
   set_property(TARGET ${target} PROPERTY LINK_DEPENDS ${exports})
+  # Smaller: what nothing calls is left out, also of a host that links statically and says --gc-sections; a library's
+  # calls of its own functions go straight there.
+  target_compile_options(${target} PRIVATE -ffunction-sections -fdata-sections ${KORVO_SIZE_FLAGS})
+  target_link_options(${target} PRIVATE -Wl,--gc-sections -Wl,-Bsymbolic-functions)
 endfunction()

@@ -288,10 +288,15 @@ MemberIterator<Key, Value>& MemberIterator<Key, Value>::operator++() {
     return *this;
 }
 
-template class MemberIterator<std::string_view, Variant>;
-template class MemberIterator<std::string_view, const Variant>;
-template class MemberIterator<long long, Variant>;
-template class MemberIterator<long long, const Variant>;
+// Of each iterator only what the header leaves open: the rest is inlined by hosts and would be exported in vain.
+template Variant::iterator::reference Variant::iterator::operator*() const;
+template Variant::const_iterator::reference Variant::const_iterator::operator*() const;
+template Variant::num_iterator::reference Variant::num_iterator::operator*() const;
+template Variant::const_num_iterator::reference Variant::const_num_iterator::operator*() const;
+template Variant::iterator& Variant::iterator::operator++();
+template Variant::const_iterator& Variant::const_iterator::operator++();
+template Variant::num_iterator& Variant::num_iterator::operator++();
+template Variant::const_num_iterator& Variant::const_num_iterator::operator++();
 
 namespace {
 
