@@ -9,13 +9,10 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <memory>
+#include <boost/interprocess/sync/named_mutex.hpp>
+#include <cstdlib>
 
 #include "bench.h"
-
-#ifdef KORVO_BENCH_BOOST
-#include <boost/interprocess/sync/named_mutex.hpp>
-#endif
 
 namespace bench {
 namespace {
@@ -28,12 +25,12 @@ struct Korvo {
 
 /** An open file to lock; each process opens its own. */
 struct LockFile {
-    LockFile()
-        : descriptor(::open((deviceRoot() + "/tmp/peer.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {}
+    LockFile() = default;
     LockFile(const LockFile&) = delete;
     LockFile& operator=(const LockFile&) = delete;
     ~LockFile() { ::close(descriptor); }
-    const int descriptor;
+    const std::string path = deviceRoot() + "/tmp/peer.lock";
+    const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
 };
 
 struct Fcntl : LockFile {
@@ -52,110 +49,100 @@ struct Flock : LockFile {
     void unlock() { require(::flock(descriptor, LOCK_UN) == 0, "flock failed"); }
 };
 
-#ifdef KORVO_BENCH_BOOST
 /** Lives in shared memory; whoever dies with it held leaves it locked. */
-struct BoostNamedMutex {
-    void lock() { mutex.lock(); }
-    void unlock() { mutex.unlock(); }
-    boost::interprocess::named_mutex mutex{boost::interprocess::open_or_create, "korvo_bench"};
-};
-#endif
-
-/** What the two processes that pass the lock share. */
-struct Turn {
-    std::atomic<int> whose{0};
-    std::atomic<bool> over{false};
+struct BoostNamedMutex : boost::interprocess::named_mutex {
+    static constexpr char name[] = "korvo_bench";
+    BoostNamedMutex() : named_mutex(boost::interprocess::open_or_create, name) {}
+    static void removeName() { (void)remove(name); }
 };
 
-/** Takes the lock until it is this side's turn, then leaves it to the other side; or until all is over. */
+/** Two processes that pass a lock to each other: this one, side 0, and a child, side 1. */
 template <class Lock>
-void takeTurn(Lock& lock, Turn& turn, int side) {
-    for (;;) {
-        lock.lock();
-        const bool mine = turn.whose == side;
-        if (mine) turn.whose = 1 - side;
-        lock.unlock();
-        if (mine || turn.over) return;
-        ::sched_yield();
+class Passing {
+  public:
+    Passing() {
+        require(memory != MAP_FAILED && child >= 0, "no second process, or no memory to share with it");
+        if (child == 0) {
+            Lock other;
+            while (!turn.over && ::getppid() != 1) takeTurn(other, 1);
+            ::_exit(0);
+        }
+        lock = std::make_unique<Lock>();
+        thereAndBack();
     }
-}
+    Passing(const Passing&) = delete;
+    Passing& operator=(const Passing&) = delete;
+    ~Passing() {
+        // Not killed, since one that dies in the middle of waiting slows some locks down for good.
+        turn.over = true;
+        ::waitpid(child, nullptr, 0);
+        ::munmap(memory, sizeof(Turn));
+    }
 
-/** Times, by the clock, one passing to the other process and back: when it is this side's turn again, the
- * other has had its.
- */
-template <class Lock>
-void runPassing(benchmark::State& state) {
-    void* memory = ::mmap(nullptr, sizeof(Turn), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    require(memory != MAP_FAILED, "no shared memory");
+    /** Until it is this side's turn again: then the other has had its. */
+    void thereAndBack() { takeTurn(*lock, 0); }
+
+    /** Whether the other process, whose turn it is, gets the lock only when it is not held any more. */
+    bool excludes() {
+        thereAndBack();
+        lock->lock();
+        turn.whose = 1;
+        ::usleep(20000);
+        const bool waited = turn.whose == 1;
+        lock->unlock();
+        thereAndBack();
+        return waited;
+    }
+
+  private:
+    struct Turn {
+        std::atomic<int> whose{0};
+        std::atomic<bool> over{false};
+    };
+
+    /** Takes the lock until it is this side's turn, then leaves it to the other side; or till all is over. */
+    void takeTurn(Lock& own, int side) {
+        for (;;) {
+            own.lock();
+            const bool mine = turn.whose == side;
+            if (mine) turn.whose = 1 - side;
+            own.unlock();
+            if (mine || turn.over) return;
+            ::sched_yield();
+        }
+    }
+
+    void* const memory =
+        ::mmap(nullptr, sizeof(Turn), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     Turn& turn = *::new (memory) Turn;
     const pid_t child = ::fork();
-    require(child >= 0, "fork failed");
-    if (child == 0) {
-        Lock lock;
-        while (!turn.over && ::getppid() != 1) takeTurn(lock, turn, 1);
-        ::_exit(0);
-    }
-    {
-        Lock lock;
-        takeTurn(lock, turn, 0);
-        for (auto iteration : state) takeTurn(lock, turn, 0);
-    }
-    // Not killed, since one that dies in the middle of waiting slows some locks down for good.
-    turn.over = true;
-    ::waitpid(child, nullptr, 0);
-    ::munmap(memory, sizeof(Turn));
-}
-
-/** Whether another process cannot have the lock while it is held, and can afterwards. */
-template <class Lock>
-bool excludes() {
-    Turn* turn = static_cast<Turn*>(
-        ::mmap(nullptr, sizeof(Turn), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    Lock lock;
-    lock.lock();
-    const pid_t child = ::fork();
-    if (child == 0) {
-        Lock other;
-        other.lock();
-        turn->whose = 1;
-        other.unlock();
-        ::_exit(0);
-    }
-    ::usleep(20000);
-    const bool waited = turn->whose == 0;
-    lock.unlock();
-    ::waitpid(child, nullptr, 0);
-    const bool got = turn->whose == 1;
-    ::munmap(turn, sizeof(Turn));
-    return waited && got;
-}
+    std::unique_ptr<Lock> lock;
+};
 
 template <class Lock>
 void addLock(const std::string& who) {
-    require(excludes<Lock>(), who + " does not exclude");
-    const auto lock = std::make_shared<std::unique_ptr<Lock>>();
-    add("lock and unlock", who, 0, [lock] {
-        if (*lock == nullptr) *lock = std::make_unique<Lock>();
-        (*lock)->lock();
-        (*lock)->unlock();
-    });
-    benchmark::RegisterBenchmark(("lock passed to another process and back|" + who + "|0").c_str(),
-                                 runPassing<Lock>)
+    require(Passing<Lock>().excludes(), who + " does not exclude");
+    add(
+        "lock and unlock", who, 0, [] { return Lock(); },
+        [](Lock& lock) {
+            lock.lock();
+            lock.unlock();
+        });
+    add(
+        "lock passed to another process and back", who, 0, [] { return Passing<Lock>(); },
+        [](Passing<Lock>& passing) { passing.thereAndBack(); })
         ->UseRealTime();
 }
 
 }  // namespace
 
 void addLockRows() {
+    BoostNamedMutex::removeName();
+    std::atexit(BoostNamedMutex::removeName);
     addLock<Korvo>(ours);
     addLock<Fcntl>("fcntl");
     addLock<Flock>("flock");
-#ifdef KORVO_BENCH_BOOST
-    const auto removeName = [] { (void)boost::interprocess::named_mutex::remove("korvo_bench"); };
-    removeName();
-    std::atexit(removeName);
     addLock<BoostNamedMutex>("Boost named_mutex");
-#endif
 }
 
 }  // namespace bench

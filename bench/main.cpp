@@ -4,14 +4,11 @@
 
 namespace {
 
-std::string& notes() {
-    static std::string text;
-    return text;
-}
+std::string notes;
 
 }  // namespace
 
-void bench::note(const std::string& line) { notes() += line + "\n"; }
+void bench::note(const std::string& line) { notes += line + "\n"; }
 
 int main(int argc, char** argv) {
     korvo::utils::setDeviceRoot(bench::deviceRoot());
@@ -20,10 +17,8 @@ int main(int argc, char** argv) {
     bench::addStoreRows();
     bench::addLockRows();
     bench::addCommandLineRows();
-    bench::addValueRows();
-    const std::string missing = KORVO_BENCH_MISSING;
-    if (!missing.empty()) bench::note("Left out, because not installed: " + missing);
-    benchmark::AddCustomContext("notes", notes());
+    bench::addTreeRows();
+    benchmark::AddCustomContext("notes", notes);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
     benchmark::RunSpecifiedBenchmarks();

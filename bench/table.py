@@ -58,18 +58,19 @@ def operation_lines(folder):
     counts = instructions(folder)
     for line in (folder / "operations.tsv").read_text().splitlines():
         name, allocations, size = line.split("\t")
-        count = counts.get(name)
-        tenfold = re.search(r", (\d+) ", name)
-        smaller = counts.get(name.replace(f", {tenfold[1]} ", f", {int(tenfold[1]) // 10} ")) if tenfold else None
-        mine = f"{count:,} instructions, " if count else ""
-        yield [name, f"{mine}{int(allocations):,} allocations of {int(size):,} bytes", growth(count or 0, smaller), ""]
+        count = counts[name]
+        tenth = re.sub(r"0( \w+)$", r"\1", name)
+        smaller = counts.get(tenth) if tenth != name else None
+        yield [name, f"{count:,} instructions, {int(allocations):,} allocations of {int(size):,} bytes",
+               growth(count, smaller), ""]
 
 
 def memory_lines(folder):
     for line in (folder / "memory.tsv").read_text().splitlines():
         keys, text, before, after, live, peak = (int(field) for field in line.split("\t"))
         yield [f"memory of a host that loads {keys} keys ({text:,} bytes of text)",
-               f"{after} KiB at most, {before} KiB before; heap {live // 1024} KiB, {peak // 1024} KiB at most", "", ""]
+               f"{after} KiB at most, {before} KiB before; "
+               f"heap {live // 1024} KiB, {peak // 1024} KiB at most", "", ""]
 
 
 def main():
