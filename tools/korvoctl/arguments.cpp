@@ -1,7 +1,5 @@
 #include "arguments.h"
 
-#include <utility>
-
 #include "commands.h"
 #include "korvo/variant_utils/commandline.h"
 
@@ -10,46 +8,52 @@ namespace {
 
 using korvo::variant::Variant;
 
+/** What stands after an option's "=". */
+enum class Takes { Nothing, File, Folder, Name };
+
 struct Option {
     char shortName;
     const char* longName;
-    const char* value;  ///< what it takes, as messages show it; null for a switch
+    Takes takes;
     const char* description;
 };
 
 constexpr Option allOptions[] = {
-    {'S', "save", nullptr, "Save to flash too, unless the flash copy holds the same values"},
-    {'f', "force", nullptr, "Do it also where that loses a group of keys or a working copy"},
-    {'D', "defaults", "FILE", "File of the factory settings"},
-    {'j', "json", nullptr, "Print JSON"},
-    {'r', "resolve", nullptr, "Look up the host's address too"},
-    {'b', "base", nullptr, "Print the URI of the document's folder instead"},
-    {'d', "derive", "NAME", "Print the URI of this document in the same folder instead"},
-    {'w', "with-parameters", nullptr, "With --derive: append the parameters of the URI"},
-    {'P', "show-password", nullptr, "Print the password instead of ***"},
-    {'R', "root", "DIR", "Use the device tree in this folder, such as a mounted image"},
-    {'h', "help", nullptr, "Explain the command"},
-    {'V', "version", nullptr, "Print the version"},
+    {'S', "save", Takes::Nothing, "Save to flash too, unless the flash copy holds the same values"},
+    {'f', "force", Takes::Nothing, "Do it also where that loses a group of keys or a working copy"},
+    {'D', "defaults", Takes::File, "File of the factory settings"},
+    {'j', "json", Takes::Nothing, "Print JSON"},
+    {'r', "resolve", Takes::Nothing, "Look up the host's address too"},
+    {'b', "base", Takes::Nothing, "Print the URI of the document's folder instead"},
+    {'d', "derive", Takes::Name, "Print the URI of this document in the same folder instead"},
+    {'w', "with-parameters", Takes::Nothing, "With --derive: append the parameters of the URI"},
+    {'P', "show-password", Takes::Nothing, "Print the password instead of ***"},
+    {'R', "root", Takes::Folder, "Use the device tree in this folder, such as a mounted image"},
+    {'h', "help", Takes::Nothing, "Explain the command"},
+    {'V', "version", Takes::Nothing, "Print the version"},
 };
 
 /** Whether an option goes with a command; those about korvoctl itself go with every command. */
 bool goesWith(const std::string& option, const Command& command) {
-    return option == "root" || option == "help" ||
-           std::string(command.options).find(' ' + option + ' ') != std::string::npos;
+    const std::string options = std::string(" ") + command.options + ' ';
+    return option == "root" || option == "help" || options.find(' ' + option + ' ') != std::string::npos;
 }
 
 std::string missingValue(const Option& option) {
     const std::string name = std::string("--") + option.longName;
-    return name + " needs a value, as in " + name + '=' + option.value;
+    const char* const value = option.takes == Takes::File     ? "FILE"
+                              : option.takes == Takes::Folder ? "DIR"
+                                                              : "NAME";
+    return name + " needs a value, as in " + name + '=' + value;
 }
 
 /** False, for the caller to return. */
-bool refuse(const std::string& message, const Command* command = nullptr) {
+[[nodiscard]] bool refuse(const std::string& message, const Command* command = nullptr) {
     (void)wrongUsage(message, command != nullptr ? command->name : "");
     return false;
 }
 
-bool refuseOption(const std::string& word) { return refuse("there is no option " + word); }
+[[nodiscard]] bool refuseOption(const std::string& word) { return refuse("there is no option " + word); }
 
 }  // namespace
 
@@ -110,9 +114,10 @@ bool Arguments::checkOptions() {
         const auto found = given.find(option.longName);
         if (found == given.end()) continue;
         const std::string name = found->first;
-        if (option.value == nullptr && !found->second.empty())
+        const bool hasValue = !found->second.empty();
+        if (option.takes == Takes::Nothing && hasValue)
             return refuse("--" + name + " takes no value", chosen);
-        if (option.value != nullptr && found->second.empty()) return refuse(missingValue(option), chosen);
+        if (option.takes != Takes::Nothing && !hasValue) return refuse(missingValue(option), chosen);
         if (chosen == nullptr && name != "help" && name != "version" && name != "root")
             return refuse("a command is missing");
         if (chosen != nullptr && !goesWith(name, *chosen))

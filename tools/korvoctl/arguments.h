@@ -18,9 +18,9 @@ class Arguments {
     /** Parses and checks. What is wrong is told on standard error; ok() is then false. */
     Arguments(int argc, const char** argv);
 
-    bool ok() const { return valid; }
+    [[nodiscard]] bool ok() const { return valid; }
 
-    /** What is to be done; null when there is but --help or --version. */
+    /** What is to be done; null for --help or --version alone. */
     const Command* command() const { return chosen; }
 
     /** What stands after the command and is no option. */
@@ -36,9 +36,9 @@ class Arguments {
     std::string text(const char* option) const;
 
   private:
-    bool check(const std::vector<std::string>& rest);
-    bool checkOptions();
-    bool checkCommand();
+    [[nodiscard]] bool check(const std::vector<std::string>& rest);
+    [[nodiscard]] bool checkOptions();
+    [[nodiscard]] bool checkCommand();
 
     std::map<std::string, std::string> given;  ///< the options and their values as typed
     std::vector<std::string> words;

@@ -21,7 +21,7 @@ namespace {
 using Change = SystemCfgManager::Change;
 
 /** @param already  what has been done before, for the message about a failure */
-bool open(SystemCfgManager& store, const std::string& already = "") {
+[[nodiscard]] bool open(SystemCfgManager& store, const std::string& already = "") {
     forgetLibraryMessages();
     const WaitNotice notice;
     if (store.init()) return true;
@@ -40,7 +40,7 @@ bool flashHoldsTheSame() {
 }
 
 /** Makes the name of the flash copy durable: whoever saved it may have been killed before doing so. */
-bool syncFlashFolder() {
+[[nodiscard]] bool syncFlashFolder() {
     const std::string path = flashCopyPath();
     const int folder = ::open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder < 0) return false;
@@ -117,8 +117,8 @@ ExitStatus makeChanges(const std::vector<Change>& changes, const Arguments& argu
     return close(store, arguments.has("save"), "changed");
 }
 
-/** Tells the first key that is given twice. */
-bool eachOnce(const std::vector<Change>& changes, const char* command) {
+/** Whether no key is given twice; tells the first that is. */
+[[nodiscard]] bool eachOnce(const std::vector<Change>& changes, const char* command) {
     std::set<std::string> keys;
     for (const Change& change : changes) {
         if (keys.insert(change.key).second) continue;

@@ -15,7 +15,7 @@ struct Command {
     const char* name;
     const char* operands;     ///< as the help shows them
     std::size_t least, most;  ///< so many operands it takes
-    const char* options;      ///< the long names of those that go with it, with blanks around each
+    const char* options;      ///< the long names of those that go with it, with blanks between them
     const char* summary;      ///< one line
     const char* description;  ///< the rest of its help
     ExitStatus (*perform)(const Arguments& arguments);

@@ -29,7 +29,7 @@ void collect(const Variant& tree, const std::string& prefix, Values& values) {
     }
 }
 
-bool load(const std::string& path, Variant& tree, std::string& reason) {
+[[nodiscard]] bool load(const std::string& path, Variant& tree, std::string& reason) {
     std::string text;
     if (!korvo::utils::File::ReadStringAll(path, text)) {
         reason = "cannot read " + path + ": " + systemError(errno);

@@ -20,7 +20,7 @@ std::string flashCopyPath();
  * Reads a whole file, which may be a pipe; "-" means standard input.
  * @return false, with errno set, when it cannot be read
  */
-bool readWhole(const std::string& name, std::string& text);
+[[nodiscard]] bool readWhole(const std::string& name, std::string& text);
 
 /** The name of a file as messages have it: "-" is standard input. */
 std::string shownName(const std::string& name);
@@ -37,7 +37,7 @@ std::string firstFault(const std::string& path);
 /**
  * Loads the configuration in a file as the store does. False, with the reason told, when it does not load.
  */
-bool loadFile(const std::string& path, Values& values);
+[[nodiscard]] bool loadFile(const std::string& path, Values& values);
 
 /** The values of a tree of strings. */
 Values valuesOf(const korvo::variant::Variant& tree);
@@ -51,7 +51,7 @@ bool isGroup(const Values& values, const std::string& key);
 /** The part of the values that has this key or is below it; all for the empty key. */
 Values part(const Values& values, const std::string& key);
 
-/** Splits the values of two configurations into those that only the one and only the other has. */
+/** Removes from two configurations what both have, under the same key with the same value. */
 void subtractCommon(Values& before, Values& after);
 
 /**

@@ -17,13 +17,13 @@ enum ExitStatus {
 void tell(const std::string& message);
 
 /** Tells a message; returns Failed. */
-ExitStatus failed(const std::string& message);
+[[nodiscard]] ExitStatus failed(const std::string& message);
 
 /** Tells a message; returns No. */
-ExitStatus answerNo(const std::string& message);
+[[nodiscard]] ExitStatus answerNo(const std::string& message);
 
 /** Tells a message and which help to read; returns WrongUsage. @p command may be empty. */
-ExitStatus wrongUsage(const std::string& message, const std::string& command);
+[[nodiscard]] ExitStatus wrongUsage(const std::string& message, const std::string& command);
 
 /** What an errno value means. */
 std::string systemError(int number);

@@ -1,4 +1,4 @@
-/** @file Tells the user of a command that waits for whom it waits. */
+/** @file Tells the user for which process a command waits. */
 #pragma once
 
 #include <condition_variable>
@@ -7,7 +7,7 @@
 
 namespace korvoctl {
 
-/** While an object lives, a lock may be waited for; after a second the user learns so. */
+/** While one lives, a lock may be waited for; after a second the user is told who holds it. */
 class WaitNotice {
   public:
     /**

@@ -33,10 +33,10 @@ class FileWatch {
         if (descriptor >= 0) (void)::close(descriptor);
     }
 
-    bool ok() const { return watching; }
+    [[nodiscard]] bool ok() const { return watching; }
 
     /** Waits until something happened to the file. False, with errno set, when nothing more can be seen. */
-    bool wait() {
+    [[nodiscard]] bool wait() {
         alignas(inotify_event) char events[4096];
         for (;;) {
             const ssize_t length = ::read(descriptor, events, sizeof events);

@@ -12,7 +12,7 @@
 namespace korvo::utils {
 
 /**
- * While one lives, its thread is not cancelled: nothing half done is left, and no destructor is left through.
+ * While one lives, its thread is not cancelled: nothing is left half done, and no destructor half run.
  */
 class CancellationShield {
   public:
@@ -38,7 +38,7 @@ auto uninterrupted(Call call) {
  * close(2), which is not repeated after a signal: the descriptor is gone either way, and another thread may
  * have its number by then. False when the system reports only now that something written was lost.
  */
-inline bool closeFile(int descriptor) {
+[[nodiscard]] inline bool closeFile(int descriptor) {
     const CancellationShield shield;
     return ::close(descriptor) == 0 || errno == EINTR;
 }
@@ -71,14 +71,14 @@ class StandardStreamGuard {
      * files calls it before he installs handlers for that lock, since handlers run in reverse order before a
      * fork.
      */
-    static int installForkHandlers();
+    [[nodiscard]] static int installForkHandlers();
 };
 
 /**
  * openat(2) through signals, close-on-exec, and never with the number of a standard stream; -1 with errno
  * set.
  */
-int openFile(const char* path, int flags, mode_t mode = 0, int folder = AT_FDCWD);
+[[nodiscard]] int openFile(const char* path, int flags, mode_t mode = 0, int folder = AT_FDCWD);
 
 /** Owns an open descriptor, or none. */
 class Descriptor {
@@ -94,7 +94,7 @@ class Descriptor {
     }
 
     int get() const { return number; }
-    int release() { return std::exchange(number, -1); }
+    [[nodiscard]] int release() { return std::exchange(number, -1); }
     explicit operator bool() const { return number >= 0; }
 
   private:

@@ -11,8 +11,8 @@ std::atomic<const std::string*> deviceRoot{nullptr};
 
 }  // namespace
 
-void setDeviceRoot(const std::string& directory) {
-    std::string root = directory;
+void setDeviceRoot(const std::string& folder) {
+    std::string root = folder;
     while (!root.empty() && root.back() == '/') root.pop_back();
     delete deviceRoot.exchange(root.empty() ? nullptr : new std::string(std::move(root)));
 }

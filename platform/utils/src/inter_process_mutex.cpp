@@ -202,8 +202,10 @@ class LockFile {
 
 }  // namespace
 
+namespace korvo::utils {
+
 /** What all objects of one name have in common. */
-struct InterProcessMutex::NamedLock {
+struct NamedLock {
     explicit NamedLock(const std::string& path) : file(path) {}
 
     LockFile file;
@@ -243,15 +245,17 @@ struct InterProcessMutex::NamedLock {
     }
 };
 
+namespace {
+
 /** What a process knows of its locks. Never destroyed: objects with static lifetime may live longer. */
-struct InterProcessMutex::LockTable {
+struct LockTable {
     /**
      * Guards everything here, but is not held while waiting for the kernel. Files are opened with it held,
      * since a fork copies open files and memory at two moments and would see the one without the other.
      */
     std::mutex mutex;
     std::map<std::string, NamedLock> locks;  ///< by path
-    unsigned long long threads = 0;          ///< so many have been numbered
+    unsigned long long threads = 0;          ///< so many have got a number
 
     static LockTable& instance() {
         static LockTable& table = *new LockTable;
@@ -287,15 +291,20 @@ struct InterProcessMutex::LockTable {
     }
 };
 
-const int InterProcessMutex::LockTable::forkHandlers = installForkHandlers();
+const int LockTable::forkHandlers = installForkHandlers();
 
-int InterProcessMutex::LockTable::installForkHandlers() {
-    const int error = korvo::utils::StandardStreamGuard::installForkHandlers();
+int LockTable::installForkHandlers() {
+    const int error = StandardStreamGuard::installForkHandlers();
     if (error != 0) return error;
     (void)instance();
     return ::pthread_atfork([] { instance().mutex.lock(); }, [] { instance().mutex.unlock(); },
                             [] { instance().forgetLocks(); });
 }
+
+}  // namespace
+}  // namespace korvo::utils
+
+using korvo::utils::LockTable;
 
 InterProcessMutex::InterProcessMutex(const char* name, bool /*reserved*/) : lock(nullptr) {
     const std::string text = name != nullptr ? name : "";

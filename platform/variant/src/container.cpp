@@ -26,7 +26,7 @@ void MemberPool::reserve(std::size_t size) {
     end = free + size;
 }
 
-/** Makes room for @p size bytes more, and for twice of what there is as far as that is not too much. */
+/** Makes room for @p size bytes, and for more to come: for twice what is in use, within limits. */
 void MemberPool::grow(std::size_t size) {
     constexpr std::size_t firstChunk = 4 * sizeof(NamedMember);
     constexpr std::size_t largestChunk = 4096;

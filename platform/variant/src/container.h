@@ -159,7 +159,7 @@ class MemberPool {
   private:
     struct alignas(IndexedMember) Chunk {
         Chunk* next;
-        char* end;  ///< of what was handed out; for the chunk that is carved from that is `free`
+        char* end;                  ///< of what was handed out; not kept while `free` tells it
         std::size_t releasedBytes;  ///< while shrinking
     };
 

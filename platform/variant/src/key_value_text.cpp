@@ -331,7 +331,7 @@ class KeyValueWriter {
         return to + member.keyLength;
     }
 
-    /** Here the key is refused when it is a text key's too. */
+    /** Refuses an index that looks like a text key. */
     char* writeKey(char* to, const Container& container, const IndexedMember& member, Place /*place*/,
                    bool& writable) const {
         char* const end = formatNumber(member.index, to);

@@ -13,8 +13,8 @@ namespace korvo::variant {
  * have a second one. No block is empty but the first of an empty sequence.
  *
  * An Entry has `Key`, `rank()`, an integer that decides most comparisons, and `static bool less(const Entry&,
- * const Key&)`, `static bool equals(const Entry&, const Key&)` for entries whose rank is the key's; so has
- * its Key `rank()`.
+ * const Key&)`, `static bool equals(const Entry&, const Key&)` for entries whose rank is the key's. Its Key
+ * has `rank()` too.
  */
 template <class EntryType>
 class SortedEntries {
@@ -69,7 +69,7 @@ class SortedEntries {
     /** Adds an entry after all others. When memory fails, nothing has changed. */
     void append(const Entry& entry) {
         if (block(tail.size()).size() == blockCapacity) {
-            // A full block stays behind.
+            // A full block stays as it is; entries that come in order leave no block half empty.
             Block next;
             next.reserve(blockCapacity);
             tail.push_back(std::move(next));
@@ -97,7 +97,7 @@ class SortedEntries {
         if (!tail.empty()) mergeBlocks(position.block > 0 ? position.block - 1 : 0);
     }
 
-    /** Takes an empty sequence over the shape of another, each entry made by @p copy. */
+    /** Gives an empty sequence the shape of another, each entry made by @p copy. */
     template <class Copy>
     void copyFrom(const SortedEntries& other, Copy copy) {
         tail.resize(other.tail.size());
@@ -144,8 +144,8 @@ class SortedEntries {
     }
 
     /**
-     * The first entry of a block whose rank is not less: few keys share one, and ranks are compared in a loop
-     * without a branch that the processor would have to guess.
+     * The first entry of a block whose rank is not less than @p rank. Few keys share a rank, so this is
+     * mostly the whole search, in a loop without a branch that the processor would have to guess.
      */
     template <class Rank>
     static const Entry* rankBound(const Block& entries, Rank rank) {

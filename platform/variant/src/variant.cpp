@@ -412,8 +412,7 @@ bool sameNumber(double real, std::uint64_t integer, bool isNegative) {
 
 /** Whether the 64 bits of an integer of that type are those of a negative number. */
 bool isNegative(VariantType type, std::uint64_t integer) {
-    const bool isSigned = type == TypeInt8 || type == TypeInt32 || type == TypeInt64;
-    return isSigned && static_cast<std::int64_t>(integer) < 0;
+    return detail::isSignedInteger(type) && static_cast<std::int64_t>(integer) < 0;
 }
 
 }  // namespace

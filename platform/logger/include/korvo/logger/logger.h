@@ -22,7 +22,7 @@ enum Level : int { LevelError = 3, LevelWarning = 4 };
 /** One message, as a sink gets it. The pointers are valid during the call only. */
 struct Record {
     const char* module;      ///< the library or program that logs, such as "korvo_variant_utils"
-    const char* sourceFile;  ///< the source file, without folder prefix or ending that a reader does not need
+    const char* sourceFile;  ///< the source file as the caller names it, such as "src/uri"
     const char* function;    ///< the plain name of the operation
     int line;                ///< source line of the call
     int level;               ///< syslog severity, 0 (emergency) to 7 (debug)
@@ -36,15 +36,19 @@ struct Record {
  */
 using Sink = void (*)(const Record& record);
 
-/** Sends later messages to @p sink; null brings back the default, standard error. Returns the sink before. */
+/**
+ * Sends later messages to @p sink; null brings back the default, standard error.
+ * @return the sink that has been replaced, never null
+ */
 KORVO_LOGGER_EXPORT Sink setSink(Sink sink);
 
 /** The default sink, standard error: `LEVEL module sourceFile:line function: message`, one write per line. */
 KORVO_LOGGER_EXPORT void standardErrorSink(const Record& record);
 
 /**
- * A ready-made sink for syslog(3). The host may call openlog() first, to choose name and facility; with
- * LOG_NDELAY before it closes its standard streams, so that syslog's socket does not get the number of one.
+ * A ready-made sink for syslog(3). The host may call openlog() first, to choose name and facility. A host
+ * that closes its standard streams calls it before that, with LOG_NDELAY, so that syslog's socket does not
+ * get the number of one of them.
  */
 KORVO_LOGGER_EXPORT void syslogSink(const Record& record);
 

@@ -17,7 +17,7 @@ namespace korvo::utils {
  * before starting threads. Nothing reads the root from the environment, so that no user can redirect a
  * service.
  */
-KORVO_UTILS_EXPORT void setDeviceRoot(const std::string& directory);
+KORVO_UTILS_EXPORT void setDeviceRoot(const std::string& folder);
 
 /** The path to use for the fixed device path @p path, which begins with "/". */
 KORVO_UTILS_EXPORT std::string devicePath(const char* path);

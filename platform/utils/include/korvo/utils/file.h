@@ -14,9 +14,10 @@ namespace korvo::utils {
 
 /** What a file is opened for. */
 enum FILE_OPEN_MODE {
-    FILE_OPEN_MODE_READ = 0,  ///< an existing file, for reading
-    FILE_OPEN_MODE_TRUNCATE =
-        2  ///< a new and empty file of mode 0600, for writing, in place of what there was
+    /** An existing file, for reading. */
+    FILE_OPEN_MODE_READ = 0,
+    /** A new and empty file of mode 0600, for writing, in place of what there was. */
+    FILE_OPEN_MODE_TRUNCATE = 2
 };
 
 /**
@@ -49,33 +50,34 @@ class KORVO_UTILS_EXPORT File {
      * that somebody still has open is not written to. What cannot be removed (a folder, or another user's
      * file in a sticky folder) is refused and left alone. The mode is 0600 whatever the umask.
      */
-    bool Initialize(const std::string& path, FILE_OPEN_MODE openMode);
+    [[nodiscard]] bool Initialize(const std::string& path, FILE_OPEN_MODE openMode);
 
     /**
      * Replaces @p text by everything from the current position to the end of the file, whatever size the file
      * claims to have: kernel files claim 0. On failure @p text is left as it was.
      */
-    bool ReadStringAll(std::string& text);
+    [[nodiscard]] bool ReadStringAll(std::string& text);
 
     /** Reads the whole file at @p path into @p text. On failure @p text is left as it was. */
-    static bool ReadStringAll(const std::string& path, std::string& text);
+    [[nodiscard]] static bool ReadStringAll(const std::string& path, std::string& text);
 
     /** Writes all of @p text at the current position. After a failure part of it may have been written. */
-    bool WriteString(const std::string& text);
+    [[nodiscard]] bool WriteString(const std::string& text);
 
     /**
      * Gives the open file the permission bits of the file at @p path, its group where the process may, and
      * its owner where the process may; does nothing when there is no such file. Where the group cannot be
-     * kept, the file's own group gets no access that others did not have. For a file opened for writing.
-     * Works on the open file, so that no link planted at its name is followed.
+     * kept, the group that the open file has instead gets no more access than everybody had to the file at
+     * @p path. For a file opened for writing. Works on the open file, so that no link planted at its name is
+     * followed.
      */
-    bool CopyAccess(const std::string& path);
+    [[nodiscard]] bool CopyAccess(const std::string& path);
 
     /** Waits until everything written has reached the storage device. The file's name is not part of that. */
-    bool Sync();
+    [[nodiscard]] bool Sync();
 
     /** Closes the file. False when the system reports only now that something written was lost. */
-    bool Close();
+    [[nodiscard]] bool Close();
 
   private:
     int descriptor = -1;

@@ -22,14 +22,14 @@ namespace korvo::utils {
  * @param reserved  not used
  * @return false, with errno set, when the configuration cannot be read or the copy cannot be made durable
  */
-KORVO_UTILS_EXPORT bool saveToFlashRaw(bool reserved);
+[[nodiscard]] KORVO_UTILS_EXPORT bool saveToFlashRaw(bool reserved);
 
 /**
- * Reads the flash copy, without waiting for a save that goes on: it is the old copy or the new one.
+ * Reads the flash copy. While a save goes on, that is the old copy or the new one; nothing is waited for.
  *
  * @param text  receives the copy, byte for byte; left as it was on failure
  * @return false, with errno set, when there is no copy (ENOENT) or it cannot be read
  */
-KORVO_UTILS_EXPORT bool loadFromFlashRaw(std::string& text);
+[[nodiscard]] KORVO_UTILS_EXPORT bool loadFromFlashRaw(std::string& text);
 
 }  // namespace korvo::utils

@@ -13,12 +13,12 @@ namespace korvo::utils {
 /**
  * The address of host @p name as text: an IPv4 address where the host has one, else an IPv6 address; the
  * first that the resolver names. An IPv4 address of four decimal numbers and an IPv6 address without a zone
- * are returned as they are. Other numeric forms are for the C library to read: mostly 127.1 gives 127.0.0.1.
- * The empty text means that the name cannot be resolved.
+ * are returned as they are. Other numeric forms are left to the C library, which mostly takes 127.1 for
+ * 127.0.0.1. The empty text means that the name cannot be resolved.
  *
  * Waits for the name service, however long that takes. May be called from any thread; the C library's
  * resolver takes up to 14 KB of its stack.
  */
-KORVO_UTILS_EXPORT std::string getHostByName(const std::string& name);
+[[nodiscard]] KORVO_UTILS_EXPORT std::string getHostByName(const std::string& name);
 
 }  // namespace korvo::utils

@@ -8,6 +8,10 @@
 
 #include "korvo/utils/export.h"
 
+namespace korvo::utils {
+struct NamedLock;
+}
+
 /**
  * One claim on a named lock; all objects made with the same name, in whatever process, contend for it.
  *
@@ -22,8 +26,8 @@
  *
  * The lock is lost when somebody removes the lock file, or when the host closes the library's descriptor of
  * it, as daemons do that close all they have. held() tells; a waiter or a later acquire() opens the file
- * anew, and no descriptor is touched that is not the library's any more. Not noticed is a host that opens and
- * closes the lock file by itself, which by the rules of record locks gives the lock back.
+ * anew, and a descriptor that is no longer the library's is left alone. One thing nobody can notice: when the
+ * host opens and closes the lock file by itself, the rules of record locks give the lock back.
  *
  * Threads: all operations may be called from any thread. A lock belongs to the object that acquired it, not
  * to the thread: another thread may release it. Threads that wait for one name get it in the order in which
@@ -55,21 +59,21 @@ class KORVO_UTILS_EXPORT InterProcessMutex {
      *         something other than a lock file as described above has its name; else why the file cannot be
      *         opened or locked
      */
-    int acquire();
+    [[nodiscard]] int acquire();
 
     /**
      * Gives the lock back.
      * @return 0; EPERM when this object does not hold the lock in this process, or has lost it; EINVAL for a
      *         refused name; else why the kernel refused, and the lock is still held
      */
-    int release();
+    [[nodiscard]] int release();
 
     /**
      * Whether this object still holds the lock in this process, and nobody has removed, moved or replaced the
-     * file. To be asked before what must not happen without the lock; two system calls. A lock that is lost
-     * stays lost.
+     * file. Ask it right before anything that must not happen without the lock; it takes two system calls. A
+     * lock that is lost stays lost.
      */
-    bool held() const;
+    [[nodiscard]] bool held() const;
 
     /**
      * The process that holds the lock, when it is another one; 0 when there is none, when it is in another
@@ -79,8 +83,5 @@ class KORVO_UTILS_EXPORT InterProcessMutex {
     pid_t holder() const;
 
   private:
-    struct KORVO_UTILS_PRIVATE NamedLock;
-    struct KORVO_UTILS_PRIVATE LockTable;
-
-    NamedLock* lock;  ///< what all objects of the name have in common; null for a refused name
+    korvo::utils::NamedLock* lock;  ///< what all objects of the name have in common; null for a refused name
 };

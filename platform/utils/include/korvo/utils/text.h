@@ -43,8 +43,8 @@ KORVO_UTILS_EXPORT std::string format(const char* format, ...) __attribute__((fo
  * @param text  a zero-terminated text
  * @param end   when not null, receives the first character that is not part of the number; @p text when there
  *              is no number
- * @return the number; 0 when there is none or it is too small (with the standard library of GCC 11, subnormal
- *         numbers are), plus or minus infinity when it is too large
+ * @return the number; 0 when there is none, or when it is too small, which with the standard library of
+ *         GCC 11 begins at the subnormal numbers; plus or minus infinity when it is too large
  */
 KORVO_UTILS_EXPORT double toDouble(const char* text, const char** end = nullptr);
 

@@ -77,6 +77,28 @@ enum VariantType : std::uint16_t {
     TypeAny = 0xffff  ///< as a filter only: passes every type, null included
 };
 
+/// @cond
+namespace detail {
+
+/** All types of integers. A tag has 0x0100 where it is signed, 0x0200 where not, and 0x10 for each byte. */
+inline constexpr VariantType integerTypes[] = {TypeInt8,   TypeInt32,  TypeInt64,
+                                               TypeUInt16, TypeUInt32, TypeUInt64};
+
+constexpr bool isSignedInteger(VariantType type) { return (type & 0xff00) == 0x4100; }
+
+/** The narrowest type that keeps each value of an integer of so many bytes. */
+constexpr VariantType integerType(std::size_t bytes, bool isSigned) {
+    VariantType narrowest = isSigned ? TypeInt64 : TypeUInt64;
+    for (const VariantType type : integerTypes) {
+        if (isSignedInteger(type) == isSigned && (type & 0xffU) >= bytes * 0x10 && type < narrowest)
+            narrowest = type;
+    }
+    return narrowest;
+}
+
+}  // namespace detail
+/// @endcond
+
 /**
  * How a value of the C++ type @p T is held: `tag`, for every arithmetic type and, as its underlying type,
  * every enumeration. An integer gets the tag with its width, or with the next wider one that there is, so
@@ -95,12 +117,7 @@ struct NumberTag<bool> {
 template <class T>
 struct NumberTag<T, std::enable_if_t<std::is_integral<T>::value && !std::is_same<T, bool>::value &&
                                      sizeof(T) <= sizeof(std::uint64_t)>> {
-    static constexpr VariantType tag = std::is_signed<T>::value ? (sizeof(T) == 1   ? TypeInt8
-                                                                   : sizeof(T) <= 4 ? TypeInt32
-                                                                                    : TypeInt64)
-                                                                : (sizeof(T) <= 2   ? TypeUInt16
-                                                                   : sizeof(T) <= 4 ? TypeUInt32
-                                                                                    : TypeUInt64);
+    static constexpr VariantType tag = detail::integerType(sizeof(T), std::is_signed<T>::value);
 };
 
 template <class T>
@@ -123,7 +140,7 @@ template <class T>
 inline constexpr bool isNumber<T, std::void_t<decltype(NumberTag<T>::tag)>> = true;
 
 template <class T>
-inline constexpr bool isKeyNumber = std::is_integral<T>::value && !std::is_same<T, bool>::value;
+inline constexpr bool isIndex = std::is_integral<T>::value && !std::is_same<T, bool>::value;
 
 /**
  * Whether each number of the underlying type is a value of the enumeration: it was declared with that type.
@@ -186,7 +203,7 @@ class KORVO_VARIANT_EXPORT MemberIterator {
     using pointer = const Element*;
     using reference = const Element&;
 
-    /** The element lives in the iterator, until that moves on or ends. */
+    /** The element lives in the iterator, until that is moved on or destroyed. */
     reference operator*() const;
     pointer operator->() const { return &**this; }
     MemberIterator& operator++();
@@ -202,8 +219,7 @@ class KORVO_VARIANT_EXPORT MemberIterator {
 
   private:
     friend class Variant;
-    KORVO_VARIANT_PRIVATE MemberIterator(const Container* owner, std::size_t firstBlock)
-        : container(owner), block(firstBlock) {}
+    MemberIterator(const Container* owner, std::size_t firstBlock) : container(owner), block(firstBlock) {}
 
     const Container* container;  ///< null when the value has no members
     std::size_t block;
@@ -239,7 +255,7 @@ class KORVO_VARIANT_EXPORT Variant {
 
     /** @name Assignment
      * Replaces the value, whatever it held. The source may be the value itself, one of its members, or a text
-     * inside of it. Only into its own member a value must not be moved.
+     * inside it. A value must not be moved into one of its own members.
      * @{ */
     Variant& operator=(const Variant& other);
     Variant& operator=(Variant&& other) noexcept;
@@ -281,7 +297,7 @@ class KORVO_VARIANT_EXPORT Variant {
     Variant& operator[](std::string_view key) { return member(key); }
     Variant& operator[](const std::string& key) { return member(std::string_view(key)); }
     Variant& operator[](long long index) { return member(index); }
-    template <class Integer, std::enable_if_t<detail::isKeyNumber<Integer>, int> = 0>
+    template <class Integer, std::enable_if_t<detail::isIndex<Integer>, int> = 0>
     Variant& operator[](Integer index) {
         return member(static_cast<long long>(index));
     }
@@ -294,7 +310,7 @@ class KORVO_VARIANT_EXPORT Variant {
     const Variant& operator[](std::string_view key) const { return memberOrNull(key); }
     const Variant& operator[](const std::string& key) const { return memberOrNull(std::string_view(key)); }
     const Variant& operator[](long long index) const { return memberOrNull(index); }
-    template <class Integer, std::enable_if_t<detail::isKeyNumber<Integer>, int> = 0>
+    template <class Integer, std::enable_if_t<detail::isIndex<Integer>, int> = 0>
     const Variant& operator[](Integer index) const {
         return memberOrNull(static_cast<long long>(index));
     }
@@ -308,7 +324,7 @@ class KORVO_VARIANT_EXPORT Variant {
      * @{ */
     bool Contains(const char* key) const noexcept { return hasMember(detail::textOf(key)); }
     bool Contains(std::string_view key) const noexcept { return hasMember(key); }
-    template <class Integer, std::enable_if_t<detail::isKeyNumber<Integer>, int> = 0>
+    template <class Integer, std::enable_if_t<detail::isIndex<Integer>, int> = 0>
     bool Contains(Integer index) const noexcept {
         return hasMember(static_cast<long long>(index));
     }
@@ -321,16 +337,17 @@ class KORVO_VARIANT_EXPORT Variant {
      * @{ */
     bool Remove(const char* key) noexcept { return removeMember(detail::textOf(key)); }
     bool Remove(std::string_view key) noexcept { return removeMember(key); }
-    template <class Integer, std::enable_if_t<detail::isKeyNumber<Integer>, int> = 0>
+    template <class Integer, std::enable_if_t<detail::isIndex<Integer>, int> = 0>
     bool Remove(Integer index) noexcept {
         return removeMember(static_cast<long long>(index));
     }
     /** @} */
 
     /** @name Iteration
-     * Over the members with text keys in ascending byte order, and over those with an index in ascending
-     * order. Both ranges are empty for a value that is no container. An element has `first`, the key, and
-     * `second`, the member. Adding a member to this value or removing one ends the validity of its iterators.
+     * From begin() to end() stand the members with text keys, in ascending byte order; from num_begin() to
+     * num_end() those with an index, in ascending order. Both ranges are empty for a value that is no
+     * container. An element has `first`, the key, and `second`, the member. Adding a member to this value or
+     * removing one makes its iterators invalid.
      * @{ */
     iterator begin();
     iterator end();
@@ -367,9 +384,9 @@ class KORVO_VARIANT_EXPORT Variant {
     /**
      * Replaces the value by the tree that @p text describes, a map.
      *
-     * Refused, with false and the value as it was, is what ToKVP() could not give back: a line that is not
-     * blank and has no "=", a key that has both a value and keys below it, a key of more than 64 components,
-     * a value with a carriage return at its end.
+     * Refuses, with false and the value as it was, what ToKVP() could not give back: a line that is not blank
+     * and has no "=", a key that has both a value and keys below it, a key of more than 64 components, a
+     * value with a carriage return at its end.
      *
      * @param text             the text; any bytes
      * @param reserved         not used
@@ -379,10 +396,11 @@ class KORVO_VARIANT_EXPORT Variant {
      *                         fits
      * @param reserved2        not used
      */
-    bool FromKVP(const std::string& text, bool reserved, bool valuesAsStrings, bool reserved2);
+    [[nodiscard]] bool FromKVP(const std::string& text, bool reserved, bool valuesAsStrings, bool reserved2);
 
     /** The same for the text of the file at @p path; also false, with errno set, when it cannot be read. */
-    bool FromKVPFile(const std::string& path, bool reserved, bool valuesAsStrings, bool reserved2);
+    [[nodiscard]] bool FromKVPFile(const std::string& path, bool reserved, bool valuesAsStrings,
+                                   bool reserved2);
 
     /**
      * Writes the tree as key=value text into @p text, replacing what it held.
@@ -391,21 +409,22 @@ class KORVO_VARIANT_EXPORT Variant {
      * keys. Booleans are written as 1 and 0, doubles in the shortest form that reads back the same, with ".0"
      * where that would look like an integer. Null members and empty containers have no line.
      *
-     * Refused, with false and @p text as it was, is what would not read back as the same tree: a key that
-     * holds "=", "." or a line feed, a line that would begin with "#", a value with a line feed in it or a
-     * carriage return at its end, an index and a text key that look the same, more than 64 levels, a value
-     * that is neither a container nor null. What has no line is refused for no key, unless that
-     * looks like an index that has one.
+     * Refuses, with false and @p text as it was, what would not read back as the same tree: a key that holds
+     * "=", "." or a line feed, a line that would begin with "#", a value with a line feed in it or a carriage
+     * return at its end, an index and a text key that look the same, more than 64 levels, and this value
+     * itself when it is neither a container nor null. A member that has no line may have any key, except one
+     * that looks like an index that has a line.
      *
-     * With separators of one's own, refused are likewise a key that holds either of them and a value that
-     * holds the line separator; a value may hold the key separator, since lines are split at their first one.
-     * An empty separator is taken as it is, though nobody can tell then where a key or a line ends.
+     * With separators of one's own it refuses likewise a key that holds either of them and a value that holds
+     * the line separator; a value may hold the key separator, since lines are split at their first one. An
+     * empty separator is taken as it is, though nobody can tell then where a key or a line ends.
      *
-     * @param text           receives the text; not a text that is inside of this value
+     * @param text           receives the text; must not be a text inside this value
      * @param keySeparator   between key and value, normally "="
      * @param lineSeparator  after each line, normally "\n"
      */
-    bool ToKVP(std::string& text, const std::string& keySeparator, const std::string& lineSeparator) const;
+    [[nodiscard]] bool ToKVP(std::string& text, const std::string& keySeparator,
+                             const std::string& lineSeparator) const;
     /** @} */
 
     /** Gives back memory that growing and removing have left spare. The value stays equal to what it was. */
@@ -414,7 +433,8 @@ class KORVO_VARIANT_EXPORT Variant {
     /** @name Conversions (table at the top of this file)
      * @{ */
     operator VariantType() const noexcept { return type; }
-    // No template: compilers overlook one where they look for what an expression could mean, and then guess.
+    // Not one template: where an operator could mean several things, compilers leave templates out, and then
+    // take a conversion that nobody meant.
     operator bool() const noexcept { return As<bool>(); }
     operator signed char() const noexcept { return As<signed char>(); }
     operator unsigned char() const noexcept { return As<unsigned char>(); }
@@ -512,8 +532,8 @@ class KORVO_VARIANT_EXPORT Variant {
     union Payload {
         constexpr Payload() noexcept : integer(0) {}
         ~Payload() {}
-        std::uint64_t
-            integer;  ///< of every width, sign-extended where the type is signed; 1 or 0 for a boolean
+        /** Of every width, sign-extended where the type is signed; 1 or 0 for a boolean. */
+        std::uint64_t integer;
         double real;
         std::string text;
         Container* container;  ///< null while the container is empty
@@ -546,9 +566,8 @@ class KORVO_VARIANT_EXPORT Variant {
         if constexpr (tag == TypeDouble) {
             return equalsReal(detail::narrowed<double>(value));
         } else {
-            constexpr bool isSigned = tag == TypeInt8 || tag == TypeInt32 || tag == TypeInt64;
             const auto bits = static_cast<std::uint64_t>(value);
-            return equalsInteger(bits, isSigned && static_cast<std::int64_t>(bits) < 0);
+            return equalsInteger(bits, detail::isSignedInteger(tag) && static_cast<std::int64_t>(bits) < 0);
         }
     }
     template <class T>
