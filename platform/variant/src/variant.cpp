@@ -288,7 +288,7 @@ MemberIterator<Key, Value>& MemberIterator<Key, Value>::operator++() {
     return *this;
 }
 
-// Of each iterator only what the header leaves open: the rest is inlined by hosts and would be exported in vain.
+// Of each iterator only what the header leaves open: hosts inline the rest, which would be exported in vain.
 template Variant::iterator::reference Variant::iterator::operator*() const;
 template Variant::const_iterator::reference Variant::const_iterator::operator*() const;
 template Variant::num_iterator::reference Variant::num_iterator::operator*() const;
