@@ -8,11 +8,17 @@ namespace {
 
 TEST(Logger, WritesOneLineToStandardErrorWhateverTheArguments) {
     testing::internal::CaptureStderr();
-    errno = 5;
     logInternal("module", "src/x", "f", 7, 3, 2, 0, "%s|%d", "a\nerror forged\r\t\x1b[0m%s \xc3\xa9", 1);
-    EXPECT_EQ(errno, 5);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "error module src/x:7 f: a\\nerror forged\\r\\t\\x1b[0m%s \xc3\xa9|1 (error 2)\n");
+}
+
+TEST(Logger, KeepsErrnoWhateverTheSinkDoes) {
+    korvo::logger::setSink([](const korvo::logger::Record&) { errno = 6; });
+    errno = 5;
+    logInternal("module", "src/x", "f", 7, 3, 2, 0, "message");
+    EXPECT_EQ(errno, 5);
+    korvo::logger::setSink(nullptr);
 }
 
 TEST(Logger, EscapesControlCharactersAndNothingElse) {
