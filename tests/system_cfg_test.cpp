@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -439,54 +438,6 @@ TEST_F(SystemCfgTest, ChildOfTheSameProcessIdIsAnotherProcess) {
     const int status = first.exitStatus();
     if (status == 77) GTEST_SKIP() << "no pid namespaces here";
     EXPECT_EQ(status, 0);
-}
-
-TEST_F(SystemCfgTest, IncrementsOfSeveralProcessesAllCountAsTheyDoNotWithoutTheLock) {
-    const auto countBy = [&](const std::function<bool()>& increment) {
-        configuration("a=0\n");
-        const auto count = [&](const ChildProcess&) {
-            int counted = 0;
-            for (int round = 0; round < 50; ++round) counted += increment() ? 1 : 0;
-            return counted;
-        };
-        ChildProcess children[] = {ChildProcess(count), ChildProcess(count), ChildProcess(count)};
-        for (ChildProcess& child : children) EXPECT_EQ(child.exitStatus(), 50);
-        return configuration();
-    };
-    const auto locked = [] {
-        SystemCfgManager store;
-        int a = 0;
-        return store.init() && store.get("a", &a, nullptr) && store.set("a", a + 1, nullptr) &&
-               store.close(false, false);
-    };
-    const auto unlocked = [&] {
-        const std::string text = configuration();  // empty while another process writes it
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        configuration("a=" + std::to_string(text.empty() ? 1 : std::stoi(text.substr(2)) + 1) + '\n');
-        return true;
-    };
-    EXPECT_EQ(countBy(locked), "a=150\n");
-    EXPECT_NE(countBy(unlocked), "a=150\n") << "this test does not see lost increments";
-}
-
-TEST_F(SystemCfgTest, KillAtAnyMomentLeavesWholeFilesAndAFreeLock) {
-    for (int round = 0; round < 50; ++round) {
-        ChildProcess child([](const ChildProcess& self) {
-            SystemCfgManager store;
-            for (int a = 0; store.init() && store.set("a", a, nullptr) && store.close(true, true); ++a)
-                self.tell(a);
-            return 1;
-        });
-        EXPECT_EQ(child.hear(), 0);
-        std::this_thread::sleep_for(std::chrono::microseconds(97 * round));
-        EXPECT_EQ(::kill(child.id(), SIGKILL), 0);
-        EXPECT_EQ(child.exitStatus(), -SIGKILL);
-        for (const std::string& text : {configuration(), flashCopy()})
-            EXPECT_THAT(text, testing::MatchesRegex("a=[0-9]+\nsystem.flash.cycles=[0-9]+\n"));
-        SystemCfgManager next;
-        EXPECT_TRUE(next.init() && next.close(true, true));
-        EXPECT_EQ(configuration(), flashCopy());
-    }
 }
 
 TEST_F(SystemCfgTest, AppliesAllChangesOrNone) {

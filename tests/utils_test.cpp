@@ -26,18 +26,11 @@ using testing::ElementsAre;
 namespace {
 
 TEST(Text, SplitAppendsWhatStandsBetweenSeparatorsEmptyPiecesToo) {
-    const std::tuple<const char*, const char*, std::vector<std::string>> cases[] = {
-        {"", ".", {}},
-        {"a", ".", {"a"}},
-        {".b..c.", ".", {"", "b", "", "c", ""}},
-        {"d--e-f", "--", {"d", "e-f"}},
-        {"gh", "", {"gh"}},
-    };
-    for (auto [text, separator, expected] : cases) {
+    for (const auto& [input, expected] : test::readCases("split.txt")) {
+        const auto given = test::fields(input);
         std::vector<std::string> pieces{"kept"};
-        split(text, separator, pieces);
-        expected.insert(expected.begin(), "kept");
-        EXPECT_EQ(pieces, expected) << text;
+        split(given[0], given[1], pieces);
+        EXPECT_EQ(pieces, test::fields(expected)) << input;
     }
     std::vector<std::string> pieces{"x.y", "."};
     split(pieces[0], pieces[1], pieces);
