@@ -118,6 +118,7 @@ TEST_F(SystemCfgTest, StoresAndWritesAtOnceAndTellsWhetherTheValueDiffered) {
         }
         EXPECT_EQ(configuration(), "equal=7\nmap=-5\nn=7\nnew.8=digits\nnew.a.key=on\n")
             << "an equal value is written too";
+        EXPECT_EQ(got(store, "new.8", std::string()), "digits");
         EXPECT_EQ(test::shown(tree["n"]), strings ? "string 7" : "int32 7");
         tree["n"] = 5;
         EXPECT_EQ(set(store, "n", "5"), "differed") << "an integer is no string";
@@ -462,8 +463,10 @@ TEST_F(SystemCfgTest, AppliesAllChangesOrNone) {
         const bool accepted = store.apply(changes, &differed);
         EXPECT_EQ(accepted ? differed ? "accepted, changed" : "accepted" : log.messages(), wanted[0]);
         EXPECT_EQ(configuration(), wanted[1]);
-        EXPECT_EQ(accepted ? before : tree, before);
-        EXPECT_TRUE(accepted || differed);
+        if (!accepted) {
+            EXPECT_TRUE(differed) << "the flag was touched";
+            EXPECT_EQ(tree, before);
+        }
         EXPECT_TRUE(store.close(true, false));
         EXPECT_EQ(flashCopy().empty(), wanted[0] != "accepted, changed")
             << "what is marked as changed is saved";
@@ -509,8 +512,9 @@ TEST_F(SystemCfgTest, RestoresAndResetsWholeTexts) {
         EXPECT_EQ(given[2], fs::exists(root.path() / copy) ? flashCopy() : lacks)
             << "the flash copy is another one";
         EXPECT_TRUE(lockIsFree());
-        const bool isNew = done && given[1] == lacks;
-        EXPECT_EQ(isNew ? fs::status(path).permissions() : fs::perms(0600), fs::perms(0600));
+        if (done && given[1] == lacks) {
+            EXPECT_EQ(fs::status(path).permissions(), fs::perms(0600));
+        }
     }
 }
 

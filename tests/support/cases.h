@@ -1,4 +1,8 @@
-/** @file Tables of cases: lines `input => expected` with C escapes; blank ones and # comments apart. */
+/**
+ * @file
+ * Tables of cases: lines `input => expected` with C escapes; blank ones and # comments apart. A line indented by
+ * four blanks goes on with the case before: on a new line, or with the expectation where that has only its arrow.
+ */
 #pragma once
 
 #include <fstream>
