@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <cerrno>
 
 #include "support/cases.h"
 #include "support/device.h"
@@ -14,76 +14,67 @@ using namespace korvo::variant;
 
 namespace {
 
-using Fields = std::vector<std::string>;
+const std::filesystem::path devices = TEST_DATA "/../devices";
 
-/** The key=value text of the healthy record up to the last member gathered, with what differs. */
-std::string expectedRecord(const Fields& healthy, const Fields& outcome) {
-    Variant record;
-    const auto take = [&](const std::string& member) {
-        const std::string key = member.substr(0, member.find('='));
-        record[key] = key == member ? Variant() : Variant(member.substr(key.size() + 1));
-        return key == outcome[0];
-    };
-    if (outcome[0] != "none") (void)std::find_if(healthy.begin() + 2, healthy.end(), take);
-    std::for_each(outcome.begin() + 2, outcome.end(), take);
-    return test::shown(record);
+/** What Init() does, as the files "expected" of the sample devices have it: result, messages and record. */
+std::string outcomeOfInit() {
+    test::LogCapture log;
+    CameraInfo info;
+    info["earlier"] = 1;
+    std::string text = info.Init() ? "succeeds\n" : "fails\n", record;
+    for (const test::LogLine& line : log.take()) text += line.function + ": " + line.message + '\n';
+    EXPECT_TRUE(info.ToKVP(record, "=", "\n"));
+    return text + record;
 }
 
-struct Device : test::Device {
-    /** Puts files FILE|CONTENT|... in place, and takes away one without content. */
-    void put(const Fields& files) const {
-        for (std::size_t i = 0; i + 1 < files.size(); i += 2) write(files[i], files[i + 1]);
-        if (files.size() % 2 != 0) std::filesystem::remove(path() / files.back());
-    }
-};
-
 TEST(CameraInfo, GathersWhatEachSampleDeviceHasInEveryLocale) {
-    test::LogCapture log;
-    const auto cases = test::readCases("devices.txt");
-    test::inEveryLocale([&] {
-        for (const auto& [sample, expected] : cases) {
-            SCOPED_TRACE(sample);
-            const Device device;
-            device.put(test::fields(cases[0].first));
-            device.put(test::fields(sample));
-            const Fields outcome = test::fields(expected);
-            CameraInfo info;
-            info["earlier"] = 1;
-            errno = EDOM;
-            EXPECT_EQ(info.Init(), outcome[0] == "all");
-            EXPECT_EQ(test::shown(info), expectedRecord(test::fields(cases[0].second), outcome));
-            const auto lines = log.take();
-            ASSERT_EQ(lines.size(), outcome[1].empty() ? 0U : 1U);
-            if (lines.empty()) continue;
-            EXPECT_EQ(lines[0].function + ": " + lines[0].message, "Init: " + outcome[1]);
-            EXPECT_EQ(lines[0].errorCode, outcome[0] == "deviceModel" ? EDOM : 0);
+    test::inEveryLocale([] {
+        for (const auto& sample : std::filesystem::directory_iterator(devices)) {
+            const test::Device device(sample.path());
+            EXPECT_EQ(outcomeOfInit(), device.read("expected")) << sample.path();
         }
     });
 }
 
 TEST(CameraInfo, TheFirmwareVersionMustHaveItsFormInEveryLocale) {
-    test::LogCapture log;
+    const test::Device device(devices / "complete");
     test::inEveryLocale([&] {
         for (const auto& [version, protocol] : test::readCases("firmware_versions.txt")) {
-            const Device device;
-            device.put(test::fields(test::readCases("devices.txt")[0].first));
-            device.put({"lib/version", version});
+            SCOPED_TRACE(version);
+            test::LogCapture log;
+            device.write("lib/version", version);
             CameraInfo info;
+            errno = EDOM;
             const bool matched = info.Init();
             EXPECT_EQ(info["fullVersion"], Variant(version));
             const long long found = info["protocolVer"];
-            EXPECT_EQ(matched ? std::to_string(found) : "no match", protocol) << version;
+            EXPECT_EQ(matched ? std::to_string(found) : "no match", protocol);
+            for (const test::LogLine& line : log.take())
+                EXPECT_EQ(line.errorCode, EDOM) << "not the caller's errno";
         }
     });
+}
+
+TEST(CameraInfo, TheHardwareAddressStaysATextAndIsGivenInPairsToo) {
+    const test::Device device(devices / "complete");
+    for (const auto& [address, pairs] : test::readCases("board_addresses.txt")) {
+        device.write("etc/board.info", "board.hwaddr=" + address + '\n');
+        CameraInfo info;
+        EXPECT_TRUE(info.Init());
+        EXPECT_EQ(info["hwaddr"], Variant(address));
+        EXPECT_EQ(info["hwaddrColons"], Variant(pairs)) << address;
+    }
 }
 
 TEST(CameraInfoAccessors, ReturnTheMemberOrLeaveADefaultInItsPlace) {
     const auto check = [](const Variant& stored, int feature, double seconds, const std::string& left) {
         CameraInfo info;
         info["feature_ir"] = info["upTime"] = info["idleTime"] = info["fullVersion"] = stored;
-        EXPECT_TRUE(info.feature_ir() == feature && info.upTime() == seconds && info.idleTime() == seconds);
+        EXPECT_EQ(info.feature_ir(), feature);
+        EXPECT_EQ(info.upTime(), seconds);
+        EXPECT_EQ(info.idleTime(), seconds);
         EXPECT_EQ(info.fullVersion(), static_cast<const std::string&>(stored));
-        EXPECT_EQ(test::shown(info), "1010 " + left);
+        EXPECT_EQ(test::shown(info), "map " + left);
     };
     check(300, 44, 300.0, "feature_ir=300\nfullVersion=\nidleTime=300\nupTime=300");
     check(2.75, 2, 2.75, "feature_ir=2.75\nfullVersion=\nidleTime=2.75\nupTime=2.75");

@@ -65,13 +65,15 @@ TEST(CommandLine, ParsesAWholeCommandLineAndKeepsWhatTheResultHeld) {
     const char* arguments[] = {"/proc/self/exe", "--port=8080", "-v", "%s%n"};
     ParseCommandLine(4, arguments, options, result);
     EXPECT_EQ(options, before) << "but for the kind of byShortName";
-    EXPECT_EQ(test::shown(result), "1010 commandLine.executed=/proc/self/exe\ncommandLine.fullPath=" +
+    EXPECT_EQ(test::shown(result), "map commandLine.executed=/proc/self/exe\ncommandLine.fullPath=" +
                                        std::filesystem::read_symlink("/proc/self/exe").string() +
                                        "\nmine=1\nparameters.port=8080\nparameters.verbose=0\n"
                                        "unknownParameters.0=earlier\nunknownParameters.1=%s%n");
     const auto lines = log.take();
-    ASSERT_TRUE(lines.size() == 1 && lines[0].function == "ParseCommandLine" && lines[0].level == 4);
-    EXPECT_EQ(lines[0].message, "unknown parameter detected: `%s%n`");
+    ASSERT_EQ(lines.size(), 1);
+    EXPECT_EQ(lines[0].function + ": " + lines[0].message,
+              "ParseCommandLine: unknown parameter detected: `%s%n`");
+    EXPECT_EQ(lines[0].level, korvo::logger::LevelWarning);
     ParseCommandLine(0, nullptr, before, result);
     EXPECT_EQ(result["commandLine"]["executed"], Variant());
     EXPECT_EQ(parse(options, {})["commandLine"]["fullPath"], Variant()) << "there is no such program";
@@ -81,12 +83,13 @@ TEST(CommandLine, FindsOptionsByShortAndLongName) {
     test::LogCapture log;
     Variant options = cameraOptions();
     for (const auto& [argument, expected] : test::readCases("options.txt")) {
+        SCOPED_TRACE(argument);
         Variant result = parse(options, {argument.c_str()});
         std::string given;
         for (const auto& [name, value] : result["parameters"])
             given += std::string(name) + ' ' + test::shown(value);
         const bool unknown = expected == "unknown";
-        EXPECT_EQ(given, unknown ? "" : expected) << argument;
+        EXPECT_EQ(given, unknown ? "" : expected);
         EXPECT_EQ(result["unknownParameters"][0], unknown ? Variant(argument) : Variant());
         EXPECT_EQ(log.take().empty(), !unknown);
     }
@@ -109,7 +112,8 @@ TEST(CommandLine, ArgumentsMayBeTextsOfWhatTheCallChangesOrNull) {
     const Variant commandLine = result["commandLine"];
     const char* arguments[] = {result["commandLine"]["executed"], "-a", nullptr, result["parameters"][name]};
     ParseCommandLine(4, arguments, options, result);
-    EXPECT_TRUE(result["commandLine"] == commandLine && result["parameters"][name] == Variant(1));
+    EXPECT_EQ(result["commandLine"], commandLine);
+    EXPECT_EQ(result["parameters"][name], Variant(1));
     EXPECT_EQ(log.messages(), "unknown parameter detected: `" + name + "`");
 }
 

@@ -1,6 +1,6 @@
 // Fails every allocation of the public operations, one after the other, and runs them on a small stack.
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <pthread.h>
 #include <stdlib.h>
 
@@ -130,8 +130,10 @@ TEST(FailingMemory, CompactGivesBackWhatRemovedMembersTook) {
     const long before = liveObjects;
     value.Compact();
     counting = false;
-    EXPECT_TRUE(before > 100 && liveObjects < 20) << before << ", then " << liveObjects;
-    EXPECT_TRUE(value.Size() == 10 && value["member number 9"] == 9);
+    EXPECT_GT(before, 100);
+    EXPECT_LT(liveObjects, 20);
+    EXPECT_EQ(value.Size(), 10);
+    EXPECT_EQ(value["member number 9"], Variant(9));
 }
 
 TEST(FailingMemory, LeavesNoLeakOfValuesUrisCommandLinesAndDeviceInformation) {
@@ -145,11 +147,8 @@ TEST(FailingMemory, LeavesNoLeakOfValuesUrisCommandLinesAndDeviceInformation) {
 
 #ifndef SANITIZED  // sanitizers need more stack themselves
 TEST(LittleStack, Of32KiBIsEnough) {
-    const test::Device device;
+    const test::Device device(SAMPLE_DEVICE);
     device.write("tmp/system.cfg", "a=1\n");
-    std::filesystem::copy(
-        SAMPLE_DEVICE, device.path(),
-        std::filesystem::copy_options::skip_existing | std::filesystem::copy_options::recursive);
     pthread_attr_t small;
     pthread_t thread{};
     ASSERT_EQ(::pthread_attr_init(&small), 0);
@@ -173,9 +172,11 @@ TEST(FailingMemory, LeavesTheConfigurationWholeAndUnlocked) {
     SystemCfgManager kept, survivor;
     const auto check = [&] {
         const std::string text = device.read("tmp/system.cfg");
-        EXPECT_TRUE(text.find("section.item=" + longText + "\n") == 0 && text.back() == '\n') << text;
+        EXPECT_THAT(text, testing::AllOf(testing::StartsWith("section.item=" + longText + "\n"),
+                                         testing::EndsWith("\n")));
         for (const auto& file : std::filesystem::directory_iterator(device.path() / "tmp"))
-            EXPECT_TRUE(file.path().extension() == ".lock" || file.path().filename() == "system.cfg") << file;
+            EXPECT_THAT(file.path().filename().string(),
+                        testing::AnyOf("system.cfg", "system.cfg.lock", "system.cfg.flash.lock"));
         EXPECT_TRUE(kept.init() && kept.close(false, false)) << "the lock is not free";
     };
     for (const bool save : {false, true}) {

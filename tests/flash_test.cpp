@@ -12,6 +12,15 @@
 
 namespace {
 
+int syncs = 0;
+
+}  // namespace
+
+/** Stands in front of the C library's own. */
+extern "C" __attribute__((visibility("default"))) void sync() noexcept { ++syncs; }
+
+namespace {
+
 namespace fs = std::filesystem;
 using korvo::utils::saveToFlashRaw;
 
@@ -76,22 +85,42 @@ TEST_F(FlashTest, MakesUsableFoldersUnderAnyUmask) {
         ::umask(0777);
         return saveToFlashRaw(false) ? 0 : 1;
     });
-    EXPECT_TRUE(user.exitStatus() == 0 && root.read(copy) == "a=1\n");
+    EXPECT_EQ(user.exitStatus(), 0);
+    EXPECT_EQ(root.read(copy), "a=1\n");
+}
+
+TEST_F(FlashTest, SyncsEverythingWhereItMayNotOpenAFolderAbove) {
+    const fs::path above = (root.path() / folder).parent_path();
+    fs::permissions(root.path(), fs::perms(0777));
+    fs::create_directories(root.path() / folder);
+    fs::permissions(root.path() / folder, fs::perms(0777));
+    root.write("tmp/system.cfg", "a=1\n");
+    fs::permissions(root.path() / "tmp", fs::perms(01777));
+    fs::permissions(above, fs::perms(0311));
+    test::ChildProcess user([](const test::ChildProcess&) {
+        if (::geteuid() == 0) test::becomeOtherUser();
+        return saveToFlashRaw(false) ? syncs : -1;
+    });
+    EXPECT_EQ(user.exitStatus(), 1);
+    fs::permissions(above, fs::perms(0755));
+    EXPECT_EQ(root.read(copy), "a=1\n");
 }
 
 TEST_F(FlashTest, FailureTellsItsCauseAndLeavesTheOldCopy) {
-    const std::pair<std::function<void()>, int> cases[] = {
-        {[&] { fs::remove(root.path() / "tmp/system.cfg"); }, ENOENT},
-        {[&] { fs::remove_all(root.path() / folder), root.write(folder, "no folder"); }, ENOTDIR},
-        {[&] { fs::remove(root.path() / copy), fs::create_directory(root.path() / copy); }, EISDIR},
+    const std::tuple<std::function<void()>, int, const char*> cases[] = {
+        {[&] { fs::remove(root.path() / "tmp/system.cfg"); }, ENOENT, "old"},
+        {[&] { fs::remove_all(root.path() / folder), root.write(folder, "no folder"); }, ENOTDIR, "no file"},
+        {[&] { fs::remove(root.path() / copy), fs::create_directory(root.path() / copy); }, EISDIR,
+         "no file"},
     };
-    for (const auto& [spoil, error] : cases) {
+    for (const auto& [spoil, error, left] : cases) {
         fs::remove_all(root.path() / folder);
         root.write("tmp/system.cfg", "new");
         root.write(copy, "old");
         spoil();
-        EXPECT_TRUE(!saveToFlashRaw(false) && errno == error) << error;
-        EXPECT_TRUE(!fs::is_regular_file(root.path() / copy) || root.read(copy) == "old");
+        EXPECT_FALSE(saveToFlashRaw(false));
+        EXPECT_EQ(errno, error);
+        EXPECT_EQ(fs::is_regular_file(root.path() / copy) ? root.read(copy) : "no file", left);
         EXPECT_FALSE(fs::exists(root.path() / (copy + ".tmp")));
     }
 }

@@ -44,7 +44,8 @@ class InterProcessMutexTest : public testing::Test {
 TEST_F(InterProcessMutexTest, RefusesBadNamesAndWhatIsPlantedInPlaceOfTheLockFile) {
     for (const char* name : {static_cast<const char*>(nullptr), "", "/", "../name", "a/b"}) {
         InterProcessMutex refused(name, true);
-        EXPECT_TRUE(refused.acquire() == EINVAL && refused.release() == EINVAL) << (name ? name : "null");
+        EXPECT_EQ(refused.acquire(), EINVAL) << (name ? name : "null");
+        EXPECT_EQ(refused.release(), EINVAL) << (name ? name : "null");
     }
 }
 
@@ -87,7 +88,8 @@ TEST_F(InterProcessMutexTest, NeverWaitsForALockFileThatSomebodyElseCanHold) {
         fs::remove_all(lockFile), fs::remove(root.path() / "name");
     }
     root.write("tmp/name.lock/precious", "content");
-    EXPECT_TRUE(mutex.acquire() == EPERM && root.read("tmp/name.lock/precious") == "content");
+    EXPECT_EQ(mutex.acquire(), EPERM);
+    EXPECT_EQ(root.read("tmp/name.lock/precious"), "content");
 }
 
 TEST_F(InterProcessMutexTest, WorksUnderAnyUmaskAndAfterWhatAnotherUmaskLeft) {
@@ -109,7 +111,8 @@ TEST_F(InterProcessMutexTest, WorksUnderAnyUmaskAndAfterWhatAnotherUmaskLeft) {
 }
 
 TEST_F(InterProcessMutexTest, NoticesALockFileThatWasRemovedWhileHeldOrWaitedFor) {
-    ASSERT_TRUE(mutex.acquire() == 0 && mutex.held());
+    ASSERT_EQ(mutex.acquire(), 0);
+    ASSERT_TRUE(mutex.held());
     ChildProcess waiting([](const ChildProcess& self) {
         InterProcessMutex waiter("name", true);
         self.tell(waiter.acquire());
@@ -129,10 +132,12 @@ TEST_F(InterProcessMutexTest, NoticesALockFileThatWasRemovedWhileHeldOrWaitedFor
     ASSERT_EQ(successor.hear(), 0);
     // Asking gives the old file's lock to the one that waits for it.
     EXPECT_FALSE(mutex.held());
-    EXPECT_TRUE(mutex.holder() == 0 && !mutex.held()) << "asking brought a lost lock back";
-    EXPECT_TRUE(mutex.release() == EPERM && mutex.holder() == successor.id());
-    EXPECT_TRUE(waiting.hear() == 0 && mutex.holder() == waiting.id())
-        << "it got a lock that excludes nobody";
+    EXPECT_EQ(mutex.holder(), 0);
+    EXPECT_FALSE(mutex.held()) << "asking brought a lost lock back";
+    EXPECT_EQ(mutex.release(), EPERM);
+    EXPECT_EQ(mutex.holder(), successor.id());
+    EXPECT_EQ(waiting.hear(), 0);
+    EXPECT_EQ(mutex.holder(), waiting.id()) << "it got a lock that excludes nobody";
     EXPECT_EQ(successor.exitStatus(), 0);
 }
 
@@ -168,7 +173,8 @@ TEST_F(InterProcessMutexTest, TwoNamesInTwoProcessesOfTwoThreadsAreNoDeadlock) {
         return failures > 0 ? 1 : 0;
     };
     ChildProcess one(taker), two(taker);
-    EXPECT_TRUE(one.exitStatus() == 0 && two.exitStatus() == 0);
+    EXPECT_EQ(one.exitStatus(), 0);
+    EXPECT_EQ(two.exitStatus(), 0);
 }
 
 TEST_F(InterProcessMutexTest, CancelledThreadPassesItsTurnOn) {
@@ -181,19 +187,24 @@ TEST_F(InterProcessMutexTest, CancelledThreadPassesItsTurnOn) {
     };
     ASSERT_EQ(::pthread_create(&thread, nullptr, wait, nullptr), 0);
     std::this_thread::sleep_for(20ms);
-    ASSERT_TRUE(::pthread_cancel(thread) == 0 && mutex.release() == 0);
+    ASSERT_EQ(::pthread_cancel(thread), 0);
+    ASSERT_EQ(mutex.release(), 0);
     void* result = nullptr;
-    ASSERT_TRUE(::pthread_join(thread, &result) == 0 && result == PTHREAD_CANCELED);
+    ASSERT_EQ(::pthread_join(thread, &result), 0);
+    ASSERT_EQ(result, PTHREAD_CANCELED);
     ChildProcess next([](const ChildProcess&) { return InterProcessMutex("name", true).acquire(); });
-    EXPECT_TRUE(next.exitStatus() == 0 && mutex.acquire() == 0);
+    EXPECT_EQ(next.exitStatus(), 0);
+    EXPECT_EQ(mutex.acquire(), 0);
 }
 
 TEST_F(InterProcessMutexTest, BelongsToOneObjectAndRefusesToHangItsThread) {
     InterProcessMutex second("name", true);
     EXPECT_EQ(mutex.release(), EPERM);
     ASSERT_EQ(mutex.acquire(), 0);
-    EXPECT_TRUE(mutex.acquire() == EDEADLK && second.acquire() == EDEADLK);
-    EXPECT_TRUE(InterProcessMutex("other", true).acquire() == 0 && second.release() == EPERM);
+    EXPECT_EQ(mutex.acquire(), EDEADLK);
+    EXPECT_EQ(second.acquire(), EDEADLK);
+    EXPECT_EQ(InterProcessMutex("other", true).acquire(), 0);
+    EXPECT_EQ(second.release(), EPERM);
     EXPECT_EQ(InterProcessMutex("name", true).release(), EPERM);
     EXPECT_EQ(holder(), ::getpid()) << "a refused call or a destructor gave the lock away";
     EXPECT_EQ(mutex.release(), 0);
@@ -238,7 +249,8 @@ TEST_F(InterProcessMutexTest, WaitsThroughSignalsUntilTheKernelTakesTheLockOfAKi
         std::this_thread::sleep_for(200ms);
         return ::raise(SIGKILL);
     });
-    ASSERT_TRUE(child.hear() == 0 && holder() == child.id());
+    ASSERT_EQ(child.hear(), 0);
+    ASSERT_EQ(holder(), child.id());
     static volatile sig_atomic_t alarms = 0;
     struct sigaction action {};
     action.sa_handler = [](int) { alarms = alarms + 1; };  // without SA_RESTART
@@ -247,7 +259,8 @@ TEST_F(InterProcessMutexTest, WaitsThroughSignalsUntilTheKernelTakesTheLockOfAKi
     ::setitimer(ITIMER_REAL, &every10ms, nullptr);
     EXPECT_EQ(mutex.acquire(), 0);
     ::setitimer(ITIMER_REAL, &never, nullptr);
-    EXPECT_TRUE(holder() == ::getpid() && alarms > 0) << alarms << " signals interrupted the wait";
+    EXPECT_EQ(holder(), ::getpid());
+    EXPECT_GT(alarms, 0) << "no signal interrupted the wait";
 }
 
 TEST_F(InterProcessMutexTest, ForkedChildNeitherKeepsNorGivesBackItsParentsLock) {
@@ -258,7 +271,8 @@ TEST_F(InterProcessMutexTest, ForkedChildNeitherKeepsNorGivesBackItsParentsLock)
         inherited.reset();
         return refused;
     });
-    EXPECT_TRUE(child.exitStatus() == EPERM && holder() == ::getpid());
+    EXPECT_EQ(child.exitStatus(), EPERM);
+    EXPECT_EQ(holder(), ::getpid());
     inherited.reset();
     // A process that lives on with what it had when the lock was held: a forked child, and a new program.
     for (const bool exec : {false, true}) {

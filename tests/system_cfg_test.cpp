@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -37,6 +36,22 @@ class SystemCfgTest : public testing::Test {
     /** Whether no manager of this thread holds the lock. */
     static bool lockIsFree() { return InterProcessMutex("system.cfg", true).acquire() == 0; }
 
+    /** What get() tells of a key. */
+    template <class Value>
+    static std::string got(SystemCfgManager& store, const std::string& key, Value value) {
+        bool notFound = true;
+        if (!store.get(key, &value, &notFound)) return "refused";
+        std::ostringstream text;
+        text << (notFound ? "missing, " : "") << value;
+        return text.str();
+    }
+    /** What set() does with a value. */
+    template <class Value>
+    static std::string set(SystemCfgManager& store, const std::string& key, const Value& value) {
+        bool differed = false;
+        return !store.set(key, value, &differed) ? "refused" : differed ? "differed" : "equal";
+    }
+
     test::Device root;
     const fs::path path = root.path() / "tmp/system.cfg";
     const std::string flashFolder = std::string(KORVO_FLASH_DIR).substr(1);
@@ -57,7 +72,8 @@ TEST_F(SystemCfgTest, LoadsAndWritesBackNothingButWhatTheRulesSay) {
         ASSERT_TRUE(store.write());
         EXPECT_EQ(configuration(), wanted[2]);
         const Variant before = tree;
-        EXPECT_TRUE(store.read() && tree == before) << "what was written loads as another tree";
+        EXPECT_TRUE(store.read());
+        EXPECT_EQ(tree, before) << "what was written loads as another tree";
     }
 }
 
@@ -66,18 +82,16 @@ TEST_F(SystemCfgTest, ReadsIntegersAndCountsFlashWritesUpToTheLargest) {
     const auto check = [&](const std::string& text, bool strings, const std::string& integer) {
         configuration(key + '=' + text);
         SystemCfgManager store(&tree, false, strings, true);
-        int number = 99;
-        std::string string = "99";
-        bool notFound = true;
-        EXPECT_TRUE(store.init() && store.get(key, &number, &notFound));
-        EXPECT_EQ(notFound ? "missing" : std::to_string(number), integer);
-        const std::string expected = strings || notFound ? text : "";
-        EXPECT_TRUE(store.get(key, &string, &notFound) && string == expected);
+        EXPECT_TRUE(store.init());
+        EXPECT_EQ(got(store, key, 99), integer);
+        const bool isText = strings || integer == "missing, -1";
+        EXPECT_EQ(got(store, key, std::string("99")), isText ? text : "missing, ");
         for (const char* missing : {"system", "system.flash.cycles.z", "y"}) {
-            EXPECT_TRUE(store.get(missing, &number, &notFound) && notFound && number == -1) << missing;
-            EXPECT_TRUE(store.get(missing, &string, &notFound) && notFound && string.empty()) << missing;
+            EXPECT_EQ(got(store, missing, 99), "missing, -1") << missing;
+            EXPECT_EQ(got(store, missing, std::string("99")), "missing, ") << missing;
         }
-        EXPECT_TRUE(store.get(key, static_cast<int*>(nullptr), nullptr) && store.close(false, true));
+        EXPECT_TRUE(store.get(key, static_cast<int*>(nullptr), nullptr));
+        EXPECT_TRUE(store.close(false, true));
         return configuration();
     };
     for (const auto& [text, expected] : test::readCases("store_integers.txt")) {
@@ -91,20 +105,25 @@ TEST_F(SystemCfgTest, StoresAndWritesAtOnceAndTellsWhetherTheValueDiffered) {
     for (const bool strings : {true, false}) {
         configuration("equal=7\nmap.member=1\nn=07\n");
         SystemCfgManager store(&tree, false, strings, true);
-        bool differed = true;
-        ASSERT_TRUE(store.init() && store.set("equal", 7, &differed) && !differed);
-        EXPECT_TRUE(store.close(true, false) && store.init());
+        ASSERT_TRUE(store.init());
+        EXPECT_EQ(set(store, "equal", 7), "equal");
+        ASSERT_TRUE(store.close(true, false) && store.init());
         EXPECT_EQ(flashCopy(), "") << "an equal value is no change";
-        for (const bool first : {true, false}) {
-            EXPECT_TRUE(store.set("n", 7, &differed) && differed == first);
-            EXPECT_TRUE(store.set("new.a.key", "on", &differed) && differed == first);
-            EXPECT_TRUE(store.set("map", -5, &differed) && differed == first);
-            fs::resize_file(path, first ? 0 : fs::file_size(path));
+        for (const std::string expected : {"differed", "equal"}) {
+            EXPECT_EQ(set(store, "n", 7), expected);
+            EXPECT_EQ(set(store, "new.a.key", "on"), expected);
+            EXPECT_EQ(set(store, "new.8", "digits"), expected);
+            EXPECT_EQ(set(store, "map", -5), expected);
+            if (expected == "differed") fs::resize_file(path, 0);
         }
-        EXPECT_EQ(configuration(), "equal=7\nmap=-5\nn=7\nnew.a.key=on\n") << "an equal value is written too";
-        EXPECT_EQ(test::shown(tree["n"]), strings ? "100e 7" : "4140 7");
+        EXPECT_EQ(configuration(), "equal=7\nmap=-5\nn=7\nnew.8=digits\nnew.a.key=on\n")
+            << "an equal value is written too";
+        EXPECT_EQ(got(store, "new.8", std::string()), "digits");
+        EXPECT_EQ(test::shown(tree["n"]), strings ? "string 7" : "int32 7");
         tree["n"] = 5;
-        EXPECT_TRUE(store.set("n", "5", &differed) && differed) << "an integer is no string";
+        EXPECT_EQ(set(store, "n", "5"), "differed") << "an integer is no string";
+        ASSERT_TRUE(store.close(false, false) && store.init() && store.close(true, false));
+        EXPECT_EQ(flashCopy(), "") << "nothing has changed since the configuration was opened again";
     }
 }
 
@@ -119,15 +138,18 @@ TEST_F(SystemCfgTest, RefusedKeysAndValuesLeaveNoTrace) {
         SCOPED_TRACE(pair);
         const std::string key = test::fields(pair)[0];
         bool flag = true;
-        std::string got = "old";
+        std::string value = "old";
         EXPECT_FALSE(store.set(key, test::fields(pair)[1], &flag));
         EXPECT_THAT(log.messages(), testing::StartsWith("Failed to set system.cfg key "));
-        EXPECT_EQ(store.get(key, &got, &flag), forGet == "missing");
+        EXPECT_EQ(store.get(key, &value, &flag), forGet == "missing");
         EXPECT_EQ(log.take().empty(), forGet == "missing");
-        EXPECT_TRUE(flag && got.empty() && tree == before);
+        EXPECT_TRUE(flag);
+        EXPECT_EQ(value, "");
+        EXPECT_EQ(tree, before);
         if (key.size() > longest.size()) longest = key;
     }
-    EXPECT_TRUE(store.close(true, false) && !fs::exists(path)) << "something was marked as changed";
+    EXPECT_TRUE(store.close(true, false));
+    EXPECT_FALSE(fs::exists(path)) << "something was marked as changed";
     configuration("a=1\n");
     longest.resize(longest.size() - 2);  // one component less
     ASSERT_TRUE(store.init() && store.set(longest, "deepest", nullptr));
@@ -137,7 +159,8 @@ TEST_F(SystemCfgTest, RefusedKeysAndValuesLeaveNoTrace) {
     std::string key = "new._45.b";
     Variant* node = nullptr;
     store.getLastNode(key, node, key);
-    EXPECT_TRUE(node != nullptr && key == "b") << "the last key may replace the key";
+    EXPECT_NE(node, nullptr);
+    EXPECT_EQ(key, "b") << "the last key may replace the key";
 }
 
 TEST_F(SystemCfgTest, EveryOperationNeedsAManagerOpenInThisProcess) {
@@ -147,22 +170,29 @@ TEST_F(SystemCfgTest, EveryOperationNeedsAManagerOpenInThisProcess) {
         std::string string = "s";
         bool flag = true;
         Variant out = 5;
-        EXPECT_FALSE(store.get("a", &integer, &flag) || store.get("a", &string, &flag) ||
-                     store.set("a", 2, &flag) || store.set("a", "2", &flag) || store.write() ||
-                     store.getVariant(out) || store.close(true, true));
+        const bool done[] = {store.get("a", &integer, &flag),
+                             store.get("a", &string, &flag),
+                             store.set("a", 2, &flag),
+                             store.set("a", "2", &flag),
+                             store.write(),
+                             store.getVariant(out),
+                             store.close(true, true)};
+        EXPECT_THAT(done, testing::Each(false));
         store.markChanged();
-        EXPECT_TRUE(integer == 5 && string == "s" && flag && out == Variant(5));
+        EXPECT_EQ(std::tuple(integer, string, flag, out), std::tuple(5, "s", true, Variant(5)));
         std::string expected = "SystemCfgManager not initialized";
         for (int call = 1; call < 8; ++call) expected += "|SystemCfgManager not initialized";
         EXPECT_EQ(log.messages(), expected);
     };
     configuration("no pair\n");
-    EXPECT_TRUE(!store.init() && lockIsFree());
+    EXPECT_FALSE(store.init());
+    EXPECT_TRUE(lockIsFree());
     EXPECT_EQ(log.messages(), "Failed to deserialize system.cfg file|Failed to read system.cfg into variant");
     refusesEverything();
     configuration("a=1\n");
     ASSERT_TRUE(store.init());
-    EXPECT_FALSE(store.init() || SystemCfgManager().init());
+    EXPECT_FALSE(store.init());
+    EXPECT_FALSE(SystemCfgManager().init());
     EXPECT_EQ(log.messages(),
               "SystemCfgManager already initialized|Failed to acquire system.cfg mutex, res=" +
                   std::to_string(EDEADLK));
@@ -177,7 +207,8 @@ TEST_F(SystemCfgTest, EveryOperationNeedsAManagerOpenInThisProcess) {
         return testing::Test::HasFailure() || fs::exists(path) ? 1 : 0;
     });
     EXPECT_EQ(child.exitStatus(), 0);
-    EXPECT_TRUE(store.close(false, false) && configuration() == "a=1\n");
+    EXPECT_TRUE(store.close(false, false));
+    EXPECT_EQ(configuration(), "a=1\n");
     refusesEverything();
 }
 
@@ -190,7 +221,8 @@ TEST_F(SystemCfgTest, CloseSavesWhatTheFlagsAsk) {
         SystemCfgManager store;
         ASSERT_TRUE(store.init());
         if (change) store.markChanged();
-        EXPECT_TRUE(store.close(save, force) && lockIsFree());
+        EXPECT_TRUE(store.close(save, force));
+        EXPECT_TRUE(lockIsFree());
         const bool counted = force || (save && change);
         const std::string expected = counted ? "a=1\nsystem.flash.cycles=1\n" : change ? "a=1\n" : "a=1\n\n";
         EXPECT_EQ(configuration(), expected);
@@ -203,7 +235,8 @@ TEST_F(SystemCfgTest, FailedCloseStaysOpenUntilItSucceedsOrIsGivenUp) {
     root.write(flashParent, "in the way");
     auto store = std::make_unique<SystemCfgManager>();
     ASSERT_TRUE(store->init() && store->set("a", "b", nullptr));
-    EXPECT_FALSE(store->close(true, false) || lockIsFree());
+    EXPECT_FALSE(store->close(true, false));
+    EXPECT_FALSE(lockIsFree());
     EXPECT_TRUE(fs::remove(root.path() / flashParent) && store->close(true, false));
     EXPECT_EQ(flashCopy(), "a=b\nsystem.flash.cycles=2\n");
 
@@ -216,7 +249,8 @@ TEST_F(SystemCfgTest, FailedCloseStaysOpenUntilItSucceedsOrIsGivenUp) {
               "Failed to set system.cfg key system.flash.cycles|Failed to read flash write cycles");
     configuration("overwritten\n");
     store.reset();
-    EXPECT_TRUE(configuration() == "system=5\n" && lockIsFree()) << "a changed tree was dropped";
+    EXPECT_EQ(configuration(), "system=5\n") << "a changed tree was dropped";
+    EXPECT_TRUE(lockIsFree());
 }
 
 TEST_F(SystemCfgTest, HostsTreeMayHoldAnythingAndWhatCannotBeLoadedAgainIsNotWritten) {
@@ -243,9 +277,13 @@ TEST_F(SystemCfgTest, NewFileKeepsTheAccessOfTheOld) {
         EXPECT_EQ(::stat(path.c_str(), &status), 0);
         return std::tuple(status.st_mode, status.st_uid, status.st_gid);
     };
-    ASSERT_TRUE(::geteuid() != 0 || ::chown(path.c_str(), 12, 34) == 0);
-    for (const mode_t mode : {0644U, 0660U, 0400U}) {
-        ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+    const uid_t user = ::geteuid();
+    const gid_t group = ::getegid();
+    std::vector<std::tuple<mode_t, uid_t, gid_t>> cases = {
+        {0644, user, group}, {0660, user, group}, {0400, user, group}};
+    if (user == 0) cases.insert(cases.end(), {{0640, 12, 34}, {0640, 12, group}, {0640, user, 34}});
+    for (const auto& [mode, owner, ownersGroup] : cases) {
+        ASSERT_EQ(::chown(path.c_str(), owner, ownersGroup) + ::chmod(path.c_str(), mode), 0);
         const auto before = access();
         SystemCfgManager store;
         ASSERT_TRUE(store.init() && store.set("a", "2", nullptr));
@@ -270,18 +308,21 @@ TEST_F(SystemCfgTest, SetThatCannotWriteTellsSoAndSpoilsNothing) {
         EXPECT_EQ(log.messages(), message);
         EXPECT_EQ(configuration() + root.read("target"), before + "kept");
         EXPECT_EQ(fs::remove(temporary), planted) << "what was planted stays, what was begun does not";
-        EXPECT_TRUE(store.set("a", value, nullptr) && configuration() == "a=" + std::to_string(value) + '\n');
+        EXPECT_TRUE(store.set("a", value, nullptr));
+        EXPECT_EQ(configuration(), "a=" + std::to_string(value) + '\n');
     };
     fs::create_directory(temporary);
     refuses("Failed to open system.cfg", true);
     refuses("Failed to write system.cfg", false);
     fs::create_symlink(target, temporary);  // is no more in the way than a file that a killed process left
-    EXPECT_TRUE(store.set("a", "9", nullptr) && configuration() == "a=9\n" && root.read("target") == "kept");
+    EXPECT_TRUE(store.set("a", "9", nullptr));
+    EXPECT_EQ(configuration() + root.read("target"), "a=9\nkept");
     // Without the lock nothing is written: its file was removed, and somebody else may hold the new one.
     fs::remove(root.path() / "tmp/system.cfg.lock");
     EXPECT_FALSE(store.set("a", "10", nullptr));
     EXPECT_EQ(log.messages(), "Failed to write system.cfg");
-    EXPECT_TRUE(configuration() == "a=9\n" && !fs::exists(temporary));
+    EXPECT_EQ(configuration(), "a=9\n");
+    EXPECT_FALSE(fs::exists(temporary));
 }
 
 TEST_F(SystemCfgTest, WritesNothingAfterAReadThatEmptiedTheTree) {
@@ -295,7 +336,8 @@ TEST_F(SystemCfgTest, WritesNothingAfterAReadThatEmptiedTheTree) {
         EXPECT_FALSE(store->read());
         (void)log.take();
         const std::string cause = "Failed to serialize variant to key-value pairs";
-        EXPECT_FALSE(store->write() || store->set("a", "2", nullptr) || store->set("a", 2, nullptr));
+        const bool written[] = {store->write(), store->set("a", "2", nullptr), store->set("a", 2, nullptr)};
+        EXPECT_THAT(written, testing::Each(false));
         for (const test::LogLine& line : log.take()) EXPECT_EQ(line.message, cause);
         EXPECT_FALSE(store->close(false, true));
         EXPECT_EQ(log.messages(), cause + "|Failed to read flash write cycles");
@@ -372,7 +414,8 @@ TEST_F(SystemCfgTest, GroupThatCannotBeKeptGetsNothingThatOthersHadNot) {
             return store.init() && store.set("a", "2", nullptr) ? 0 : 1;
         });
         struct stat status {};
-        EXPECT_TRUE(child.exitStatus() == 0 && ::stat(path.c_str(), &status) == 0);
+        EXPECT_EQ(child.exitStatus(), 0);
+        EXPECT_EQ(::stat(path.c_str(), &status), 0);
         EXPECT_EQ(status.st_mode & 0777U, newMode);
         EXPECT_EQ(status.st_gid, newGroup);
     }
@@ -398,53 +441,6 @@ TEST_F(SystemCfgTest, ChildOfTheSameProcessIdIsAnotherProcess) {
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(SystemCfgTest, IncrementsOfSeveralProcessesAllCountAsTheyDoNotWithoutTheLock) {
-    const auto countBy = [&](const std::function<bool()>& increment) {
-        configuration("a=0\n");
-        const auto count = [&](const ChildProcess&) {
-            int counted = 0;
-            for (int round = 0; round < 50; ++round) counted += increment() ? 1 : 0;
-            return counted;
-        };
-        ChildProcess children[] = {ChildProcess(count), ChildProcess(count), ChildProcess(count)};
-        for (ChildProcess& child : children) EXPECT_EQ(child.exitStatus(), 50);
-        return configuration();
-    };
-    const auto locked = [] {
-        SystemCfgManager store;
-        int a = 0;
-        return store.init() && store.get("a", &a, nullptr) && store.set("a", a + 1, nullptr) &&
-               store.close(false, false);
-    };
-    const auto unlocked = [&] {
-        const std::string text = configuration();  // empty while another process writes it
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        configuration("a=" + std::to_string(text.empty() ? 1 : std::stoi(text.substr(2)) + 1) + '\n');
-        return true;
-    };
-    EXPECT_EQ(countBy(locked), "a=150\n");
-    EXPECT_NE(countBy(unlocked), "a=150\n") << "this test does not see lost increments";
-}
-
-TEST_F(SystemCfgTest, KillAtAnyMomentLeavesWholeFilesAndAFreeLock) {
-    for (int round = 0; round < 50; ++round) {
-        ChildProcess child([](const ChildProcess& self) {
-            SystemCfgManager store;
-            for (int a = 0; store.init() && store.set("a", a, nullptr) && store.close(true, true); ++a)
-                self.tell(a);
-            return 1;
-        });
-        EXPECT_EQ(child.hear(), 0);
-        std::this_thread::sleep_for(std::chrono::microseconds(97 * round));
-        EXPECT_EQ(::kill(child.id(), SIGKILL), 0);
-        EXPECT_EQ(child.exitStatus(), -SIGKILL);
-        for (const std::string& text : {configuration(), flashCopy()})
-            EXPECT_THAT(text, testing::MatchesRegex("a=[0-9]+\nsystem.flash.cycles=[0-9]+\n"));
-        SystemCfgManager next;
-        EXPECT_TRUE(next.init() && next.close(true, true) && configuration() == flashCopy());
-    }
-}
-
 TEST_F(SystemCfgTest, AppliesAllChangesOrNone) {
     for (const auto& [input, expected] : test::readCases("store_changes.txt")) {
         SCOPED_TRACE(input);
@@ -467,7 +463,10 @@ TEST_F(SystemCfgTest, AppliesAllChangesOrNone) {
         const bool accepted = store.apply(changes, &differed);
         EXPECT_EQ(accepted ? differed ? "accepted, changed" : "accepted" : log.messages(), wanted[0]);
         EXPECT_EQ(configuration(), wanted[1]);
-        EXPECT_TRUE(accepted || (differed && tree == before));
+        if (!accepted) {
+            EXPECT_TRUE(differed) << "the flag was touched";
+            EXPECT_EQ(tree, before);
+        }
         EXPECT_TRUE(store.close(true, false));
         EXPECT_EQ(flashCopy().empty(), wanted[0] != "accepted, changed")
             << "what is marked as changed is saved";
@@ -483,8 +482,11 @@ TEST_F(SystemCfgTest, ChangesThatCannotBeWrittenAreNotMade) {
     fs::create_directories(path.string() + '.' + std::to_string(::getpid()) + "/in the way");
     EXPECT_FALSE(store.apply({{"a", "2"}, {"b", "3"}}, &differed));
     EXPECT_EQ(log.messages(), "Failed to open system.cfg");
-    EXPECT_TRUE(!differed && tree == before && configuration() == "a=1\n");
-    EXPECT_TRUE(store.close(true, false) && flashCopy().empty()) << "marked as changed";
+    EXPECT_FALSE(differed);
+    EXPECT_EQ(tree, before);
+    EXPECT_EQ(configuration(), "a=1\n");
+    EXPECT_TRUE(store.close(true, false));
+    EXPECT_EQ(flashCopy(), "") << "marked as changed";
 }
 
 TEST_F(SystemCfgTest, RestoresAndResetsWholeTexts) {
@@ -510,7 +512,9 @@ TEST_F(SystemCfgTest, RestoresAndResetsWholeTexts) {
         EXPECT_EQ(given[2], fs::exists(root.path() / copy) ? flashCopy() : lacks)
             << "the flash copy is another one";
         EXPECT_TRUE(lockIsFree());
-        EXPECT_TRUE(!done || given[1] != lacks || fs::status(path).permissions() == fs::perms(0600));
+        if (done && given[1] == lacks) {
+            EXPECT_EQ(fs::status(path).permissions(), fs::perms(0600));
+        }
     }
 }
 

@@ -8,7 +8,9 @@
 
 #include <cmath>
 #include <functional>
+#include <limits>
 #include <random>
+#include <tuple>
 
 #include "korvo/utils/device_root.h"
 #include "korvo/utils/file.h"
@@ -19,30 +21,44 @@
 #include "support/temporary_directory.h"
 
 using namespace korvo::utils;
+using testing::ElementsAre;
 
 namespace {
 
-TEST(Text, SplitsTrimsLowersReplacesAndFormats) {
-    std::vector<std::string> pieces{"kept"};
-    for (const char* text : {"", "a", ".b..c."}) split(text, ".", pieces);
-    split("d--e-f", "--", pieces);
-    split("gh", "", pieces);
-    EXPECT_THAT(pieces, testing::ElementsAre("kept", "a", "", "b", "", "c", "", "d", "e-f", "gh"));
+TEST(Text, SplitAppendsWhatStandsBetweenSeparatorsEmptyPiecesToo) {
+    for (const auto& [input, expected] : test::readCases("split.txt")) {
+        const auto given = test::fields(input);
+        std::vector<std::string> pieces{"kept"};
+        split(given[0], given[1], pieces);
+        EXPECT_EQ(pieces, test::fields(expected)) << input;
+    }
+    std::vector<std::string> pieces{"x.y", "."};
+    split(pieces[0], pieces[1], pieces);
+    EXPECT_THAT(pieces, ElementsAre("x.y", ".", "x", "y")) << "the arguments may be pieces that are there";
+}
+
+TEST(Text, TrimRemovesAsciiWhiteSpaceAtBothEnds) {
     std::string text = " \t\n\v\f\ra b\xa0 ", blank = " \t ";
     trim(text);
+    EXPECT_EQ(text, "a b\xa0");
     trim(blank);
-    EXPECT_EQ(text + '|' + blank, "a b\xa0|");
-    EXPECT_EQ(lowerCase("RTSP-\xc4Z"), "rtsp-\xc4z");
-    text = "a.b.c";
-    replaceAll(text, ".", "..");
-    replaceAll(text, "", "x");
-    EXPECT_EQ(text, "a..b..c");
-    replaceAll(text, "..", "");
-    EXPECT_EQ(text, "abc");
+    EXPECT_EQ(blank, "");
+}
+
+TEST(Text, LowerCaseChangesAsciiLettersOnly) { EXPECT_EQ(lowerCase("RTSP-\xc4Z"), "rtsp-\xc4z"); }
+
+TEST(Text, ReplaceAllDoesNotSearchWhatItBringsIn) {
+    const auto replaced = [](std::string text, const char* search, const char* replacement) {
+        replaceAll(text, search, replacement);
+        return text;
+    };
+    EXPECT_EQ(replaced("a.b.c", ".", ".."), "a..b..c");
+    EXPECT_EQ(replaced("a..b..c", "..", ""), "abc");
+    EXPECT_EQ(replaced("abc", "", "x"), "abc");
+}
+
+TEST(Text, FormatGivesTextsOfAnyLength) {
     EXPECT_EQ(korvo::utils::format("%0999d|%d", 7, -5), std::string(998, '0') + "7|-5");
-    pieces = {"x.y", "."};  // the arguments may be pieces that are there
-    split(pieces[0], pieces[1], pieces);
-    EXPECT_THAT(pieces, testing::ElementsAre("x.y", ".", "x", "y"));
 }
 
 TEST(Text, ReplacesLongTextsWhereverTheyStandAlsoAmongNearMisses) {
@@ -62,10 +78,14 @@ TEST(Text, ReplacesLongTextsWhereverTheyStandAlsoAmongNearMisses) {
 
 TEST(Text, ReadsNumbersTheSameInEveryLocale) {
     test::inEveryLocale([] {
-        const char* end = nullptr;
-        EXPECT_TRUE(toDouble("2.5,x", &end) == 2.5 && std::string(end) == ",x");
-        EXPECT_TRUE(toDouble("none", &end) == 0.0 && std::string(end) == "none");
-        EXPECT_TRUE(toDouble("0x1.8") == 1.5 && toDouble("1e999") > 1e308);
+        for (const auto& [text, value, rest] :
+             {std::tuple("2.5,x", 2.5, ",x"), std::tuple("none", 0.0, "none"), std::tuple("0x1.8", 1.5, ""),
+              std::tuple("1e999", std::numeric_limits<double>::infinity(), "")}) {
+            const char* end = nullptr;
+            EXPECT_EQ(toDouble(text, &end), value) << text;
+            EXPECT_STREQ(end, rest) << text;
+            EXPECT_EQ(toDouble(text), value) << text;
+        }
     });
 }
 
@@ -88,8 +108,9 @@ TEST(Text, ReadsAMillionTextsAsStrtodDoesInTheCLocale) {
 #if _GLIBCXX_RELEASE < 12  // its from_chars() refuses subnormal numbers
         if (std::fpclassify(expected) == FP_SUBNORMAL && value == 0.0) value = expected;
 #endif
-        ASSERT_TRUE(end == expectedEnd && std::signbit(value) == std::signbit(expected) &&
-                    (value == expected || (std::isnan(value) && std::isnan(expected))))
+        ASSERT_STREQ(end, expectedEnd) << text;
+        ASSERT_EQ(std::signbit(value), std::signbit(expected)) << text;
+        ASSERT_TRUE(value == expected || (std::isnan(value) && std::isnan(expected)))
             << text << ": " << value << " instead of " << expected;
         subnormal += std::fpclassify(value) == FP_SUBNORMAL ? 1 : 0;
     }
@@ -106,10 +127,12 @@ TEST(File, WritesFromEmptyAndReadsToTheEnd) {
     for (const std::string& written : {content, std::string("a")}) {
         EXPECT_TRUE(file.Initialize(made, FILE_OPEN_MODE_TRUNCATE) && file.WriteString(written) &&
                     file.Close());
-        EXPECT_TRUE(File::ReadStringAll(made, text) && text == written);
+        EXPECT_TRUE(File::ReadStringAll(made, text));
+        EXPECT_EQ(text, written);
     }
     EXPECT_EQ(std::filesystem::status(made).permissions(), std::filesystem::perms(0600));
-    EXPECT_TRUE(File::ReadStringAll("/proc/self/stat", text) && text.size() > 1) << "it claims to be empty";
+    EXPECT_TRUE(File::ReadStringAll("/proc/self/stat", text));
+    EXPECT_GT(text.size(), 1) << "it claims to be empty";
 }
 
 TEST(File, WritingReplacesWhatWasPlantedAndTouchesNothingThatAnybodyHasOpen) {
@@ -129,7 +152,8 @@ TEST(File, WritingReplacesWhatWasPlantedAndTouchesNothingThatAnybodyHasOpen) {
         EXPECT_TRUE(file.Initialize(path, FILE_OPEN_MODE_TRUNCATE) && file.WriteString("secret") &&
                     file.Close());
         char seen[16] = {};
-        EXPECT_TRUE(::read(open, seen, 8) < 0 || std::string(seen) != "secret");
+        (void)!::read(open, seen, 8);
+        EXPECT_STRNE(seen, "secret");
         ::close(open);
         EXPECT_EQ(directory.read("name") + directory.read("victim"), "secretprecious");
         EXPECT_EQ(std::filesystem::symlink_status(path).permissions(), std::filesystem::perms(0600));
@@ -154,7 +178,8 @@ TEST(File, RefusesWhatCannotBeReplacedAndWhatIsNoPlainFile) {
         EXPECT_FALSE(File::ReadStringAll(path, text)) << path;
         EXPECT_EQ(errno, error) << path;
     }
-    EXPECT_FALSE(file.ReadStringAll(text) || file.WriteString("x")) << "nothing is open";
+    EXPECT_FALSE(file.ReadStringAll(text)) << "nothing is open";
+    EXPECT_FALSE(file.WriteString("x")) << "nothing is open";
     EXPECT_EQ(text, "kept");
 }
 

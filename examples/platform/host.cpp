@@ -47,6 +47,9 @@ int main(int /*argc*/, const char** argv) {
     std::string value;
     EXPECT(store.init() && store.set("network.rtsp.port", "1", nullptr) && store.close(true, false));
     EXPECT(store.init() && store.get("network.rtsp.port", &value, nullptr) && value == "1");
+    // A key of digits, which on some platforms an index component finds too.
+    EXPECT(store.set("sensor.8", "on", nullptr) && store.set("sensor.8", "off", nullptr));
+    EXPECT(store.get("sensor.8", &value, nullptr) && value == "off");
     EXPECT(store.get("system.flash.cycles", &value, nullptr) && store.close(false, false));
     return failures != 0;
 }

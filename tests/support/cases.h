@@ -1,4 +1,8 @@
-/** @file Tables of cases: lines `input => expected` with C escapes; blank ones and # comments apart. */
+/**
+ * @file
+ * Tables of cases: lines `input => expected` with C escapes; blank ones and # comments apart. A line indented by
+ * four blanks goes on with the case before: on a new line, or with the expectation where that has only its arrow.
+ */
 #pragma once
 
 #include <fstream>
@@ -23,13 +27,23 @@ inline std::string unescaped(const std::string& text) {
 
 /** The cases of tests/data/NAME, of which there must be some, so that no test runs empty. */
 inline std::vector<std::pair<std::string, std::string>> readCases(const std::string& name) {
-    std::vector<std::pair<std::string, std::string>> cases;
+    std::vector<std::string> rows;
     std::ifstream file(TEST_DATA "/" + name);
     for (std::string line; std::getline(file, line);) {
-        const std::size_t arrow = line.find(" => ");
         if (line.empty() || line[0] == '#') continue;
-        if (arrow == std::string::npos) throw std::runtime_error("no case: " + line);
-        cases.emplace_back(unescaped(line.substr(0, arrow)), unescaped(line.substr(arrow + 4)));
+        if (line.compare(0, 4, "    ") != 0) {
+            rows.push_back(line);
+        } else {
+            std::string& row = rows.at(rows.size() - 1);
+            const bool endsWithArrow = row.size() > 3 && row.compare(row.size() - 3, 3, " =>") == 0;
+            row += (endsWithArrow ? ' ' : '\n') + line.substr(4);
+        }
+    }
+    std::vector<std::pair<std::string, std::string>> cases;
+    for (const std::string& row : rows) {
+        const std::size_t arrow = row.find(" => ");
+        if (arrow == std::string::npos) throw std::runtime_error("no case: " + row);
+        cases.emplace_back(unescaped(row.substr(0, arrow)), unescaped(row.substr(arrow + 4)));
     }
     if (cases.empty()) throw std::runtime_error("no cases in " + name);
     return cases;

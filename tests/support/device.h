@@ -1,4 +1,4 @@
-/** @file A device of a test's own: an empty tree that stands in front of all device paths. */
+/** @file A device of a test's own: a tree that stands in front of all device paths. */
 #pragma once
 
 #include "korvo/utils/device_root.h"
@@ -10,6 +10,10 @@ struct Device : TemporaryDirectory {
     Device() {
         std::filesystem::create_directory(path() / "tmp");
         korvo::utils::setDeviceRoot(path());
+    }
+    /** A copy of the tree @p sample, which may lack /tmp. */
+    explicit Device(const std::filesystem::path& sample) : Device() {
+        std::filesystem::copy(sample, path(), std::filesystem::copy_options::recursive);
     }
     ~Device() { korvo::utils::setDeviceRoot(""); }
 };

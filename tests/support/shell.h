@@ -14,8 +14,7 @@ namespace test {
 class ShellDevice : public Device {
   public:
     /** @param programs  paths of programs, which the commands find by their names */
-    explicit ShellDevice(std::initializer_list<const char*> programs) {
-        std::filesystem::copy(SAMPLE_DEVICE, path(), std::filesystem::copy_options::recursive);
+    explicit ShellDevice(std::initializer_list<const char*> programs) : Device(SAMPLE_DEVICE) {
         for (const std::filesystem::path program : programs) {
             std::filesystem::create_directories(path() / "bin");
             std::filesystem::create_symlink(program, path() / "bin" / program.filename());

@@ -1,14 +1,27 @@
-/** @file Shows a value in a test's failure message, and in tables of cases: `TYPE-TAG TEXT`. */
+/** @file Shows a value in a test's failure message, and in tables of cases: `TYPE TEXT`, as in `int32 7`. */
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <ostream>
 #include <string>
+#include <utility>
 
 #include "korvo/variant/variant.h"
 
 namespace korvo::variant {
+
+inline const char* typeName(VariantType type) {
+    static constexpr std::pair<VariantType, const char*> names[] = {
+        {TypeNull, "null"},     {TypeMap, "map"},       {TypeArray, "array"},   {TypeString, "string"},
+        {TypeBool, "bool"},     {TypeInt8, "int8"},     {TypeInt32, "int32"},   {TypeInt64, "int64"},
+        {TypeUInt16, "uint16"}, {TypeUInt32, "uint32"}, {TypeUInt64, "uint64"}, {TypeDouble, "double"},
+    };
+    for (const auto& [named, name] : names) {
+        if (named == type) return name;
+    }
+    return "a type that no value has:";
+}
 
 inline void PrintTo(const Variant& value, std::ostream* out) {
     const VariantType type = value;
@@ -17,7 +30,8 @@ inline void PrintTo(const Variant& value, std::ostream* out) {
     tree[""] = value;
     std::string text = "(no key=value text)\n";
     (void)(isContainer ? value : tree).ToKVP(text, isContainer ? "=" : "", "\n");
-    *out << std::hex << static_cast<int>(type) << std::dec << ' ' << text.substr(0, text.size() - 1);
+    *out << typeName(type);
+    if (type != TypeNull) *out << ' ' << text.substr(0, text.size() - 1);
 }
 
 }  // namespace korvo::variant
