@@ -18,8 +18,6 @@
 namespace korvo::variant {
 namespace {
 
-const char sourceFile[] = "src/camerainfo";
-
 signed char feature(CameraInfo& info, const char* key) {
     return memberOrDefault(info, key, TypeNumeric, false);
 }
@@ -51,10 +49,6 @@ std::string CameraInfo::fullVersion() {
 
 namespace {
 
-/** Logs the message as CameraInfo::Init()'s; false, for the caller to return. */
-#define KORVO_INIT_ERROR(errorCode, ...) \
-    (KORVO_LOG_FROM("Init", logger::LevelError, errorCode, __VA_ARGS__), false)
-
 /** Replaces the record by the board's description. */
 bool readBoard(Variant& record) {
     const std::string path = utils::devicePath("/etc/board.info");
@@ -79,7 +73,7 @@ bool readBoard(Variant& record) {
 
 bool readFirstLine(const char* path, std::string& line) {
     if (!utils::File::ReadStringAll(utils::devicePath(path), line))
-        return KORVO_INIT_ERROR(0, "Unable to open %s", path);
+        return KORVO_FAIL("Init", "Unable to open %s", path);
     line.resize(std::min(line.find('\n'), line.size()));
     utils::trim(line);
     return true;
@@ -179,11 +173,14 @@ class VersionPattern {
 bool storeProtocolVersion(CameraInfo& info) {
     const VersionPattern pattern;
     if (!pattern.compiled())
-        return KORVO_INIT_ERROR(0, "Failed to compile FW version regex: %s", pattern.errorText().c_str());
+        return KORVO_FAIL("Init", "Failed to compile FW version regex: %s", pattern.errorText().c_str());
     const std::string version = info.fullVersion();
     regmatch_t groups[VersionPattern::GroupCount];
-    if (!pattern.matches(version, groups))
-        return KORVO_INIT_ERROR(errno, "Failed to match FW version regex, fw=%s", version.c_str());
+    if (!pattern.matches(version, groups)) {
+        KORVO_LOG("Init", logger::LevelError, errno, "Failed to match FW version regex, fw=%s",
+                  version.c_str());
+        return false;
+    }
 
     const regmatch_t& digits = groups[VersionPattern::ProtocolVersion];
     unsigned int protocolVersion = std::numeric_limits<unsigned int>::max();

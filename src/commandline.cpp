@@ -21,21 +21,19 @@
 namespace korvo::variant {
 namespace {
 
-const char sourceFile[] = "src/commandline";
-
 unsigned shortNameIndex(char shortName) { return static_cast<unsigned char>(shortName); }
 
 /** printf's "%.3f" with a "." whatever the locale. */
-void printThreeDecimals(double value) {
+std::string threeDecimals(double value) {
     char digits[400];  // the largest double has 309 digits before the point
     const auto result = std::to_chars(digits, digits + sizeof digits, value, std::chars_format::fixed, 3);
-    std::printf(" [=%.*s]", static_cast<int>(result.ptr - digits), digits);
+    return {digits, result.ptr};
 }
 
 void printDefault(const Variant& value) {
     const VariantType type = value;
     if ((type & TypeDouble) == TypeDouble) {
-        printThreeDecimals(value);
+        std::printf(" [=%s]", threeDecimals(value).c_str());
     } else if ((type & TypeBool) == TypeBool) {
         std::printf(" [=%d]", static_cast<bool>(value) ? 1 : 0);
     } else if ((type & TypeNumeric) != 0) {
@@ -193,7 +191,7 @@ void ParseCommandLine(int argc, const char** argv, Variant& definitions, Variant
     definitions["byLongName"].IsArray(false);
     for (const std::string& argument : arguments) {
         if (parseOption(argument, definitions, result)) continue;
-        KORVO_LOG(logger::LevelWarning, "unknown parameter detected: `%s`", argument.c_str());
+        KORVO_LOG(__func__, logger::LevelWarning, 0, "unknown parameter detected: `%s`", argument.c_str());
         result["unknownParameters"][-1] = argument;
     }
     result.Compact();

@@ -1,7 +1,9 @@
 #include "korvo/variant_utils/uri.h"
 
 #include <algorithm>
+#include <charconv>
 #include <string_view>
+#include <system_error>
 #include <tuple>
 #include <utility>
 
@@ -12,8 +14,6 @@
 
 namespace korvo::variant {
 namespace {
-
-const char sourceFile[] = "src/uri";
 
 std::string stringMember(URI& uri, const char* key) {
     const std::string& text = memberOrDefault(uri, key, TypeString, "");
@@ -92,9 +92,8 @@ bool URI::FromString(const std::string& text, bool resolveHost, URI& target) {
         const std::string hostName = target.host();
         address = utils::getHostByName(hostName);
         if (address.empty()) {
-            KORVO_LOG(logger::LevelError, "Unable to resolve host: %s", hostName.c_str());
             target.Reset();
-            return false;
+            return KORVO_FAIL(__func__, "Unable to resolve host: %s", hostName.c_str());
         }
     }
     storeMember(target, "ip", std::move(address));
@@ -123,15 +122,9 @@ unsigned short defaultPort(std::string_view schema) {
 
 /** Reads a port written in decimal without sign, blanks or leading zeros. */
 bool parsePort(std::string_view text, unsigned short& port) {
-    if (text.empty() || text.size() > 5 || (text[0] == '0' && text.size() > 1)) return false;
-    unsigned number = 0;
-    for (const char digit : text) {
-        if (digit < '0' || digit > '9') return false;
-        number = number * 10 + static_cast<unsigned>(digit - '0');
-    }
-    if (number > 0xffff) return false;
-    port = static_cast<unsigned short>(number);
-    return true;
+    const char* const end = text.data() + text.size();
+    const auto [last, error] = std::from_chars(text.data(), end, port);
+    return error == std::errc() && last == end && (text.front() != '0' || text.size() == 1);
 }
 
 /** What stands before and after the first such character; the second is empty when there is none. */
@@ -140,9 +133,6 @@ std::pair<std::string_view, std::string_view> splitAt(std::string_view text, cha
     if (found == std::string_view::npos) return {text, {}};
     return {text.substr(0, found), text.substr(found + 1)};
 }
-
-/** Logs the message as parseURI()'s; false, for the caller to return. */
-#define KORVO_URI_ERROR(...) (KORVO_LOG_FROM("parseURI", logger::LevelError, 0, __VA_ARGS__), false)
 
 /**
  * One URI text, taken apart from the left to the right by the grammar
@@ -195,9 +185,9 @@ class UriParser {
 };
 
 bool UriParser::parse() {
-    if (text.empty()) return KORVO_URI_ERROR("Empty uri");
+    if (text.empty()) return KORVO_FAIL("parseURI", "Empty uri");
     const std::size_t separator = text.find("://");
-    if (separator == std::string::npos) return KORVO_URI_ERROR("Unable to determine schema");
+    if (separator == std::string::npos) return KORVO_FAIL("parseURI", "Unable to determine schema");
     schema = utils::lowerCase(text.substr(0, separator));
     schemaEnd = separator + 3;
     port = defaultPort(schema);
@@ -205,8 +195,8 @@ bool UriParser::parse() {
     if (!splitLocation()) return false;
     splitPath();
     if (port == 0 && schema != "file") {
-        return KORVO_URI_ERROR("Invalid URI. No port specified and the schema `%s` is unknown",
-                               schema.c_str());
+        return KORVO_FAIL("parseURI", "Invalid URI. No port specified and the schema `%s` is unknown",
+                          schema.c_str());
     }
     joinAgain();
     return true;
@@ -241,12 +231,12 @@ bool UriParser::splitLocation() {
 bool UriParser::splitHostAndPort(std::string_view hostAndPort) {
     host = hostAndPort;
     utils::trim(host);
-    if (host.empty()) return KORVO_URI_ERROR("Invalid host:port specified");
+    if (host.empty()) return KORVO_FAIL("parseURI", "Invalid host:port specified");
     const std::size_t colon = host.find(':');
     if (colon == std::string::npos) return true;
     const std::string portText = host.substr(colon + 1);
     if (!parsePort(portText, port))
-        return KORVO_URI_ERROR("Invalid port number specified: `%s`", portText.c_str());
+        return KORVO_FAIL("parseURI", "Invalid port number specified: `%s`", portText.c_str());
     portSpecified = true;
     host.resize(colon);
     utils::trim(host);

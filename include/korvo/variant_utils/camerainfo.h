@@ -68,7 +68,7 @@ class KORVO_VARIANT_UTILS_EXPORT CameraInfo : public Variant {
      *         be read leaves the record as it was. One error is logged, except for the board file and
      *         /lib/version.
      */
-    bool Init();
+    [[nodiscard]] bool Init();
 
     /** @name Accessors
      * Each returns its member. A member that is missing or has another type is first replaced by a default,

@@ -4,9 +4,9 @@
  *
  * @code
  * SystemCfgManager store;
- * if (!store.init()) return false;                       // takes the lock, loads the file
- * store.set("network.http.port", 8080, nullptr);         // changes it, writes the file
- * return store.close(true, false);                       // saves to flash when something changed, unlocks
+ * return store.init() &&                                       // takes the lock, loads the file
+ *        store.set("network.http.port", 8080, nullptr) &&      // changes it, writes the file
+ *        store.close(true, false);                             // saves to flash if it changed, unlocks
  * @endcode
  */
 #pragma once
@@ -103,7 +103,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * Waits for the lock, without a time limit, and loads the file. After a failure the lock is not held,
      * except where the manager is open already: then it stays open. What is no plain file is refused.
      */
-    bool init();
+    [[nodiscard]] bool init();
 
     /**
      * Loads the file; changes to the tree that were not written are lost. Neither takes the lock nor needs
@@ -111,13 +111,13 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * it was. An emptied tree is not written, neither by write() nor by set() or close(), until a read() or
      * init() succeeds or the host, having filled a tree of its own again, calls markChanged().
      */
-    bool read();
+    [[nodiscard]] bool read();
 
     /** Writes the tree to the file, whether or not it changed. */
-    bool write();
+    [[nodiscard]] bool write();
 
     /** Copies the tree as it is held, with 1 and 0 for the boolean words and index components escaped. */
-    bool getVariant(korvo::variant::Variant& out);
+    [[nodiscard]] bool getVariant(korvo::variant::Variant& out);
 
     /** Makes close() save a tree that the host changed itself. */
     void markChanged();
@@ -135,10 +135,10 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * @return true also when the key is missing; false when the manager is not open, which leaves the
      *         out-parameters alone, or the key is refused, which leaves only @p notFound alone
      */
-    bool get(const std::string& key, int* value, bool* notFound);
+    [[nodiscard]] bool get(const std::string& key, int* value, bool* notFound);
 
     /** Reads a string, likewise; @p value receives the empty text when there is none. */
-    bool get(const std::string& key, std::string* value, bool* notFound);
+    [[nodiscard]] bool get(const std::string& key, std::string* value, bool* notFound);
 
     /**
      * Stores an integer, as decimal text when values are held as strings, and writes the file also when
@@ -150,10 +150,10 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * @param valueChanged  receives whether the value differed; left alone when the key is refused
      * @return whether the file was written; false also when the key or the value is refused
      */
-    bool set(const std::string& key, int value, bool* valueChanged);
+    [[nodiscard]] bool set(const std::string& key, int value, bool* valueChanged);
 
     /** Stores a string, likewise. */
-    bool set(const std::string& key, const std::string& value, bool* valueChanged);
+    [[nodiscard]] bool set(const std::string& key, const std::string& value, bool* valueChanged);
 
     /**
      * Makes many changes, in their order, and writes the file once, also when nothing changed. A change
@@ -170,7 +170,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * @param changes        the changes; texts, whatever the manager holds values as
      * @param valuesChanged  receives whether the file has other pairs than before
      */
-    bool apply(const std::vector<Change>& changes, bool* valuesChanged);
+    [[nodiscard]] bool apply(const std::vector<Change>& changes, bool* valuesChanged);
 
     /**
      * Ends the use of the store.
@@ -181,7 +181,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * @return false when something failed. The manager is then still open and holds the lock, unless it was
      *         releasing the lock that failed
      */
-    bool close(bool saveToFlash, bool forceSave);
+    [[nodiscard]] bool close(bool saveToFlash, bool forceSave);
 
     /**
      * Finds the map for the last component of @p key, making it and its parents when they are missing.
@@ -198,8 +198,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * @param value  receives the value; null when there is none. May itself be null
      * @return false when the key is refused
      */
-    bool getSystemCfgValue(const std::string& key, korvo::variant::VariantType type,
-                           korvo::variant::Variant** value);
+    [[nodiscard]] bool getSystemCfgValue(const std::string& key, korvo::variant::VariantType type,
+                                         korvo::variant::Variant** value);
 
     /** @name The life of a configuration
      * For what happens before there is a configuration to open, and after. Both wait for the lock, and fail
@@ -220,7 +220,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * @return true also when there was a working copy that loads and nothing was done; false when there is
      *         one that does not load, or nothing to put in its place
      */
-    static bool restore(const std::string& defaults, bool replace);
+    [[nodiscard]] static bool restore(const std::string& defaults, bool replace);
 
     /**
      * Factory settings: puts the file @p defaults in the place of "/tmp/system.cfg", whatever state that is
@@ -229,7 +229,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      *
      * @param defaults  path of the factory settings, as it is, not below the device root
      */
-    static bool reset(const std::string& defaults);
+    [[nodiscard]] static bool reset(const std::string& defaults);
     /** @} */
 
     /** @name Texts, keys and values
@@ -243,7 +243,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * @param tree    receives the tree; null when the text does not load
      * @param faults  what keeps the text from loading is added to it, in the order of the lines
      */
-    static bool load(const std::string& text, korvo::variant::Variant& tree, std::vector<Fault>* faults);
+    [[nodiscard]] static bool load(const std::string& text, korvo::variant::Variant& tree,
+                                   std::vector<Fault>* faults);
 
     /**
      * The pairs of a text as changes, in the order of the lines and with the values as they are written,
@@ -253,31 +254,31 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * @param changes  the changes are added to it, when the text is accepted; of a repeated key there are two
      * @param faults   why the text is refused is added to it, in the order of the lines
      */
-    static bool parse(const std::string& text, std::vector<Change>& changes, std::vector<Fault>* faults);
+    [[nodiscard]] static bool parse(const std::string& text, std::vector<Change>& changes,
+                                    std::vector<Fault>* faults);
 
     /** Which rule a key breaks, such as "it is empty"; null for a key that is well-formed. */
-    static const char* keyFault(const std::string& key);
+    [[nodiscard]] static const char* keyFault(const std::string& key);
 
     /** Which rule a value breaks, such as "it holds a line break"; null for one that may be stored. */
-    static const char* valueFault(const std::string& value);
+    [[nodiscard]] static const char* valueFault(const std::string& value);
     /** @} */
 
   private:
     KORVO_VARIANT_UTILS_PRIVATE bool isOpen() const;
-    KORVO_VARIANT_UTILS_PRIVATE bool checkInitialized(const char* function);
-    KORVO_VARIANT_UTILS_PRIVATE bool checkNotEmptied(const char* function);
-    KORVO_VARIANT_UTILS_PRIVATE bool writeTree(const korvo::variant::Variant& tree);
+    KORVO_VARIANT_UTILS_PRIVATE bool checkOpen(const char* function) const;
+    KORVO_VARIANT_UTILS_PRIVATE bool checkWritable(const char* function) const;
     template <class Value>
     KORVO_VARIANT_UTILS_PRIVATE bool setValue(const std::string& key, const Value& value, bool* valueChanged);
-    KORVO_VARIANT_UTILS_PRIVATE bool saveCounted();
+    KORVO_VARIANT_UTILS_PRIVATE bool countFlashWrite();
 
     bool initialized;
     bool changed;
-    bool variantBorrowed;
     bool escapeIndexKeys;
     bool valuesAsStrings;
     bool fromKvpFlag;
-    korvo::variant::Variant* variant;
+    korvo::variant::Variant ownTree;   ///< null when the tree is the caller's
+    korvo::variant::Variant* variant;  ///< the tree: that one or the caller's
     std::unique_ptr<InterProcessMutex> mutex;
     std::pair<unsigned, int> openedBy;  ///< the process; a forked child inherits the object but not the lock
     bool emptiedByRead;                 ///< the tree is not the file's content but what a failed read() left

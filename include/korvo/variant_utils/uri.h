@@ -102,7 +102,7 @@ class KORVO_VARIANT_UTILS_EXPORT URI : public Variant {
      *
      * @return false when the text is no URI or its host cannot be resolved; @p target is then null
      */
-    static bool FromString(const std::string& text, bool resolveHost, URI& target);
+    [[nodiscard]] static bool FromString(const std::string& text, bool resolveHost, URI& target);
 };
 
 /**
@@ -128,4 +128,4 @@ KORVO_VARIANT_UTILS_EXPORT std::string percentDecode(const std::string& text);
  * @param uri   what it held before is dropped; afterwards it holds all members but "ip", or nothing
  * @return false, with one error logged, when the text is no URI; @p uri is then null
  */
-KORVO_VARIANT_UTILS_EXPORT bool parseURI(std::string text, korvo::variant::URI& uri);
+[[nodiscard]] KORVO_VARIANT_UTILS_EXPORT bool parseURI(std::string text, korvo::variant::URI& uri);

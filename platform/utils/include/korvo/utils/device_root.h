@@ -11,6 +11,13 @@
 
 namespace korvo::utils {
 
+/** @name The configuration's names
+ * @{ */
+inline constexpr char configurationPath[] = "/tmp/system.cfg";  ///< a fixed device path
+inline constexpr char configurationLock[] = "system.cfg";       ///< its InterProcessMutex
+inline constexpr char flashLock[] = "system.cfg.flash";         ///< held while it is saved to flash
+/** @} */
+
 /**
  * Sets the folder that stands in front of every fixed device path; the empty text, the default, means the
  * real paths. It holds for the whole process. Call it once, before anything else of these libraries and
