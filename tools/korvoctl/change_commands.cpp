@@ -11,6 +11,7 @@
 #include "arguments.h"
 #include "commands.h"
 #include "configuration.h"
+#include "korvo/utils/device_root.h"
 #include "korvo/utils/file.h"
 #include "korvo/utils/flash.h"
 #include "waiting.h"
@@ -58,7 +59,7 @@ ExitStatus close(SystemCfgManager& store, bool saveToFlash, const std::string& s
     if (!saveToFlash) return store.close(false, false) ? Done : failed(libraryFailure());
     const std::string notSaved = "the working copy is " + state + ", but not saved: ";
     if (!flashHoldsTheSame()) {
-        const WaitNotice notice("system.cfg.flash", "is saving the configuration");
+        const WaitNotice notice(korvo::utils::flashLock, "is saving the configuration");
         return store.close(true, true) ? Done : failed(notSaved + libraryFailure());
     }
     if (!syncFlashFolder())

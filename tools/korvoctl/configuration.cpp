@@ -43,7 +43,7 @@ void collect(const Variant& tree, const std::string& prefix, Values& values) {
 
 }  // namespace
 
-std::string workingCopyPath() { return korvo::utils::devicePath("/tmp/system.cfg"); }
+std::string workingCopyPath() { return korvo::utils::devicePath(korvo::utils::configurationPath); }
 
 std::string flashCopyPath() { return korvo::utils::devicePath(KORVO_FLASH_DIR "/system.cfg"); }
 

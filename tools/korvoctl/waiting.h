@@ -5,6 +5,8 @@
 #include <mutex>
 #include <thread>
 
+#include "korvo/utils/device_root.h"
+
 namespace korvoctl {
 
 /** While one lives, a lock may be waited for; after a second the user is told who holds it. */
@@ -14,7 +16,8 @@ class WaitNotice {
      * @param name   the lock
      * @param holds  what whoever holds it does, as in "waiting for process 7, which ..."
      */
-    explicit WaitNotice(const char* name = "system.cfg", const char* holds = "has the configuration open");
+    explicit WaitNotice(const char* name = korvo::utils::configurationLock,
+                        const char* holds = "has the configuration open");
     WaitNotice(const WaitNotice&) = delete;
     WaitNotice& operator=(const WaitNotice&) = delete;
     ~WaitNotice();

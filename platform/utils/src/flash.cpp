@@ -88,14 +88,14 @@ bool writeDurably(const std::string& path, const std::string& text) {
 bool saveToFlashRaw(bool /*reserved*/) {
     // Locked before reading, so that the later save has the later text. A lock that nobody else can take, or
     // keep.
-    InterProcessMutex lock("system.cfg.flash", true);
+    InterProcessMutex lock(flashLock, true);
     const int error = lock.acquire();
     if (error != 0) {
         errno = error;
         return false;
     }
     std::string text;
-    if (!File::ReadStringAll(devicePath("/tmp/system.cfg"), text)) return false;
+    if (!File::ReadStringAll(devicePath(configurationPath), text)) return false;
 
     const std::string path = devicePath(KORVO_FLASH_DIR);
     const Descriptor folder = openOrMakeFolder(path);
