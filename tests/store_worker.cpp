@@ -1,8 +1,7 @@
 // A process that uses the configuration store, for the scripts that break it.
-//   store_worker ROOT KEY VALUE             one use, step by step: scripts/fault-injection, scripts/power-cut
-//   store_worker ROOT --step STEP           apply, restore, replace or reset: scripts/fault-injection-steps,
-//   scripts/power-cut store_worker ROOT --storm SEED THREADS  counts until ROOT/stop exists:
-//   scripts/kill-storm
+//   store_worker ROOT KEY VALUE             one use: scripts/fault-injection, scripts/power-cut
+//   store_worker ROOT --step STEP           apply, restore, replace or reset: the same two
+//   store_worker ROOT --storm SEED THREADS  counts until ROOT/stop exists: scripts/kill-storm
 
 #include <fcntl.h>
 #include <signal.h>
@@ -33,22 +32,30 @@ pid_t InterProcessMutex::holder() const { return 0; }
 
 namespace {
 
-/** Reports a step and, where it failed, what it left behind. */
-bool report(const char* step, bool succeeded) {
+/** Tells what comes now, in a system call of its own, so that a record of all calls shows where it begins. */
+void announce(const char* stage) { std::cout << stage << std::endl; }
+
+/** Reports a stage and, where it failed, what it left behind. */
+bool report(const char* stage, bool succeeded) {
     const std::string temporary = "/tmp/system.cfg." + std::to_string(::getpid());
     const bool left = ::access(korvo::utils::devicePath(temporary.c_str()).c_str(), F_OK) == 0;
-    std::cout << step << '=' << succeeded << (left ? " (left its temporary file)" : "") << std::endl;
+    std::cout << stage << '=' << succeeded << (left ? " (left its temporary file)" : "") << std::endl;
     return succeeded;
 }
 
 int use(const char* key, const char* value) {
     SystemCfgManager store;
+    announce("init");
     if (!report("init", store.init())) {
         InterProcessMutex probe("system.cfg", true);
         return probe.acquire() == 0 ? 1 : 2;
     }
+    announce("set");
     (void)report("set", store.set(key, value, nullptr));
-    return report("close", store.close(true, false)) ? 0 : 1;
+    announce("close");
+    const bool closed = report("close", store.close(true, false));
+    announce("end");
+    return closed ? 0 : 1;
 }
 
 bool applyChanges() {
