@@ -1,7 +1,7 @@
 /**
  * @file
- * Tables of cases: lines `input => expected` with C escapes; blank ones and # comments apart. A line indented by
- * four blanks goes on with the case before: on a new line, or with the expectation where that has only its arrow.
+ * Tables of cases: lines `input => expected` with C escapes; blank ones and # comments apart. A line indented
+ * by four blanks goes on with the case before: on a new line, or as the expectation where only that lacks.
  */
 #pragma once
 
