@@ -1,12 +1,13 @@
-"""mutants [--only REGEX] [--jobs N] [--list]: puts the small faults of tests/mutants/table.txt into the
-sources, one at a time, and reports those that no test notices.
+"""mutants [--only REGEX] [--likely] [--jobs N] [--list]: puts the small faults of tests/mutants/table.txt
+into the sources, one at a time, and reports those that no test notices.
 
 Each fault is built and tested in a copy of the tracked files below build/mutants, of which there are N (as
 many as processors) at once; these stay there, so that the next run builds little. The exit status is 1 when
 a fault survives without an explanation, when one is noticed although the table explains why it is not, and
 when the table does not fit the sources.
 
---only takes the faults whose "FILE: TEXT => TEXT" the expression is found in, --list just shows them.
+--only takes the faults whose "FILE: TEXT => TEXT" the expression is found in, --list just shows them. With
+--likely a fault is tried on the tests that are likely to notice it and on no others.
 """
 import argparse
 import dataclasses
@@ -46,7 +47,7 @@ class Mutant:
     old: str = ""
     new: str = ""
     after: str = ""
-    slow: list = dataclasses.field(default_factory=list)
+    requested: list = dataclasses.field(default_factory=list)
     survives: str = ""
 
     def __str__(self):
@@ -103,7 +104,7 @@ def read_table():
         elif word == "after":
             current.after = rest
         elif word == "with":
-            current.slow = rest.split()
+            current.requested = rest.split()
         elif word == "survives:":
             current.survives = rest
         else:
@@ -127,7 +128,8 @@ class Test:
     name: str
     command: list
     targets: list  # what it needs built
-    slow: bool
+    sources: set  # what is compiled for that
+    on_request: bool  # whether it is run only where a row names it
     environment: dict
     seconds: float = 0.0
 
@@ -135,10 +137,10 @@ class Test:
 class Workshop:
     """A copy of the sources with its build."""
 
-    def __init__(self, number, processors):
+    def __init__(self, number, processors, only_likely):
         self.folder = ROOT / "build/mutants" / str(number)
         self.source, self.build_folder = self.folder / "source", self.folder / "build"
-        self.processors = processors
+        self.processors, self.only_likely = processors, only_likely
         self.known = {}  # its tests by name
 
     def prepare(self):
@@ -189,10 +191,19 @@ class Workshop:
             paths = [word.split("=")[-1] for word in command]
             targets = [os.path.relpath(path, self.build_folder) for path in paths
                        if path.startswith(f"{self.build_folder}/") and os.path.isfile(path)]
-            slow = bool(SLOW & set(properties.get("LABELS", [])))
+            on_request = self.only_likely or bool(SLOW & set(properties.get("LABELS", [])))
             environment = dict(pair.split("=", 1) for pair in properties.get("ENVIRONMENT", []))
-            tests[name] = Test(name, command, targets or ["all"], slow, environment)
+            if name not in tests:
+                targets = targets or ["all"]
+                tests[name] = Test(name, command, targets, self.inputs(targets), on_request,
+                                   environment)
         return tests
+
+    def inputs(self, targets):
+        """The sources that targets are made from, without the headers."""
+        listed = subprocess.run(["ninja", "-C", str(self.build_folder), "-t", "inputs", *targets],
+                                stdout=subprocess.PIPE, check=True).stdout.decode()
+        return {os.path.relpath(path, self.source) for path in listed.split() if path.endswith(".cpp")}
 
     def build(self, targets):
         """Whether it compiles."""
@@ -247,8 +258,10 @@ def for_each(workshops, items, work):
 
 def order(mutant, tests):
     """The tests that may notice a fault: the likely ones, what its row asks for, then all quick ones."""
-    names = [*mutant.likely, *mutant.slow, *(name for name, test in tests.items() if not test.slow)]
-    return [tests[name] for name in dict.fromkeys(names)]
+    rest = (name for name, test in tests.items() if not test.on_request)
+    names = [*mutant.likely, *mutant.requested, *rest]
+    return [tests[name] for name in dict.fromkeys(names)
+            if mutant.file.endswith(".h") or mutant.file in tests[name].sources]
 
 
 def judge(workshop, mutant, tests):
@@ -274,7 +287,7 @@ def measure(workshops, mutants):
         workshop.known = workshop.tests()
     tests = workshops[0].known
     for mutant in mutants:
-        missing = [name for name in mutant.likely + mutant.slow if name not in tests]
+        missing = [name for name in mutant.likely + mutant.requested if name not in tests]
         if missing:
             raise mutant.error(f"there is no test {missing[0]}")
     needed = {name: None for mutant in mutants for name in (test.name for test in order(mutant, tests))}
@@ -293,6 +306,7 @@ def main():
     parser = argparse.ArgumentParser(prog="mutants", description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--only", metavar="REGEX", default="")
+    parser.add_argument("--likely", action="store_true")
     parser.add_argument("--jobs", metavar="N", type=int, default=os.cpu_count())
     parser.add_argument("--list", action="store_true")
     options = parser.parse_args()
@@ -301,7 +315,7 @@ def main():
         print("".join(f"{mutant}\n" for mutant in mutants), f"{len(mutants)} faults", sep="")
         return 0
     jobs = max(1, min(options.jobs, len(mutants)))
-    workshops = [Workshop(number, max(1, os.cpu_count() // jobs)) for number in range(jobs)]
+    workshops = [Workshop(number, max(1, os.cpu_count() // jobs), options.likely) for number in range(jobs)]
     for workshop in workshops:
         workshop.folder.mkdir(parents=True, exist_ok=True)
     print(f"Building the sources as they are, in {jobs} folders below build/mutants", flush=True)
