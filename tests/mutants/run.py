@@ -266,8 +266,8 @@ def order(mutant, tests):
 
 def judge(workshop, mutant, tests):
     """What comes of a fault."""
-    sound = (ROOT / mutant.file).read_text()
     copy = workshop.source / mutant.file
+    sound = copy.read_text()
     copy.write_text(mutant.apply(sound))
     try:
         for name in (test.name for test in order(mutant, tests)):
