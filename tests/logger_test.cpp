@@ -14,6 +14,14 @@ TEST(Logger, WritesOneLineToStandardErrorWhateverTheArguments) {
               "error module src/x:7 f: a\\nerror forged\\r\\t\\x1b[0m%s \xc3\xa9|1 (error 2)\n");
 }
 
+TEST(Logger, NamesNoLevelThatThereIsNotAndNoErrorWhereThereIsNone) {
+    for (const int level : {-1, 8}) {
+        testing::internal::CaptureStderr();
+        logInternal("module", "src/x", "f", 7, level, 0, 0, "message");
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "unknown module src/x:7 f: message\n") << level;
+    }
+}
+
 TEST(Logger, KeepsErrnoWhateverTheSinkDoes) {
     korvo::logger::setSink([](const korvo::logger::Record&) { errno = 6; });
     errno = 5;
@@ -31,8 +39,8 @@ TEST(Logger, EscapesControlCharactersAndNothingElse) {
 }
 
 TEST(Logger, SendsMessagesOfAnyLengthToTheHostsSinkUntilItIsTakenBack) {
-    const std::string text(100000, 'x');
-    {
+    for (const std::size_t length : {255, 256, 100000}) {
+        const std::string text(length, 'x');
         test::LogCapture log;
         logInternal("module", "src/x", "f", 7, 4, 0, 0, "%s", text.c_str());
         EXPECT_EQ(log.messages(), text);

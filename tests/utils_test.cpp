@@ -58,7 +58,9 @@ TEST(Text, ReplaceAllDoesNotSearchWhatItBringsIn) {
 }
 
 TEST(Text, FormatGivesTextsOfAnyLength) {
-    EXPECT_EQ(korvo::utils::format("%0999d|%d", 7, -5), std::string(998, '0') + "7|-5");
+    for (const int length : {1, 127, 128, 999})
+        EXPECT_EQ(korvo::utils::format("%0*d", length, 7),
+                  std::string(static_cast<std::size_t>(length) - 1, '0') + "7");
 }
 
 TEST(Text, ReplacesLongTextsWhereverTheyStandAlsoAmongNearMisses) {
@@ -78,13 +80,17 @@ TEST(Text, ReplacesLongTextsWhereverTheyStandAlsoAmongNearMisses) {
 
 TEST(Text, ReadsNumbersTheSameInEveryLocale) {
     test::inEveryLocale([] {
+        using Case = std::tuple<std::string, double, std::string>;
+        constexpr double infinity = std::numeric_limits<double>::infinity();
+        const std::string zeros(400, '0');
         for (const auto& [text, value, rest] :
-             {std::tuple("2.5,x", 2.5, ",x"), std::tuple("none", 0.0, "none"), std::tuple("0x1.8", 1.5, ""),
-              std::tuple("1e999", std::numeric_limits<double>::infinity(), "")}) {
+             {Case("2.5,x", 2.5, ",x"), Case("none", 0.0, "none"), Case("0x1.8", 1.5, ""),
+              Case("1e999", infinity, ""), Case("0." + zeros + '1', 0.0, ""),
+              Case("0x1" + zeros + "p-500", infinity, "")}) {
             const char* end = nullptr;
-            EXPECT_EQ(toDouble(text, &end), value) << text;
-            EXPECT_STREQ(end, rest) << text;
-            EXPECT_EQ(toDouble(text), value) << text;
+            EXPECT_EQ(toDouble(text.c_str(), &end), value) << text;
+            EXPECT_EQ(end, rest) << text;
+            EXPECT_EQ(toDouble(text.c_str()), value) << text;
         }
     });
 }

@@ -168,6 +168,16 @@ TEST(Variant, RemovesWhatItIsToldToAndNothingElse) {
     }
 }
 
+TEST(Variant, KeepsTheOthersWhileTheFirstOfManyGo) {
+    Variant value;
+    for (int index = 0; index < 300; ++index) value[index] = index;
+    for (int index = 0; index < 300; ++index) {
+        ASSERT_EQ(value.Size(), 300 - index);
+        ASSERT_EQ(value.num_begin()->first, index);
+        ASSERT_TRUE(value.Remove(index));
+    }
+}
+
 TEST(Variant, UsesTheMemoryOfRemovedMembersAgain) {
     Variant value;
     value["stays"] = 1;
@@ -200,9 +210,10 @@ TEST(Variant, TheLastMemberLeavesAnEmptyContainerOfTheSameKind) {
 
 TEST(Variant, OrdersKeysByBytes) {
     using namespace std::string_literals;
-    const std::vector<std::string> sorted = {"",      "\0"s,      "\0a"s,        "a",         "a\0"s,
-                                             "a\0b"s, "abcdefgh", "abcdefgh\0"s, "abcdefghi", "abcdefghij",
-                                             "abd",   "\x7f",     "\x80",        "\xff"};
+    const std::vector<std::string> sorted = {
+        "",      "\0"s,      "\0a"s,        "a",         "a\0"s,       "a\0\0\0\0\0\0\0b"s,
+        "a\0b"s, "abcdefgh", "abcdefgh\0"s, "abcdefghi", "abcdefghij", "abd",
+        "a\xff", "b\xff",    "\x7f",        "\x80",      "\xff"};
     Variant map;
     for (auto key = sorted.rbegin(); key != sorted.rend(); ++key) map[*key] = *key;
     std::vector<std::string> found;
