@@ -83,10 +83,7 @@ std::string URI::derivedURI(std::string documentName, bool withParameters) {
 }
 
 bool URI::FromString(const std::string& text, bool resolveHost, URI& target) {
-    if (!parseURI(text, target)) {
-        target.Reset();
-        return false;
-    }
+    if (!parseURI(text, target)) return false;
     std::string address;
     if (resolveHost && target.schema() != "file") {
         const std::string hostName = target.host();

@@ -1,6 +1,7 @@
 #include "korvo/logger/logger.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include "support/cases.h"
 #include "support/log_capture.h"
@@ -28,6 +29,22 @@ TEST(Logger, KeepsErrnoWhateverTheSinkDoes) {
     logInternal("module", "src/x", "f", 7, 3, 2, 0, "message");
     EXPECT_EQ(errno, 5);
     korvo::logger::setSink(nullptr);
+}
+
+TEST(Logger, IsNoPlaceWhereAThreadIsCancelled) {
+    testing::internal::CaptureStderr();
+    bool returned = false;
+    pthread_t thread{};
+    const auto log = [](void* result) -> void* {
+        (void)::pthread_cancel(::pthread_self());
+        logInternal("module", "src/x", "f", 7, 3, 0, 0, "message");
+        *static_cast<bool*>(result) = true;
+        return nullptr;
+    };
+    ASSERT_EQ(::pthread_create(&thread, nullptr, log, &returned), 0);
+    ASSERT_EQ(::pthread_join(thread, nullptr), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "error module src/x:7 f: message\n");
+    EXPECT_TRUE(returned);
 }
 
 TEST(Logger, EscapesControlCharactersAndNothingElse) {

@@ -320,6 +320,7 @@ TEST_F(SystemCfgTest, SetThatCannotWriteTellsSoAndSpoilsNothing) {
     // Without the lock nothing is written: its file was removed, and somebody else may hold the new one.
     fs::remove(root.path() / "tmp/system.cfg.lock");
     EXPECT_FALSE(store.set("a", "10", nullptr));
+    EXPECT_EQ(errno, ESTALE);
     EXPECT_EQ(log.messages(), "Failed to write system.cfg");
     EXPECT_EQ(configuration(), "a=9\n");
     EXPECT_FALSE(fs::exists(temporary));

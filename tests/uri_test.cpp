@@ -107,6 +107,8 @@ TEST(UriRecord, ComposesTheBaseFromMembers) {
     uri["portSpecified"] = true;
     uri["port"] = "none";
     EXPECT_EQ(uri.baseURI(), "rtsp://cam:0/live/");
+    uri["documentPath"] = "";
+    EXPECT_EQ(uri.baseURI(), "");
 }
 
 TEST(UriRecord, DerivesSiblingsWithoutPuttingAnythingBetween) {
