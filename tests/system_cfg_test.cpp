@@ -124,6 +124,12 @@ TEST_F(SystemCfgTest, StoresAndWritesAtOnceAndTellsWhetherTheValueDiffered) {
         EXPECT_EQ(set(store, "n", "5"), "differed") << "an integer is no string";
         ASSERT_TRUE(store.close(false, false) && store.init() && store.close(true, false));
         EXPECT_EQ(flashCopy(), "") << "nothing has changed since the configuration was opened again";
+        ASSERT_TRUE(store.init());
+        EXPECT_EQ(set(store, "n", "6"), "differed");
+        EXPECT_EQ(set(store, "n", "6"), "equal");
+        ASSERT_TRUE(store.close(true, false));
+        EXPECT_NE(flashCopy(), "") << "what has changed is saved";
+        fs::remove_all(root.path() / flashFolder);
     }
 }
 
@@ -148,6 +154,11 @@ TEST_F(SystemCfgTest, RefusedKeysAndValuesLeaveNoTrace) {
         EXPECT_EQ(tree, before);
         if (key.size() > longest.size()) longest = key;
     }
+    Variant* node = &tree;
+    std::string lastKey = "old";
+    store.getLastNode("a.b", node, lastKey);
+    EXPECT_EQ(node, nullptr);
+    EXPECT_EQ(lastKey, "");
     EXPECT_TRUE(store.close(true, false));
     EXPECT_FALSE(fs::exists(path)) << "something was marked as changed";
     configuration("a=1\n");
@@ -157,7 +168,6 @@ TEST_F(SystemCfgTest, RefusedKeysAndValuesLeaveNoTrace) {
     EXPECT_TRUE(store.set("cr", "x\ry", nullptr) && store.read()) << "what can be loaded can be set";
     EXPECT_EQ(configuration(), "a=1\ncr=x\ry\n" + longest + "=deepest\nnew.45.b=v=1.1#\n");
     std::string key = "new._45.b";
-    Variant* node = nullptr;
     store.getLastNode(key, node, key);
     EXPECT_NE(node, nullptr);
     EXPECT_EQ(key, "b") << "the last key may replace the key";
@@ -210,6 +220,8 @@ TEST_F(SystemCfgTest, EveryOperationNeedsAManagerOpenInThisProcess) {
     EXPECT_TRUE(store.close(false, false));
     EXPECT_EQ(configuration(), "a=1\n");
     refusesEverything();
+    ChildProcess opens([&](const ChildProcess&) { return store.init() && store.close(true, false) ? 0 : 1; });
+    EXPECT_EQ(opens.exitStatus(), 0);
 }
 
 TEST_F(SystemCfgTest, CloseSavesWhatTheFlagsAsk) {
@@ -267,8 +279,19 @@ TEST_F(SystemCfgTest, HostsTreeMayHoldAnythingAndWhatCannotBeLoadedAgainIsNotWri
         EXPECT_EQ(log.messages(), "Failed to serialize variant to key-value pairs");
     }
     tree = good;
-    EXPECT_TRUE(store.set("c", 3, nullptr));
-    EXPECT_EQ(configuration(), "b.1=7\nc=3\n");
+    EXPECT_TRUE(store.set("c", 3, nullptr) && store.set("b.01", 8, nullptr));
+    EXPECT_EQ(configuration(), "b.1=7\nb.01=8\nc=3\n");
+}
+
+TEST_F(SystemCfgTest, RefusedTextsGiveNoTreeAndNoChanges) {
+    using namespace std::string_literals;
+    std::vector<SystemCfgManager::Change> changes;
+    for (const std::string& text : {"torn"s, "a=1\na..b=1\n"s, "a=1\nb=\0\n"s})
+        EXPECT_FALSE(SystemCfgManager::parse(text, changes, nullptr)) << text;
+    EXPECT_TRUE(changes.empty());
+    tree = "old";
+    EXPECT_FALSE(SystemCfgManager::load("torn", tree, nullptr));
+    EXPECT_EQ(tree, Variant());
 }
 
 TEST_F(SystemCfgTest, NewFileKeepsTheAccessOfTheOld) {
@@ -433,8 +456,9 @@ TEST_F(SystemCfgTest, ChildOfTheSameProcessIdIsAnotherProcess) {
         };
         return inNamespace([&] {
             SystemCfgManager store;
+            Variant seen;
             if (::getpid() != 1 || !store.init() || ::unshare(CLONE_NEWPID) != 0) return 2;
-            return inNamespace([&] { return ::getpid() != 1 ? 3 : store.write() ? 4 : 0; });
+            return inNamespace([&] { return ::getpid() != 1 ? 3 : store.getVariant(seen) ? 4 : 0; });
         });
     });
     const int status = first.exitStatus();
@@ -517,6 +541,10 @@ TEST_F(SystemCfgTest, RestoresAndResetsWholeTexts) {
             EXPECT_EQ(fs::status(path).permissions(), fs::perms(0600));
         }
     }
+    fs::remove(path);
+    fs::create_symlink(path.filename(), path);
+    root.write(copy, "a=1\n");
+    EXPECT_FALSE(SystemCfgManager::restore("", false)) << "what cannot be read is not missing";
 }
 
 }  // namespace

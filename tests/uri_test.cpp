@@ -72,8 +72,9 @@ TEST(ParseUri, RefusesWithOneMessageAndAnEmptyRecord) {
         EXPECT_EQ(parts(text), "refused") << text;
         std::string told;
         for (const test::LogLine& line : log.take())
-            told += line.sourceFile + ", " + line.function + ": " + line.message;
-        EXPECT_EQ(told, "src/uri, parseURI: " + message) << text;
+            told += line.sourceFile + ", " + line.function + ", " + std::to_string(line.level) + ": " +
+                    line.message;
+        EXPECT_EQ(told, "src/uri, parseURI, 3: " + message) << text;
     }
 }
 
