@@ -34,6 +34,7 @@ TEST_F(FlashTest, MakesTheFolderAndAPrivateCopyAndReplacesItLater) {
     const auto save = [] {
         for (int i = 0; i < 20; ++i) EXPECT_TRUE(saveToFlashRaw(false)) << "saves were to follow one another";
     };
+    const std::ptrdiff_t descriptors = test::openDescriptors();
     const std::string large = std::string(300000, 'x') + std::string("\0\xff\n", 3);  // more than one write
     for (const std::string& text : {std::string("a=1\n"), large, std::string()}) {
         root.write("tmp/system.cfg", text);
@@ -45,6 +46,7 @@ TEST_F(FlashTest, MakesTheFolderAndAPrivateCopyAndReplacesItLater) {
         // What a power cut may leave; its mode must not pass to the next copy.
         fs::permissions(root.write(copy + ".tmp", "left over"), fs::perms::all);
     }
+    EXPECT_EQ(test::openDescriptors(), descriptors);
 }
 
 TEST_F(FlashTest, WaitsNeitherForANeighbourNorForAParentThatDied) {

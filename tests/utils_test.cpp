@@ -129,7 +129,9 @@ TEST(File, WritesFromEmptyAndReadsToTheEnd) {
     const test::TemporaryDirectory directory;
     const std::string made = directory.path() / "new", content(100000, 'x');
     std::string text;
+    const std::ptrdiff_t descriptors = test::openDescriptors();
     File file;
+    EXPECT_TRUE(file.Initialize(made, FILE_OPEN_MODE_TRUNCATE)) << "and left open";
     for (const std::string& written : {content, std::string("a")}) {
         EXPECT_TRUE(file.Initialize(made, FILE_OPEN_MODE_TRUNCATE) && file.WriteString(written) &&
                     file.Close());
@@ -139,6 +141,7 @@ TEST(File, WritesFromEmptyAndReadsToTheEnd) {
     EXPECT_EQ(std::filesystem::status(made).permissions(), std::filesystem::perms(0600));
     EXPECT_TRUE(File::ReadStringAll("/proc/self/stat", text));
     EXPECT_GT(text.size(), 1) << "it claims to be empty";
+    EXPECT_EQ(test::openDescriptors(), descriptors);
 }
 
 TEST(File, WritingReplacesWhatWasPlantedAndTouchesNothingThatAnybodyHasOpen) {

@@ -11,6 +11,7 @@ when the table does not fit the sources.
 """
 import argparse
 import dataclasses
+import fcntl
 import json
 import os
 import pathlib
@@ -318,6 +319,14 @@ def main():
     workshops = [Workshop(number, max(1, os.cpu_count() // jobs), options.likely) for number in range(jobs)]
     for workshop in workshops:
         workshop.folder.mkdir(parents=True, exist_ok=True)
+    with open(ROOT / "build/mutants/lock", "w", encoding="utf-8") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)  # the folders are of one run at a time
+        return try_out(mutants, workshops)
+
+
+def try_out(mutants, workshops):
+    """Tries all of the faults; the exit status."""
+    jobs = len(workshops)
     print(f"Building the sources as they are, in {jobs} folders below build/mutants", flush=True)
     for_each(workshops, workshops, lambda _, workshop: workshop.prepare())
     print("Running the tests without a fault", flush=True)

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -39,5 +40,10 @@ class TemporaryDirectory {
   private:
     std::filesystem::path directory;
 };
+
+/** The number of descriptors that this process has open. */
+inline std::ptrdiff_t openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
 
 }  // namespace test
