@@ -61,7 +61,11 @@ TEST_F(InterProcessMutexTest, NeverWaitsForALockFileThatSomebodyElseCanHold) {
                     (::geteuid() != 0 || ::chown(lockFile.c_str(), owner, 0) == 0));
     };
     const std::pair<const char*, std::function<void()>> cases[] = {
-        {"a link", [&] { fs::create_symlink(root.write("target", "content"), lockFile); }},
+        {"a link",
+         [&] {
+             plant(0600, 0);
+             fs::rename(lockFile, root.path() / "name"), fs::create_symlink(root.path() / "name", lockFile);
+         }},
         {"a pipe", [&] { ASSERT_EQ(::mkfifo(lockFile.c_str(), 0600), 0); }},
         {"a folder", [&] { fs::create_directory(lockFile); }},
         {"open to others", [&] { plant(0606, 0); }},
@@ -141,18 +145,35 @@ TEST_F(InterProcessMutexTest, NoticesALockFileThatWasRemovedWhileHeldOrWaitedFor
     EXPECT_EQ(successor.exitStatus(), 0);
 }
 
+TEST_F(InterProcessMutexTest, NoticesALockFileThatWasMovedAway) {
+    for (const bool another : {false, true}) {
+        ASSERT_EQ(mutex.acquire(), 0);
+        fs::rename(lockFile, root.path() / "moved");
+        if (another) fs::permissions(root.write("tmp/name.lock", ""), fs::perms(0600));
+        EXPECT_FALSE(mutex.held());
+        EXPECT_EQ(mutex.release(), EPERM);
+        ASSERT_EQ(mutex.acquire(), 0);
+        EXPECT_TRUE(mutex.held()) << "not the file that others use";
+        EXPECT_EQ(mutex.release(), 0);
+    }
+}
+
 TEST_F(InterProcessMutexTest, LeavesAloneWhatAHostOpensUnderTheNumberOfItsDescriptor) {
-    const auto closeAll = [this] {  // as a daemon does
+    const auto closeAll = [this](int last) {  // as a daemon does, which then uses the numbers up to the last
         for (int descriptor = 3; descriptor < 100; ++descriptor) ::close(descriptor);
-        return ::open(root.write("host", "content").c_str(), O_RDWR);
+        const int host = ::open(root.write("host", "content").c_str(), O_RDWR);
+        while (::dup(host) < last) {
+        }
+        return host;
     };
     ChildProcess daemon([&](const ChildProcess&) {
         auto owned = std::make_unique<InterProcessMutex>("name", true);
-        if (owned->acquire() != 0 || closeAll() != 3 || owned->held() || owned->release() != EPERM) return 1;
+        if (owned->acquire() != 0 || closeAll(40) != 3 || owned->held() || owned->release() != EPERM)
+            return 1;
         if (owned->acquire() != 0 || !owned->held() || holder() != ::getpid()) return 2;
-        const int host = closeAll();
+        const int host = closeAll(60);
         owned.reset();
-        return ::fcntl(host, F_GETFD) == -1 ? 3 : 0;
+        return ::dup(host) == 61 ? 0 : 3;
     });
     EXPECT_EQ(daemon.exitStatus(), 0);
 }

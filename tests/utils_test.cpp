@@ -201,7 +201,7 @@ TEST(DeviceRoot, StandsInFrontOfDevicePaths) {
 }
 
 TEST(Host, NumericAddressesStayAsTheyAreAndLocalNamesResolve) {
-    for (const char* address : {"10.0.0.2", "::1", "2001:db8::5"}) EXPECT_EQ(getHostByName(address), address);
+    for (const char* address : {"10.0.0.2", "::1", "2001:DB8::5"}) EXPECT_EQ(getHostByName(address), address);
     // NOLINTNEXTLINE(concurrency-mt-unsafe): a machine need not know its own name
     EXPECT_EQ(getHostByName("localhost"),
               ::gethostbyname2("localhost", AF_INET) != nullptr ? "127.0.0.1" : "");

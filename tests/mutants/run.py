@@ -30,7 +30,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 TABLE = ROOT / "tests/mutants/table.txt"
 # Tests that take long: they are run where a row asks for them.
 SLOW = {"faults", "kills", "package", "everyday_code"}
-LEAST_PATIENCE = 60  # seconds before a test counts as hanging
+LEAST_PATIENCE = 30  # seconds before a test counts as hanging
 SURVIVES, BROKEN = "survives", "does not compile"
 MEMORY = 8 << 30  # what a test gone wild may take
 
