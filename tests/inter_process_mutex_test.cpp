@@ -94,6 +94,10 @@ TEST_F(InterProcessMutexTest, NeverWaitsForALockFileThatSomebodyElseCanHold) {
     root.write("tmp/name.lock/precious", "content");
     EXPECT_EQ(mutex.acquire(), EPERM);
     EXPECT_EQ(root.read("tmp/name.lock/precious"), "content");
+    fs::remove_all(lockFile);
+    EXPECT_EQ(mutex.acquire(), 0) << "a failure keeps the turn";
+    fs::remove(lockFile);
+    EXPECT_EQ(mutex.release(), 0);
 }
 
 TEST_F(InterProcessMutexTest, WorksUnderAnyUmaskAndAfterWhatAnotherUmaskLeft) {
