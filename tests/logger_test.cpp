@@ -56,7 +56,7 @@ TEST(Logger, EscapesControlCharactersAndNothingElse) {
 }
 
 TEST(Logger, SendsMessagesOfAnyLengthToTheHostsSinkUntilItIsTakenBack) {
-    for (const std::size_t length : {255, 256, 100000}) {
+    for (const std::size_t length : {255U, 256U, 100000U}) {
         const std::string text(length, 'x');
         test::LogCapture log;
         logInternal("module", "src/x", "f", 7, 4, 0, 0, "%s", text.c_str());
