@@ -298,8 +298,8 @@ class FaultFinder {
             }
         }
         for (std::size_t dot = key.find('.'); dot != std::string_view::npos; dot = key.find('.', dot + 1))
-            groups.emplace(key.substr(0, dot), number);
-        values.emplace(key, number);
+            groups.insert({key.substr(0, dot), number});
+        values.insert({key, number});
     }
 
     void add(std::string reason) { faults.push_back({number, std::move(reason)}); }
