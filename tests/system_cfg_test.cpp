@@ -399,6 +399,7 @@ TEST_F(SystemCfgTest, NothingPrintedGetsIntoAFileWhenTheHostHasClosedItsStandard
     for (const std::vector<int>& closed : {std::vector{0, 1, 2}, std::vector{2}, std::vector{1}}) {
         configuration("a=0\n");
         ChildProcess host([&](const ChildProcess&) {
+            for (const int stream : {1, 2}) ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), stream);
             for (const int stream : closed) ::close(stream);
             std::atomic<bool> stop{false};
             std::thread prints([&] {
