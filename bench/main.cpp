@@ -1,24 +1,22 @@
+// korvo_bench           times all rows, with the options of Google Benchmark
+// korvo_bench --costs   prints what the rows of ours cost in numbers that repeat exactly
+
 #include <korvo/utils/device_root.h>
 
 #include "bench.h"
 
-namespace {
-
-std::string notes;
-
-}  // namespace
-
-void bench::note(const std::string& line) { notes += line + "\n"; }
-
 int main(int argc, char** argv) {
     korvo::utils::setDeviceRoot(bench::deviceRoot());
-    bench::addUriRows();
-    bench::addKeyValueRows();
-    bench::addStoreRows();
-    bench::addLockRows();
     bench::addCommandLineRows();
+    bench::addDeviceRows();
+    bench::addKeyValueRows();
+    bench::addLockRows();
     bench::addTreeRows();
-    benchmark::AddCustomContext("notes", notes);
+    bench::addUriRows();
+    if (argc == 2 && argv[1] == std::string_view("--costs")) {
+        for (const auto& print : bench::costs) print();
+        return 0;
+    }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
     benchmark::RunSpecifiedBenchmarks();

@@ -7,82 +7,62 @@ import re
 import sys
 
 OURS = "ours"
+HEAD = ["work", "ours, µs", "growth", "peers, µs, ratio ours/peer", "instructions of ours", "growth",
+        "allocations", "bytes asked for", "heap at most"]
 
 
-def duration(nanoseconds):
-    for unit, factor in (("ms", 1e6), ("µs", 1e3)):
-        if nanoseconds >= factor:
-            return f"{nanoseconds / factor:.3g} {unit}"
-    return f"{nanoseconds:.3g} ns"
+def cell_of(row):
+    work, who, size = row.split("|")
+    return (work, int(size)), who
 
 
-def times(results):
+def read_times(folder):
     """The median of each cell, as {(work, size): {who: nanoseconds}}."""
-    rows = {}
-    for run in results["benchmarks"]:
-        if run.get("aggregate_name") != "median":
-            continue
-        assert run["time_unit"] == "ns"
-        work, who, size = run["run_name"].removesuffix("/real_time").split("|")
-        by_clock = run["run_name"].endswith("/real_time")
-        rows.setdefault((work, int(size)), {})[who] = run["real_time" if by_clock else "cpu_time"]
-    return rows
+    times = {}
+    for run in json.loads((folder / "times.json").read_text())["benchmarks"]:
+        if run.get("aggregate_name") == "median":
+            row = run["run_name"].removesuffix("/real_time")
+            key, who = cell_of(row)
+            times.setdefault(key, {})[who] = run["cpu_time" if row == run["run_name"] else "real_time"]
+    return times
 
 
-def growth(value, smaller):
-    return f"{value / smaller:.1f}" if smaller else ""
-
-
-def time_lines(rows):
-    for (work, size), cells in sorted(rows.items()):
-        mine = cells[OURS]
-        smaller = rows.get((work, size // 10), {}).get(OURS) if size else None
-        peers = sorted((time, who) for who, time in cells.items() if who != OURS)
-        yield [f"{work}, {size}" if size else work, duration(mine), growth(mine, smaller),
-               ", ".join(f"{who} {duration(time)} **{mine / time:.2f}**" for time, who in peers)]
-
-
-def instructions(folder):
-    """What callgrind counted, as {operation: instructions}."""
-    counts = {}
-    for dump in folder.glob("callgrind.*"):
+def read_costs(folder):
+    """What ours costs, as {(work, size): [instructions, allocations, bytes asked for, heap at most]}."""
+    costs = {}
+    for line in (folder / "costs.tsv").read_text().splitlines():
+        row, *numbers = line.split("\t")
+        costs[row] = [int(number) for number in numbers]
+    for dump in folder.glob("callgrind.out.*"):
         text = dump.read_text()
-        name = re.search(r"^desc: Trigger: Client Request: (.*)$", text, re.M)
-        total = re.search(r"^totals: (\d+)$", text, re.M)
-        if name and total:
-            counts[name[1]] = int(total[1])
-    return counts
+        row = re.search(r"^desc: Trigger: Client Request: (.*)$", text, re.M)
+        if row:
+            costs[row[1]].insert(0, int(re.search(r"^totals: (\d+)$", text, re.M)[1]))
+    return {cell_of(row)[0]: numbers for row, numbers in costs.items()}
 
 
-def operation_lines(folder):
-    counts = instructions(folder)
-    for line in (folder / "operations.tsv").read_text().splitlines():
-        name, allocations, size = line.split("\t")
-        count = counts[name]
-        tenth = re.sub(r"0( \w+)$", r"\1", name)
-        smaller = counts.get(tenth) if tenth != name else None
-        yield [name, f"{count:,} instructions, {int(allocations):,} allocations of {int(size):,} bytes",
-               growth(count, smaller), ""]
-
-
-def memory_lines(folder):
-    for line in (folder / "memory.tsv").read_text().splitlines():
-        keys, text, before, after, live, peak = (int(field) for field in line.split("\t"))
-        yield [f"memory of a host that loads {keys} keys ({text:,} bytes of text)",
-               f"{after} KiB at most, {before} KiB before; "
-               f"heap {live // 1024} KiB, {peak // 1024} KiB at most", "", ""]
+def growth(numbers, key):
+    """How many times as much it is as for a tenth of the work."""
+    work, size = key
+    smaller = numbers.get((work, size // 10)) if size else None
+    return f"{numbers[key] / smaller:.1f}" if smaller else ""
 
 
 def main():
     folder = pathlib.Path(sys.argv[1])
-    results = json.loads((folder / "times.json").read_text())
-    lines = [["work", OURS, "growth for tenfold work", "peers, ratio ours/peer"], ["---"] * 4]
-    lines += time_lines(times(results))
-    lines += operation_lines(folder)
-    lines += memory_lines(folder)
-    print("\n".join("| " + " | ".join(line) + " |" for line in lines))
-    print()
-    print(results["context"]["notes"], end="")
+    times, costs = read_times(folder), read_costs(folder)
+    mine = {key: cells.pop(OURS) for key, cells in times.items()}
+    instructions = {key: numbers[0] for key, numbers in costs.items()}
+    print("| " + " | ".join(HEAD) + " |\n" + "|---" * len(HEAD) + "|")
+    for key, peers in sorted(times.items()):
+        work, size = key
+        line = [f"{work}, {size}" if size else work, f"{mine[key] / 1000:,.2f}", growth(mine, key),
+                ", ".join(f"{who} {time / 1000:,.2f} **{mine[key] / time:.2f}**"
+                          for who, time in sorted(peers.items(), key=lambda peer: peer[1]))]
+        if key in costs:
+            line += [f"{number:,}" for number in costs[key]]
+            line.insert(5, growth(instructions, key))
+        print("| " + " | ".join(line + [""] * (len(HEAD) - len(line))) + " |")
 
 
 main()

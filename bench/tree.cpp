@@ -1,145 +1,107 @@
-// Building, copying and asking the same tree of the same values, destroying it included. Each library says
-// how it finds or makes the member under a key; the trees own their keys and texts.
+// Building, copying, comparing and asking the same tree of the same texts, destroying it included. Each
+// library says how it finds or makes the member under a key; the trees own their keys and texts.
+
+#define RAPIDJSON_HAS_STDSTRING 1
 
 #include <json/json.h>
 #include <korvo/variant/variant.h>
 #include <rapidjson/document.h>
 
 #include <boost/json.hpp>
-#include <charconv>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <variant>
 
 #include "bench.h"
 
-namespace bench {
 namespace {
 
-using Scalar = std::variant<bool, int, double, std::string>;
+using namespace bench;
 
-struct Leaf {
-    std::vector<std::string> path;
-    Scalar value;
-};
-
-template <class Number>
-bool isWhole(const std::string& text, Number& number) {
-    const char* const end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, number);
-    return result.ec == std::errc() && result.ptr == end;
-}
-
-/** The leaves of a configuration with the types that their texts look like. */
-std::vector<Leaf> leaves(int count) {
-    std::vector<Leaf> result;
-    for (const auto& [path, key, text] : configuration(count)) {
-        Scalar value = text;
-        int number = 0;
-        double fraction = 0;
-        if (isWhole(text, number)) {
-            value = number;
-        } else if (isWhole(text, fraction)) {
-            value = fraction;
-        }
-        result.push_back({path, path.back() == "enabled" ? Scalar(true) : value});
+/** The tree that one writes with the standard library alone. */
+struct MapTree : std::variant<bool, int, double, std::string, std::map<std::string, MapTree>> {
+    using Members = std::map<std::string, MapTree>;
+    using variant::variant;
+    using variant::operator=;
+    MapTree& operator[](const std::string& key) {
+        auto* members = std::get_if<Members>(this);
+        return (members != nullptr ? *members : emplace<Members>())[key];
     }
-    return result;
-}
+};
 
 /** A library whose values are assigned to, and whose operator[] finds or makes a member. */
 template <class Value>
 struct Indexed {
-    using Node = Value;
-    Node& child(Node& node, const std::string& key) { return node[key]; }
-    template <class Held>
-    void set(Node& node, const Held& value) {
-        node = value;
-    }
-    template <class Held>
-    static bool equals(const Node& node, const Held& value) {
-        return node == Node(value);
-    }
-    Node tree;
+    Value& child(Value& node, const std::string& key) { return node[key]; }
+    const std::string& value(const std::string& text) { return text; }
+    Value tree;
 };
 
 struct BoostJson : Indexed<boost::json::value> {
-    Node& child(Node& node, const std::string& key) {
+    boost::json::value& child(boost::json::value& node, const std::string& key) {
         return (node.is_object() ? node.get_object() : node.emplace_object())[key];
     }
 };
 
 /** It wants to be told where copies of texts live, and makes no members by itself. */
 struct Rapidjson {
-    using Node = rapidjson::Value;
+    using Value = rapidjson::Value;
     Rapidjson() = default;
     Rapidjson(const Rapidjson& other) { tree.CopyFrom(other.tree, tree.GetAllocator()); }
-    Rapidjson& operator=(const Rapidjson&) = delete;
-    static Node view(const std::string& text) {
-        return Node(rapidjson::StringRef(text.data(), static_cast<rapidjson::SizeType>(text.size())));
-    }
-    Node& child(Node& node, const std::string& key) {
+    Value& child(Value& node, const std::string& key) {
         if (!node.IsObject()) node.SetObject();
-        const auto found = node.FindMember(view(key));
+        const auto found = node.FindMember(key);
         if (found != node.MemberEnd()) return found->value;
-        node.AddMember(Node(view(key), tree.GetAllocator()), Node(), tree.GetAllocator());
+        node.AddMember(value(key), Value(), tree.GetAllocator());
         return (node.MemberEnd() - 1)->value;
     }
-    template <class Held>
-    void set(Node& node, const Held& value) {
-        node = Node(value);
-    }
-    void set(Node& node, const std::string& text) { node = Node(view(text), tree.GetAllocator()); }
-    template <class Held>
-    static bool equals(const Node& node, const Held& value) {
-        return node == Node(value);
-    }
-    static bool equals(const Node& node, const std::string& text) { return node == view(text); }
+    Value value(const std::string& text) { return Value(text, tree.GetAllocator()); }
     rapidjson::Document tree;
 };
 
 template <class Library>
-typename Library::Node& find(Library& library, const Leaf& leaf) {
-    typename Library::Node* node = &library.tree;
-    for (const std::string& key : leaf.path) node = &library.child(*node, key);
-    return *node;
+auto& find(Library& library, const Pair& pair) {
+    return library.child(library.child(library.child(library.tree, pair.path[0]), pair.path[1]),
+                         pair.path[2]);
 }
 
 template <class Library>
-Library build(const std::vector<Leaf>& all) {
+Library build(const Pairs& pairs) {
     Library library;
-    for (const Leaf& leaf : all) {
-        auto& node = find(library, leaf);
-        std::visit([&](const auto& value) { library.set(node, value); }, leaf.value);
-    }
+    for (const Pair& pair : pairs) find(library, pair) = library.value(pair.value);
     return library;
 }
 
 template <class Library>
 void addLibrary(const std::string& who) {
+    using Value = std::decay_t<decltype(find(std::declval<Library&>(), Pair()))>;
     for (const int size : sizes) {
-        const std::vector<Leaf> all = leaves(size);
-        const auto filled = [all] { return build<Library>(all); };
-        Library library = filled();
-        Library copied(library);
-        for (const Leaf& leaf : all) {
-            const auto holds = [&](Library& any) {
-                const auto same = [&](const auto& value) { return any.equals(find(any, leaf), value); };
-                return std::visit(same, leaf.value);
-            };
-            require(holds(library) && holds(copied), who + " holds other values");
-        }
-        add("value: build a tree, destroy it", who, size,
-            [all] { benchmark::DoNotOptimize(build<Library>(all)); });
+        const Pairs pairs = configuration(size);
+        const auto filled = [pairs] { return build<Library>(pairs); };
+        const auto twice = [filled] { return std::pair(filled(), filled()); };
+        const auto isSame = [](const auto& two) { return two.first.tree == two.second.tree; };
+        const auto lookUp = [pairs](Library& tree) {
+            for (const Pair& pair : pairs) benchmark::DoNotOptimize(&find(tree, pair));
+        };
+
+        auto two = twice();
+        for (const Pair& pair : pairs)
+            require(find(two.first, pair) == Value(two.second.value(pair.value)),
+                    who + " holds another value");
+        require(isSame(std::pair(two)), who + " makes other trees or copies");
+
+        add("value: build a tree, destroy it", who, size, [filled] { benchmark::DoNotOptimize(filled()); });
         add("value: copy a tree, destroy the copy", who, size, filled,
             [](const Library& tree) { benchmark::DoNotOptimize(Library(tree)); });
-        add("value: look every leaf up", who, size, filled, [all](Library& tree) {
-            for (const Leaf& leaf : all) benchmark::DoNotOptimize(&find(tree, leaf));
-        });
+        add("value: compare two trees", who, size, twice,
+            [isSame](const auto& trees) { benchmark::DoNotOptimize(isSame(trees)); });
+        add("value: look every leaf up", who, size, filled, lookUp);
     }
 }
 
 }  // namespace
 
-void addTreeRows() {
+void bench::addTreeRows() {
     addLibrary<Indexed<korvo::variant::Variant>>(ours);
     addLibrary<Indexed<MapTree>>("std::map");
     addLibrary<Indexed<nlohmann::json>>("nlohmann::json");
@@ -147,5 +109,3 @@ void addTreeRows() {
     addLibrary<Rapidjson>("RapidJSON");
     addLibrary<BoostJson>("Boost.JSON");
 }
-
-}  // namespace bench
