@@ -55,14 +55,15 @@ void checkSet(const std::string& text) {
 }  // namespace
 
 void bench::addDeviceRows() {
-    const auto loadAndClose = [](SystemCfgManager& manager) {
+    const auto loadAndClose = [](int /*nothing*/) {
+        SystemCfgManager manager;
         require(manager.init() && manager.close(false, false), "init or close failed");
     };
     for (const int keys : sizes) {
         const std::string text = keyValueText(configuration(keys));
         checkSet(text);
         const auto opened = [text] { return Store(text); };
-        const auto closed = [text] { return replaceConfiguration(text), SystemCfgManager(); };
+        const auto closed = [text] { return replaceConfiguration(text), 0; };
         const char set[] = "store: set one key, to the renamed file";
         add(set, ours, keys, opened, [](Store& store) { store.setAnother(); });
         add(set, "open+write+close+rename", keys, [text] { replaceConfiguration(text); });

@@ -6,7 +6,6 @@ import pathlib
 import re
 import sys
 
-OURS = "ours"
 HEAD = ["work", "ours, µs", "growth", "peers, µs, ratio ours/peer", "instructions of ours", "growth",
         "allocations", "bytes asked for", "heap at most"]
 
@@ -51,7 +50,7 @@ def growth(numbers, key):
 def main():
     folder = pathlib.Path(sys.argv[1])
     times, costs = read_times(folder), read_costs(folder)
-    mine = {key: cells.pop(OURS) for key, cells in times.items()}
+    mine = {key: cells.pop("ours") for key, cells in times.items()}
     instructions = {key: numbers[0] for key, numbers in costs.items()}
     print("| " + " | ".join(HEAD) + " |\n" + "|---" * len(HEAD) + "|")
     for key, peers in sorted(times.items()):

@@ -30,7 +30,6 @@ struct Parts {
 using Use = std::function<void(const Parts&)>;
 
 std::string_view view(const char* text) { return text != nullptr ? text : ""; }
-
 std::string_view view(const UriTextRangeA& range) {
     return {range.first, static_cast<std::size_t>(range.afterLast - range.first)};
 }
