@@ -80,6 +80,10 @@ TEST(CameraInfoAccessors, ReturnTheMemberOrLeaveADefaultInItsPlace) {
     check(2.75, 2, 2.75, "feature_ir=2.75\nfullVersion=\nidleTime=2.75\nupTime=2.75");
     check(true, 0, 0.0, "feature_ir=0\nfullVersion=\nidleTime=0\nupTime=0");
     check("1", 0, 0.0, "feature_ir=0\nfullVersion=1\nidleTime=0\nupTime=0");
+    CameraInfo array;
+    array[-1] = "first";
+    EXPECT_EQ(array.upTime(), 0.0);
+    EXPECT_EQ(test::shown(array), "map upTime=0");
 }
 
 }  // namespace

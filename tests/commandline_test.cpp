@@ -94,6 +94,9 @@ TEST(CommandLine, FindsOptionsByShortAndLongName) {
         EXPECT_EQ(log.take().empty(), !unknown);
     }
     EXPECT_EQ(parse(options, {"-p=1", "--port=2"})["parameters"]["port"], Variant(2ULL));
+    EXPECT_EQ(options["byShortName"][0xe9]["longName"], "high");
+    options["byLongName"]["unfinished"]["longName"] = "unfinished";
+    EXPECT_EQ(parse(options, {"--unfinished"})["unknownParameters"][0], "--unfinished");
     AddParameter(options, 'e', "", "Empty long name", 1);
     EXPECT_EQ(parse(options, {"--"})["parameters"][""], Variant(1));
 }

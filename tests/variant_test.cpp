@@ -247,7 +247,8 @@ TEST(Variant, KeyChainsFindWhatTheyNameAndCreateNothing) {
     }
     EXPECT_EQ(tree.GetKeyChain(TypeNumeric, "a/x", true), &tree["a"]["x"]);
     EXPECT_EQ(tree.GetKeyChain(TypeMap, "a", true), &tree["a"]);
-    EXPECT_EQ(tree.GetKeyChain(TypeString, "a/b", true), nullptr);
+    for (const VariantType type : {TypeString, TypeDouble})
+        EXPECT_EQ(tree.GetKeyChain(type, "a/b", true), nullptr) << type;
     EXPECT_EQ(tree.GetKeyChain(TypeAny, nullptr, true), nullptr);
     EXPECT_EQ(tree, before);
 }
@@ -257,10 +258,13 @@ TEST(Variant, EqualsOnlyTheSameValueOfTheSameType) {
     EXPECT_NE(Variant(1), Variant(true));
     EXPECT_NE(Variant(0), Variant());
     EXPECT_EQ(Variant(nan), Variant(nan));
+    EXPECT_NE(Variant(1.5), 1) << "as what a host compares with";
+    EXPECT_EQ(Variant(-9223372036854775808.0), std::numeric_limits<long long>::min());
     EXPECT_EQ(Variant(static_cast<const char*>(nullptr)), Variant());
     Variant tree = sampleTree();
     tree[0] = 1;
     EXPECT_NE(tree, sampleTree());
+    EXPECT_NE(sampleTree(), tree);
 }
 
 TEST(Variant, MarkingTheKindKeepsTheMembersOfAContainerAndMakesAnEmptyOneOfAnyOtherValue) {
