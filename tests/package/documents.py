@@ -113,7 +113,7 @@ def check_commands(document, text):
 
 
 def check_names(document, text):
-    sources = ("CMakeLists.txt", "cmake/**/*.cmake", "include/**/*.h*", "platform/**/*.h")
+    sources = ("CMakeLists.txt", "cmake/**/*.cmake", "include/**/*.h*", "platform/**/*.h", "src/*.h")
     texts = "".join(path.read_text() for pattern in sources for path in SOURCE.glob(pattern))
     defined = re.findall(r"(?:option\(|set\(|#define )(KORVO_[A-Z_]+)", texts)
     for name in set(re.findall(r"(?:\b|-D)(KORVO_[A-Z_]+)", text)) - set(defined):

@@ -22,7 +22,7 @@ enum Level : int { LevelError = 3, LevelWarning = 4 };
 /** One message, as a sink gets it. The pointers are valid during the call only. */
 struct Record {
     const char* module;      ///< the library or program that logs, such as "korvo_variant_utils"
-    const char* sourceFile;  ///< the source file as the caller names it, such as "src/uri"
+    const char* sourceFile;  ///< the source file as the caller names it, such as "src/system_cfg"
     const char* function;    ///< the plain name of the operation
     int line;                ///< source line of the call
     int level;               ///< syslog severity, 0 (emergency) to 7 (debug)
