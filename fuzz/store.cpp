@@ -17,8 +17,9 @@ class Model {
   public:
     /** False for what the store must refuse. */
     bool set(const std::string& key, const std::string& value) {
-        if (!isAcceptable(key) || value.find_first_of(std::string("\n\r\0", 3)) != std::string::npos)
-            return false;
+        const bool breaksLine = value.find_first_of(std::string("\n\0", 2)) != std::string::npos ||
+                                (!value.empty() && value.back() == '\r');
+        if (!isAcceptable(key) || breaksLine) return false;
         for (std::size_t dot = key.find('.'); dot != std::string::npos; dot = key.find('.', dot + 1)) {
             if (values.count(key.substr(0, dot)) != 0) return false;
         }
