@@ -36,8 +36,11 @@ foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection)
   endif()
 endforeach()
 
-korvo_check_links(KORVO_HAS_no_semantic_interposition "int main() { return 0; }" -fno-semantic-interposition)
-set(KORVO_SIZE_FLAGS $<$<BOOL:${KORVO_HAS_no_semantic_interposition}>:-fno-semantic-interposition>)
+korvo_check_links(KORVO_HAS_fno_semantic_interposition "int main() { return 0; }" -fno-semantic-interposition)
+set(KORVO_SIZE_FLAGS -ffunction-sections -fdata-sections)
+if(KORVO_HAS_fno_semantic_interposition)
+  list(APPEND KORVO_SIZE_FLAGS -fno-semantic-interposition)
+endif()
 
 korvo_check_links(KORVO_HAS_FLOATING_POINT_CHARCONV "
   #include <charconv>
@@ -104,6 +107,6 @@ function(korvo_add_library name)
   set_property(TARGET ${target} PROPERTY LINK_DEPENDS ${exports})
   # Smaller: what nothing calls is left out, also of a host that links statically and says --gc-sections; a library's
   # calls of its own functions go straight there.
-  target_compile_options(${target} PRIVATE -ffunction-sections -fdata-sections ${KORVO_SIZE_FLAGS})
+  target_compile_options(${target} PRIVATE ${KORVO_SIZE_FLAGS})
   target_link_options(${target} PRIVATE -Wl,--gc-sections -Wl,-Bsymbolic-functions)
 endfunction()

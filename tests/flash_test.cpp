@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "support/child_process.h"
+#include "support/descriptors.h"
 #include "support/device.h"
 
 namespace {

@@ -17,6 +17,7 @@
 #include "korvo/utils/host.h"
 #include "korvo/utils/text.h"
 #include "support/cases.h"
+#include "support/descriptors.h"
 #include "support/locales.h"
 #include "support/temporary_directory.h"
 

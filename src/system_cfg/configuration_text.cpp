@@ -258,16 +258,15 @@ class FaultFinder {
     void look(std::string_view text) {
         for (Lines lines(text); lines.next();) {
             number = lines.number();
-            lookAt(lines);
+            lookAt(lines.line());
         }
         if (faults.empty()) faults.push_back({0, "it is no key=value text"});
     }
 
   private:
-    void lookAt(const Lines& lines) {
-        const std::string_view line = lines.line();
-        const std::optional<Pair> pair = pairIn(lines.line());
+    void lookAt(std::string_view line) {
         if (line.empty() || line.front() == '#') return;
+        const std::optional<Pair> pair = pairIn(line);
         if (!pair) {
             if (line.find_first_not_of(" \t\v\f\r") != std::string_view::npos) add("there is no \"=\"");
         } else if (line.back() == '\r') {

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -40,10 +39,5 @@ class TemporaryDirectory {
   private:
     std::filesystem::path directory;
 };
-
-/** The number of descriptors that this process has open. */
-inline std::ptrdiff_t openDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
 
 }  // namespace test

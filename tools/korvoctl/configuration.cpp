@@ -45,8 +45,6 @@ void collect(const Variant& tree, const std::string& prefix, Values& values) {
 
 std::string workingCopyPath() { return korvo::utils::devicePath(korvo::utils::configurationPath); }
 
-std::string flashCopyPath() { return korvo::utils::devicePath(KORVO_FLASH_DIR "/system.cfg"); }
-
 bool readWhole(const std::string& name, std::string& text) {
     const auto close = [](std::FILE* open) { return std::fclose(open); };
     std::unique_ptr<std::FILE, decltype(close)> opened(nullptr, close);

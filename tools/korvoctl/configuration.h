@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "korvo/utils/flash.h"
 #include "korvo/variant/variant.h"
 #include "korvo/variant_utils/system_cfg.h"
 
@@ -14,7 +15,7 @@ namespace korvoctl {
 using Values = std::map<std::string, std::string>;
 
 std::string workingCopyPath();
-std::string flashCopyPath();
+using korvo::utils::flashCopyPath;
 
 /**
  * Reads a whole file, which may be a pipe; "-" means standard input.

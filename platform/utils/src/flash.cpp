@@ -85,6 +85,8 @@ bool writeDurably(const std::string& path, const std::string& text) {
 
 }  // namespace
 
+std::string flashCopyPath() { return devicePath(KORVO_FLASH_DIR "/system.cfg"); }
+
 bool saveToFlashRaw(bool /*reserved*/) {
     // Locked before reading, so that the later save has the later text. A lock that nobody else can take, or
     // keep.
@@ -97,11 +99,10 @@ bool saveToFlashRaw(bool /*reserved*/) {
     std::string text;
     if (!File::ReadStringAll(devicePath(configurationPath), text)) return false;
 
-    const std::string path = devicePath(KORVO_FLASH_DIR);
-    const Descriptor folder = openOrMakeFolder(path);
+    const Descriptor folder = openOrMakeFolder(devicePath(KORVO_FLASH_DIR));
     if (!folder || !syncFoldersAbove(folder)) return false;
 
-    const std::string copy = path + "/system.cfg";
+    const std::string copy = flashCopyPath();
     // One name for all, so that power cuts cannot fill the flash.
     const std::string temporary = copy + ".tmp";
     bool replaced = writeDurably(temporary, text);
@@ -120,8 +121,6 @@ bool saveToFlashRaw(bool /*reserved*/) {
     return syncFolder(folder);
 }
 
-bool loadFromFlashRaw(std::string& text) {
-    return File::ReadStringAll(devicePath(KORVO_FLASH_DIR "/system.cfg"), text);
-}
+bool loadFromFlashRaw(std::string& text) { return File::ReadStringAll(flashCopyPath(), text); }
 
 }  // namespace korvo::utils

@@ -10,6 +10,9 @@
 
 namespace korvo::utils {
 
+/** The path of the flash copy, below the device root; whether there is one or not. */
+KORVO_UTILS_EXPORT std::string flashCopyPath();
+
 /**
  * Copies "/tmp/system.cfg" to "system.cfg" in the flash area, the folder that the build fixes as
  * KORVO_FLASH_DIR, which is made with its parents when it is missing. The copy has mode 0600.
