@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <locale.h>
@@ -17,12 +18,24 @@
 #include "korvo/utils/host.h"
 #include "korvo/utils/text.h"
 #include "support/cases.h"
+#include "support/child_process.h"
 #include "support/descriptors.h"
 #include "support/locales.h"
 #include "support/temporary_directory.h"
 
 using namespace korvo::utils;
 using testing::ElementsAre;
+
+static std::function<void()> resolving;  ///< what happens once while a name is being resolved
+
+/** Stands in front of the C library's own, for which "six.invalid" is the name of ::1. */
+extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* name, const char* service,
+                                                                  const addrinfo* hints, addrinfo** found) {
+    static const auto original =
+        reinterpret_cast<decltype(&::getaddrinfo)>(::dlsym(RTLD_NEXT, "getaddrinfo"));
+    if (resolving) std::exchange(resolving, nullptr)();
+    return original(std::string("six.invalid") == name ? "::1" : name, service, hints, found);
+}
 
 namespace {
 
@@ -209,6 +222,33 @@ TEST(Host, NumericAddressesStayAsTheyAreAndLocalNamesResolve) {
     for (const std::string& name :
          {std::string(), std::string("localhost\0.evil", 15), std::string("no.invalid")})
         EXPECT_EQ(getHostByName(name), "");
+    EXPECT_EQ(getHostByName("six.invalid"), "::1");
+}
+
+/** The standard streams that are open: 1, 2 and 4 for each. */
+int openStreams() {
+    int mask = 0;
+    for (const int stream : {0, 1, 2}) mask |= ::fcntl(stream, F_GETFD) == -1 ? 0 : 1 << stream;
+    return mask;
+}
+
+TEST(Host, ClosedStandardStreamsAreTakenWhileItWorksAndStayTheHosts) {
+    test::ChildProcess host([](const test::ChildProcess& self) {
+        for (const int stream : {0, 1, 2}) ::close(stream);
+        resolving = [&] {
+            std::string text;
+            (void)File::ReadStringAll("/proc/self/stat", text);
+            self.tell(openStreams());
+            self.tell(test::ChildProcess([](const auto&) { return openStreams(); }).exitStatus());
+            ::dup2(::open("/proc/self/stat", O_RDONLY), 1);
+            ::dup2(::open("/dev/null", O_RDWR | O_NONBLOCK | O_APPEND), 2);
+        };
+        (void)getHostByName("six.invalid");
+        return openStreams();
+    });
+    EXPECT_EQ(host.hear(), 7) << "free for whatever is opened, when another use has ended";
+    EXPECT_EQ(host.hear(), 0) << "taken in a forked child";
+    EXPECT_EQ(host.exitStatus(), 6) << "the first is to be closed again, the others are the host's";
 }
 
 }  // namespace

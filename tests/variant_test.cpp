@@ -168,16 +168,6 @@ TEST(Variant, RemovesWhatItIsToldToAndNothingElse) {
     }
 }
 
-TEST(Variant, KeepsTheOthersWhileTheFirstOfManyGo) {
-    Variant value;
-    for (int index = 0; index < 300; ++index) value[index] = index;
-    for (int index = 0; index < 300; ++index) {
-        ASSERT_EQ(value.Size(), 300 - index);
-        ASSERT_EQ(value.num_begin()->first, index);
-        ASSERT_TRUE(value.Remove(index));
-    }
-}
-
 TEST(Variant, UsesTheMemoryOfRemovedMembersAgain) {
     Variant value;
     value["stays"] = 1;

@@ -23,7 +23,6 @@ using Change = SystemCfgManager::Change;
 
 /** @param already  what has been done before, for the message about a failure */
 [[nodiscard]] bool open(SystemCfgManager& store, const std::string& already = "") {
-    forgetLibraryMessages();
     const WaitNotice notice;
     if (store.init()) return true;
     tell(already + libraryFailure());
@@ -55,7 +54,6 @@ bool flashHoldsTheSame() {
  * @param state  what the working copy is when saving fails: "changed" or "kept"
  */
 ExitStatus close(SystemCfgManager& store, bool saveToFlash, const std::string& state) {
-    forgetLibraryMessages();
     if (!saveToFlash) return store.close(false, false) ? Done : failed(libraryFailure());
     const std::string notSaved = "the working copy is " + state + ", but not saved: ";
     if (!flashHoldsTheSame()) {

@@ -43,7 +43,6 @@ ExitStatus run(int argc, const char** argv) {
         }
         korvo::utils::setDeviceRoot(root);
     }
-    forgetLibraryMessages();
     return arguments.command()->perform(arguments);
 }
 

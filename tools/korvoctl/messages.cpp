@@ -114,11 +114,6 @@ std::string systemError(int number) {
 
 void captureLibraryMessages() { korvo::logger::setSink(keepFirstError); }
 
-void forgetLibraryMessages() {
-    firstError.clear();
-    defaultsTaken = false;
-}
-
 std::string libraryFailure() {
     for (const Meaning& meaning : meanings) {
         const std::string begin = meaning.begin;

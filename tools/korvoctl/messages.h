@@ -31,16 +31,13 @@ std::string systemError(int number);
 /** Keeps the library's messages, which are for developers, instead of letting it print them. */
 void captureLibraryMessages();
 
-/** Drops what has been kept, so that the next failure has its own cause. */
-void forgetLibraryMessages();
-
 /**
- * Why the library failed last: its first error since forgetLibraryMessages(), which is where the failure was
- * found, in the operator's words.
+ * Why the library failed: its first error, which is where the failure was found, in the operator's words. It
+ * tells of errors only when it fails, and a command ends at the first failure.
  */
 std::string libraryFailure();
 
-/** Whether it took the defaults in place of a flash copy that is there, since forgetLibraryMessages(). */
+/** Whether it took the defaults in place of a flash copy that is there. */
 bool tookDefaults();
 
 }  // namespace korvoctl

@@ -60,7 +60,10 @@ ExitStatus getValues(const Arguments& arguments) {
     if (arguments.has("json")) {
         printJson(nested(found));
     } else if (keys.size() > 1) {
-        for (const std::string& key : keys) printLines(pairLines(part(found, key)));
+        for (const std::string& key : keys) {
+            const auto value = found.find(key);
+            if (value != found.end()) printLines(pairLines({*value}));
+        }
     } else if (!found.empty()) {
         printLines(found.begin()->second + '\n');
     }
