@@ -125,15 +125,21 @@ TEST(FailingMemory, CompactGivesBackWhatRemovedMembersTook) {
     liveObjects = 0;
     allocationsLeft = 1000000;
     counting = true;
-    for (int i = 0; i < 10000; ++i) value["member number " + std::to_string(i)] = i;
-    for (int i = 10; i < 10000; ++i) value.Remove("member number " + std::to_string(i));
+    for (const std::string name : {"members with a long name ", "member "}) {
+        for (int i = 0; i < 10000; ++i) value[name + std::to_string(i)] = i;
+        for (int i = 10; i < 10000; ++i) value.Remove(name + std::to_string(i));
+    }
     const long before = liveObjects;
     value.Compact();
     counting = false;
     EXPECT_GT(before, 100);
     EXPECT_LT(liveObjects, 20);
-    EXPECT_EQ(value.Size(), 10);
-    EXPECT_EQ(value["member number 9"], Variant(9));
+    EXPECT_EQ(value.Size(), 20);
+    EXPECT_EQ(value["member 9"], Variant(9));
+    while (value.Size() > 0) value.Remove(value.begin()->first);
+    value.Compact();
+    value["again"] = longText;
+    EXPECT_EQ(value["again"], Variant(longText));
 }
 
 TEST(FailingMemory, LeavesNoLeakOfValuesUrisCommandLinesAndDeviceInformation) {

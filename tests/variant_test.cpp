@@ -121,6 +121,7 @@ TEST(Variant, ReferencesStayValidWhileMembersAreAddedMovedAndCompacted) {
     }
     EXPECT_EQ(count, 1000);
     EXPECT_EQ(std::distance(moved.begin(), moved.end()), count);
+    EXPECT_TRUE(moved.begin() != std::next(moved.begin()));
 }
 
 /** A key out of so many, short or long, many of which begin alike. */
@@ -165,6 +166,10 @@ TEST(Variant, RemovesWhatItIsToldToAndNothingElse) {
         };
         matches(value.begin(), named);
         matches(value.num_begin(), indexed);
+    }
+    for (; !indexed.empty(); indexed.erase(indexed.begin())) {
+        ASSERT_EQ(value.num_begin()->first, indexed.begin()->first);
+        ASSERT_TRUE(value.Remove(indexed.begin()->first));
     }
 }
 
