@@ -50,7 +50,7 @@ std::string CameraInfo::fullVersion() {
 namespace {
 
 /** Replaces the record by the board's description. */
-bool readBoard(Variant& record) {
+[[nodiscard]] bool readBoard(Variant& record) {
     const std::string path = utils::devicePath("/etc/board.info");
     CameraInfo description;
     if (!description.FromKVPFile(path, false, false, true)) return false;
@@ -71,7 +71,7 @@ bool readBoard(Variant& record) {
     return true;
 }
 
-bool readFirstLine(const char* path, std::string& line) {
+[[nodiscard]] bool readFirstLine(const char* path, std::string& line) {
     if (!utils::File::ReadStringAll(utils::devicePath(path), line))
         return KORVO_FAIL("Init", "Unable to open %s", path);
     line.resize(std::min(line.find('\n'), line.size()));
@@ -79,7 +79,7 @@ bool readFirstLine(const char* path, std::string& line) {
     return true;
 }
 
-bool readHostName(Variant& record) {
+[[nodiscard]] bool readHostName(Variant& record) {
     std::string name;
     if (!readFirstLine("/proc/sys/kernel/hostname", name)) return false;
     record["hostName"] = std::move(name);
@@ -95,7 +95,7 @@ __attribute__((no_sanitize("float-divide-by-zero"))) double loadOf(double idleTi
     return 1.0 - idleTime / upTime;
 }
 
-bool readTimes(CameraInfo& info) {
+[[nodiscard]] bool readTimes(CameraInfo& info) {
     std::string line;
     if (!readFirstLine("/proc/uptime", line)) return false;
     std::vector<std::string> fields;
@@ -107,7 +107,7 @@ bool readTimes(CameraInfo& info) {
     return true;
 }
 
-bool readFirmwareVersion(Variant& record) {
+[[nodiscard]] bool readFirmwareVersion(Variant& record) {
     std::string version;
     if (!utils::File::ReadStringAll(utils::devicePath("/lib/version"), version)) return false;
     utils::trim(version);
@@ -170,7 +170,7 @@ class VersionPattern {
     const int error;
 };
 
-bool storeProtocolVersion(CameraInfo& info) {
+[[nodiscard]] bool storeProtocolVersion(CameraInfo& info) {
     const VersionPattern pattern;
     if (!pattern.compiled())
         return KORVO_FAIL("Init", "Failed to compile FW version regex: %s", pattern.errorText().c_str());

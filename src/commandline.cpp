@@ -128,7 +128,7 @@ Variant canonicalPath(const char* program) {
 }
 
 /** Stores the option that one argument gives; false when it matches no declaration. */
-bool parseOption(const std::string& argument, Variant& definitions, Variant& result) {
+[[nodiscard]] bool parseOption(const std::string& argument, Variant& definitions, Variant& result) {
     const std::size_t equals = argument.find('=');
     const Declaration declaration = findDeclaration(definitions, argument.substr(0, equals));
     if (declaration.longName == nullptr || declaration.defaultValue == nullptr) return false;

@@ -118,7 +118,7 @@ unsigned short defaultPort(std::string_view schema) {
 }
 
 /** Reads a port written in decimal without sign, blanks or leading zeros. */
-bool parsePort(std::string_view text, unsigned short& port) {
+[[nodiscard]] bool parsePort(std::string_view text, unsigned short& port) {
     const char* const end = text.data() + text.size();
     const auto [last, error] = std::from_chars(text.data(), end, port);
     return error == std::errc() && last == end && (text.front() != '0' || text.size() == 1);
@@ -148,15 +148,15 @@ class UriParser {
     }
 
     /** False, with the error logged, when the text is no URI. */
-    bool parse();
+    [[nodiscard]] bool parse();
 
     /** Stores every member. To be called once, since each is moved from a text of its own. */
     void store(URI& uri);
 
   private:
     void splitUserInfo();
-    bool splitLocation();
-    bool splitHostAndPort(std::string_view hostAndPort);
+    [[nodiscard]] bool splitLocation();
+    [[nodiscard]] bool splitHostAndPort(std::string_view hostAndPort);
     void splitPath();
     std::size_t documentBegin() const;
     void joinAgain();

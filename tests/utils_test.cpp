@@ -11,6 +11,7 @@
 #include <functional>
 #include <limits>
 #include <random>
+#include <thread>
 #include <tuple>
 
 #include "korvo/utils/device_root.h"
@@ -204,6 +205,17 @@ TEST(File, RefusesWhatCannotBeReplacedAndWhatIsNoPlainFile) {
     EXPECT_FALSE(file.ReadStringAll(text)) << "nothing is open";
     EXPECT_FALSE(file.WriteString("x")) << "nothing is open";
     EXPECT_EQ(text, "kept");
+}
+
+TEST(File, IsNoPlaceWhereAThreadIsCancelled) {
+    bool returned = false;
+    std::thread([&] {
+        (void)::pthread_cancel(::pthread_self());
+        std::string text;
+        returned = File::ReadStringAll("/proc/self/stat", text);
+        (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);  // so that it ends as any other
+    }).join();
+    EXPECT_TRUE(returned);
 }
 
 TEST(DeviceRoot, StandsInFrontOfDevicePaths) {

@@ -15,12 +15,12 @@ namespace korvo::configuration {
 std::string path();
 
 /** Waits for the lock, which is utils::configurationLock. */
-bool acquireLock(InterProcessMutex& lock, const char* function);
+[[nodiscard]] bool acquireLock(InterProcessMutex& lock, const char* function);
 
 /** Reads the file whole. */
-bool readFile(std::string& text, const char* function);
+[[nodiscard]] bool readFile(std::string& text, const char* function);
 
 /** Puts a text in the place of the file, in one step, under the lock. A failure leaves errno to tell why. */
-bool replaceFile(const std::string& text, const InterProcessMutex& lock);
+[[nodiscard]] bool replaceFile(const std::string& text, const InterProcessMutex& lock);
 
 }  // namespace korvo::configuration

@@ -20,7 +20,7 @@ bool hasBareIndex(std::string_view key);
 void toTreeText(std::string& text, bool escapeIndexKeys);
 
 /** Turns the text of a tree with escaped index components into the file's; false when it would not load. */
-bool toFileText(std::string& text);
+[[nodiscard]] bool toFileText(std::string& text);
 
 /** Whether a text of the file loads. */
 bool loads(const std::string& text);
@@ -38,6 +38,6 @@ int flashWritesIn(const std::string& text);
  * Raises the count of flash writes in a text that loads, and leaves the rest as it is; false when it would
  * not load any more.
  */
-bool raiseFlashWrites(std::string& text, int count);
+[[nodiscard]] bool raiseFlashWrites(std::string& text, int count);
 
 }  // namespace korvo::configuration

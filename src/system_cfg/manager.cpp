@@ -88,7 +88,7 @@ Variant* findParent(Variant& root, const std::vector<std::string>& components, M
 }
 
 /** The value under a key; null when there is none. False when the key is refused. */
-bool findValue(Variant& root, const std::string& key, VariantType type, Variant*& value) {
+[[nodiscard]] bool findValue(Variant& root, const std::string& key, VariantType type, Variant*& value) {
     const std::vector<std::string> components = componentsOf(key);
     Variant* const parent = findParent(root, components, Missing::Stays);
     value = parent != nullptr ? findMember(*parent, components.back(), type) : nullptr;
@@ -129,8 +129,8 @@ bool canBeStored(const std::string& value) { return SystemCfgManager::valueFault
 
 /** Stores a value under a key, and tells whether it differed. False when the key or the value is refused. */
 template <class Value>
-bool storeValue(Variant& root, bool escapeIndexKeys, const std::string& key, const Value& value,
-                bool& differs) {
+[[nodiscard]] bool storeValue(Variant& root, bool escapeIndexKeys, const std::string& key, const Value& value,
+                              bool& differs) {
     std::string lastKey;
     Variant* const parent = canBeStored(value) ? makeParent(root, escapeIndexKeys, key, lastKey) : nullptr;
     if (parent == nullptr) return false;
@@ -142,12 +142,12 @@ bool storeValue(Variant& root, bool escapeIndexKeys, const std::string& key, con
 }
 
 /** Makes one change in a tree. False when it is refused. */
-bool makeChange(Variant& root, bool escapeIndexKeys, const SystemCfgManager::Change& change) {
+[[nodiscard]] bool makeChange(Variant& root, bool escapeIndexKeys, const SystemCfgManager::Change& change) {
     bool differs = false;
     if (change.value) return storeValue(root, escapeIndexKeys, change.key, *change.value, differs);
     Variant* node = nullptr;
     if (!findValue(root, change.key, TypeAny, node)) return false;
-    // A null member has no line, and nothing finds it.
+    // A null member has no line in the file.
     if (node != nullptr) node->Reset();
     return true;
 }
@@ -162,7 +162,7 @@ bool sameLines(const Variant& one, const Variant& other) {
 }
 
 /** Writes a tree to the file, under the lock. */
-bool writeTree(const Variant& tree, bool escapeIndexKeys, const InterProcessMutex& lock) {
+[[nodiscard]] bool writeTree(const Variant& tree, bool escapeIndexKeys, const InterProcessMutex& lock) {
     std::string text;
     if (!tree.ToKVP(text, "=", "\n") || (escapeIndexKeys && !configuration::toFileText(text)))
         return KORVO_FAIL("write", "Failed to serialize variant to key-value pairs");

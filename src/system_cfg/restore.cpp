@@ -25,8 +25,8 @@ namespace {
  * Puts a text that loads in the place of the configuration, with the largest count of flash writes that it or
  * one of the others tells, which may be damaged.
  */
-bool install(std::string text, const std::string& other, const std::string& another,
-             const InterProcessMutex& lock, const char* function) {
+[[nodiscard]] bool install(std::string text, const std::string& other, const std::string& another,
+                           const InterProcessMutex& lock, const char* function) {
     using configuration::flashWritesIn;
     const int count = std::max({flashWritesIn(text), flashWritesIn(other), flashWritesIn(another)});
     if (!configuration::raiseFlashWrites(text, count))

@@ -67,6 +67,7 @@ void removePlaceholders() {
 }  // namespace
 
 StandardStreamGuard::StandardStreamGuard() {
+    const CancellationShield shield;  // or nobody would end what is begun here
     const std::lock_guard<std::mutex> lock(placeholders.mutex);
     ++placeholders.guards;
     placeMissing();

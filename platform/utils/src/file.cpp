@@ -46,7 +46,7 @@ int createAnew(const char* path) {
 }
 
 /** Gives a new file its mode, of which the umask may have taken away even what the owner needs. */
-bool repairMode(int descriptor, struct stat& status) {
+[[nodiscard]] bool repairMode(int descriptor, struct stat& status) {
     if (::fstat(descriptor, &status) != 0) return false;
     if ((status.st_mode & permissionBits) == ownerOnly) return true;
     status.st_mode = ownerOnly;

@@ -20,7 +20,7 @@ namespace {
 constexpr mode_t folderMode = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
 
 /** Makes a folder and what is missing of its parents. */
-bool makeFolders(const std::string& path) {
+[[nodiscard]] bool makeFolders(const std::string& path) {
     for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
         const std::string folder = path.substr(0, end);
         if (::mkdir(folder.c_str(), folderMode) == 0) {
@@ -48,7 +48,7 @@ Descriptor openOrMakeFolder(const std::string& path) {
 }
 
 /** Waits until the names in a folder have reached the storage device. */
-bool syncFolder(const Descriptor& folder) {
+[[nodiscard]] bool syncFolder(const Descriptor& folder) {
     if (uninterrupted([&] { return ::fsync(folder.get()); }) == 0) return true;
     return errno == EINVAL || errno == EROFS;  // it cannot be waited for there, or nothing can have changed
 }
@@ -57,7 +57,7 @@ bool syncFolder(const Descriptor& folder) {
  * Makes the names of a folder and of all folders above it durable, up to where its file system begins: nobody
  * knows which of them a save that was killed has left new.
  */
-bool syncFoldersAbove(const Descriptor& folder) {
+[[nodiscard]] bool syncFoldersAbove(const Descriptor& folder) {
     struct stat below {};
     if (::fstat(folder.get(), &below) != 0) return false;
     Descriptor current;
@@ -77,7 +77,7 @@ bool syncFoldersAbove(const Descriptor& folder) {
     }
 }
 
-bool writeDurably(const std::string& path, const std::string& text) {
+[[nodiscard]] bool writeDurably(const std::string& path, const std::string& text) {
     File file;
     return file.Initialize(path, FILE_OPEN_MODE_TRUNCATE) && file.WriteString(text) && file.Sync() &&
            file.Close();

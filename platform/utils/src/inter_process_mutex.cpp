@@ -69,7 +69,7 @@ int openTrusted(const char* path) {
 }
 
 /** Removes what stands where the lock file belongs, if this process may judge that; false where it stays. */
-bool clearTheWay(const char* path, int error) {
+[[nodiscard]] bool clearTheWay(const char* path, int error) {
     // Root may replace anything; an owner what it cannot open, which one killed under an odd umask left.
     if (::geteuid() != 0 && error != EACCES) return false;
     struct stat status {};

@@ -43,7 +43,7 @@ char* formatNumber(Number number, char* out) {
 
 /** Reads a number, but only from exactly the text that would be written for it. */
 template <class Number>
-bool parseNumber(std::string_view text, Number& number) {
+[[nodiscard]] bool parseNumber(std::string_view text, Number& number) {
     const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
     if (result.ec != std::errc() || result.ptr != text.data() + text.size()) return false;
     char buffer[numberBufferSize];
@@ -64,7 +64,7 @@ class KeyValueReader {
         root.IsArray(false);
     }
 
-    bool read(std::string_view text) {
+    [[nodiscard]] bool read(std::string_view text) {
         while (!text.empty()) {
             const std::size_t lineEnd = text.find('\n');
             std::string_view line = text.substr(0, lineEnd);
@@ -77,7 +77,7 @@ class KeyValueReader {
     }
 
   private:
-    bool readLine(std::string_view line) {
+    [[nodiscard]] bool readLine(std::string_view line) {
         if (line.empty() || line.front() == '#') return true;
         const std::size_t equals = line.find('=');
         if (equals == std::string_view::npos) return isBlank(line);
@@ -213,7 +213,7 @@ class KeyValueWriter {
           ownSeparators(betweenKeyAndValue != "=" || afterLine != "\n") {}
 
     /** Replaces @p text by that of the tree; false, and nothing done, when it cannot be written. */
-    bool write(const Variant& tree, std::string& text) {
+    [[nodiscard]] bool write(const Variant& tree, std::string& text) {
         std::string written;
         if (const Container* root = tree.members()) {
             if (!measure(*root, {0, 1, true})) return false;
@@ -255,7 +255,7 @@ class KeyValueWriter {
     }
 
     /** Adds up what the lines below a container can take; false when they are too deep. */
-    bool measure(const Container& container, Place place) {
+    [[nodiscard]] bool measure(const Container& container, Place place) {
         if (place.level > maxComponents) return false;
         longestPath = std::max(longestPath, place.pathLength);
         return forEachEntry(container, [&](const auto& member) {
