@@ -51,7 +51,7 @@ namespace {
 
 /** Replaces the record by the board's description. */
 [[nodiscard]] bool readBoard(Variant& record) {
-    const std::string path = utils::devicePath("/etc/board.info");
+    const std::string path = utils::devicePath(boardFile);
     CameraInfo description;
     if (!description.FromKVPFile(path, false, false, true)) return false;
     Variant texts;
@@ -109,7 +109,7 @@ __attribute__((no_sanitize("float-divide-by-zero"))) double loadOf(double idleTi
 
 [[nodiscard]] bool readFirmwareVersion(Variant& record) {
     std::string version;
-    if (!utils::File::ReadStringAll(utils::devicePath("/lib/version"), version)) return false;
+    if (!utils::File::ReadStringAll(utils::devicePath(firmwareVersionFile), version)) return false;
     utils::trim(version);
     const std::size_t firstDot = version.find('.');
     if (firstDot != std::string::npos) {

@@ -31,10 +31,8 @@ bool mayAllocate() {
 }  // namespace
 
 #ifdef SANITIZED
-void* allocate(
-    std::size_t size) {  // sanitizers have a malloc of their own: what the C library allocates does not fail
-    return mayAllocate() ? ::malloc(size) : nullptr;
-}
+// Sanitizers have a malloc of their own: what the C library allocates does not fail.
+void* allocate(std::size_t size) { return mayAllocate() ? ::malloc(size) : nullptr; }
 #else
 extern "C" void* __libc_malloc(std::size_t size);
 extern "C" __attribute__((visibility("default"))) void* malloc(std::size_t size) noexcept {
@@ -120,7 +118,7 @@ void useAllButTheStore() {
     counting = fails;
 }
 
-TEST(FailingMemory, CompactGivesBackWhatRemovedMembersTook) {
+TEST(Memory, CompactGivesBackWhatRemovedMembersTook) {
     Variant value;
     liveObjects = 0;
     allocationsLeft = 1000000;

@@ -109,11 +109,12 @@ TEST_F(InterProcessMutexTest, WorksUnderAnyUmaskAndAfterWhatAnotherUmaskLeft) {
         for (const bool leftByKilled : {false, true}) {
             if (leftByKilled) ::close(::open(lockFile.c_str(), O_RDWR | O_CREAT, 0600));
             struct stat status {};
-            InterProcessMutex lock("name", true);
-            if (lock.acquire() != 0 || ::stat(lockFile.c_str(), &status) != 0) return 1;
-            if ((status.st_mode & 07777) != 0600 || ::unlink(lockFile.c_str()) != 0) return 2;
+            EXPECT_EQ(InterProcessMutex("name", true).acquire(), 0);
+            EXPECT_EQ(::stat(lockFile.c_str(), &status), 0);
+            EXPECT_EQ(status.st_mode & 07777, 0600);
+            EXPECT_EQ(::unlink(lockFile.c_str()), 0);
         }
-        return 0;
+        return HasFailure() ? 1 : 0;
     });
     EXPECT_EQ(user.exitStatus(), 0);
 }
@@ -172,12 +173,17 @@ TEST_F(InterProcessMutexTest, LeavesAloneWhatAHostOpensUnderTheNumberOfItsDescri
     };
     ChildProcess daemon([&](const ChildProcess&) {
         auto owned = std::make_unique<InterProcessMutex>("name", true);
-        if (owned->acquire() != 0 || closeAll(40) != 3 || owned->held() || owned->release() != EPERM)
-            return 1;
-        if (owned->acquire() != 0 || !owned->held() || holder() != ::getpid()) return 2;
+        EXPECT_EQ(owned->acquire(), 0);
+        EXPECT_EQ(closeAll(40), 3);
+        EXPECT_FALSE(owned->held());
+        EXPECT_EQ(owned->release(), EPERM);
+        EXPECT_EQ(owned->acquire(), 0);
+        EXPECT_TRUE(owned->held());
+        EXPECT_EQ(holder(), ::getpid());
         const int host = closeAll(60);
         owned.reset();
-        return ::dup(host) == 61 ? 0 : 3;
+        EXPECT_EQ(::dup(host), 61);
+        return HasFailure() ? 1 : 0;
     });
     EXPECT_EQ(daemon.exitStatus(), 0);
 }

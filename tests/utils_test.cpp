@@ -22,7 +22,7 @@
 #include "support/child_process.h"
 #include "support/descriptors.h"
 #include "support/locales.h"
-#include "support/temporary_directory.h"
+#include "support/temporary_folder.h"
 
 using namespace korvo::utils;
 using testing::ElementsAre;
@@ -52,24 +52,15 @@ TEST(Text, SplitAppendsWhatStandsBetweenSeparatorsEmptyPiecesToo) {
     EXPECT_THAT(pieces, ElementsAre("x.y", ".", "x", "y")) << "the arguments may be pieces that are there";
 }
 
-TEST(Text, TrimRemovesAsciiWhiteSpaceAtBothEnds) {
-    std::string text = " \t\n\v\f\ra b\xa0 ", blank = " \t ";
-    trim(text);
-    EXPECT_EQ(text, "a b\xa0");
-    trim(blank);
-    EXPECT_EQ(blank, "");
-}
-
-TEST(Text, LowerCaseChangesAsciiLettersOnly) { EXPECT_EQ(lowerCase("RTSP-\xc4Z"), "rtsp-\xc4z"); }
-
-TEST(Text, ReplaceAllDoesNotSearchWhatItBringsIn) {
-    const auto replaced = [](std::string text, const char* search, const char* replacement) {
-        replaceAll(text, search, replacement);
-        return text;
-    };
-    EXPECT_EQ(replaced("a.b.c", ".", ".."), "a..b..c");
-    EXPECT_EQ(replaced("a..b..c", "..", ""), "abc");
-    EXPECT_EQ(replaced("abc", "", "x"), "abc");
+TEST(Text, IsTrimmedOfAsciiWhiteSpaceLoweredInAsciiLettersAndReplacedOnce) {
+    for (const auto& [input, expected] : test::readCases("texts.txt")) {
+        const auto given = test::fields(input);
+        std::string text = given[1];
+        if (given[0] == "trim") trim(text);
+        if (given[0] == "lower") text = lowerCase(text);
+        if (given[0] == "replace") replaceAll(text, given[2], given[3]);
+        EXPECT_EQ(text, expected) << input;
+    }
 }
 
 TEST(Text, FormatGivesTextsOfAnyLength) {
@@ -140,16 +131,19 @@ TEST(Text, ReadsAMillionTextsAsStrtodDoesInTheCLocale) {
 }
 #endif
 
+bool writeFile(const std::string& path, const std::string& text) {
+    File file;
+    return file.Initialize(path, FILE_OPEN_MODE_TRUNCATE) && file.WriteString(text) && file.Close();
+}
+
 TEST(File, WritesFromEmptyAndReadsToTheEnd) {
-    const test::TemporaryDirectory directory;
-    const std::string made = directory.path() / "new", content(100000, 'x');
+    const test::TemporaryFolder folder;
+    const std::string made = folder.path() / "new", content(100000, 'x');
     std::string text;
     const std::ptrdiff_t descriptors = test::openDescriptors();
-    File file;
-    EXPECT_TRUE(file.Initialize(made, FILE_OPEN_MODE_TRUNCATE)) << "and left open";
+    EXPECT_TRUE(File().Initialize(made, FILE_OPEN_MODE_TRUNCATE)) << "and left open";
     for (const std::string& written : {content, std::string("a")}) {
-        EXPECT_TRUE(file.Initialize(made, FILE_OPEN_MODE_TRUNCATE) && file.WriteString(written) &&
-                    file.Close());
+        EXPECT_TRUE(writeFile(made, written));
         EXPECT_TRUE(File::ReadStringAll(made, text));
         EXPECT_EQ(text, written);
     }
@@ -160,26 +154,24 @@ TEST(File, WritesFromEmptyAndReadsToTheEnd) {
 }
 
 TEST(File, WritingReplacesWhatWasPlantedAndTouchesNothingThatAnybodyHasOpen) {
-    const test::TemporaryDirectory directory;
-    const std::string path = directory.path() / "name";
+    const test::TemporaryFolder folder;
+    const std::string path = folder.path() / "name";
     const std::function<void()> plants[] = {
-        [&] { std::filesystem::create_symlink(directory.write("victim", "precious"), path); },
-        [&] { std::filesystem::create_hard_link(directory.path() / "victim", path); },
+        [&] { std::filesystem::create_symlink(folder.write("victim", "precious"), path); },
+        [&] { std::filesystem::create_hard_link(folder.path() / "victim", path); },
         [&] { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); },
-        [&] { std::filesystem::permissions(directory.write("name", "old"), std::filesystem::perms(0644)); },
+        [&] { std::filesystem::permissions(folder.write("name", "old"), std::filesystem::perms(0644)); },
     };
     const mode_t usual = ::umask(0);
     for (const auto& plant : plants) {
         plant();
         const int open = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
-        File file;
-        EXPECT_TRUE(file.Initialize(path, FILE_OPEN_MODE_TRUNCATE) && file.WriteString("secret") &&
-                    file.Close());
+        EXPECT_TRUE(writeFile(path, "secret"));
         char seen[16] = {};
         (void)!::read(open, seen, 8);
         EXPECT_STRNE(seen, "secret");
         ::close(open);
-        EXPECT_EQ(directory.read("name") + directory.read("victim"), "secretprecious");
+        EXPECT_EQ(folder.read("name") + folder.read("victim"), "secretprecious");
         EXPECT_EQ(std::filesystem::symlink_status(path).permissions(), std::filesystem::perms(0600));
         EXPECT_TRUE(std::filesystem::remove(path));
         ::umask(0777);  // takes away what the owner needs, too
@@ -188,8 +180,8 @@ TEST(File, WritingReplacesWhatWasPlantedAndTouchesNothingThatAnybodyHasOpen) {
 }
 
 TEST(File, RefusesWhatCannotBeReplacedAndWhatIsNoPlainFile) {
-    const test::TemporaryDirectory directory;
-    const auto at = [&](const char* name) { return (directory.path() / name).string(); };
+    const test::TemporaryFolder folder;
+    const auto at = [&](const char* name) { return (folder.path() / name).string(); };
     std::filesystem::create_directory(at("folder"));
     ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
     File file;
@@ -202,6 +194,8 @@ TEST(File, RefusesWhatCannotBeReplacedAndWhatIsNoPlainFile) {
         EXPECT_FALSE(File::ReadStringAll(path, text)) << path;
         EXPECT_EQ(errno, error) << path;
     }
+    EXPECT_TRUE(file.CopyAccess(at("missing")));
+    EXPECT_FALSE(file.CopyAccess(at("pipe/x"))) << "there may be a file whose access is not known";
     EXPECT_FALSE(file.ReadStringAll(text)) << "nothing is open";
     EXPECT_FALSE(file.WriteString("x")) << "nothing is open";
     EXPECT_EQ(text, "kept");

@@ -253,13 +253,16 @@ TEST(Variant, EqualsOnlyTheSameValueOfTheSameType) {
     EXPECT_NE(Variant(1), Variant(true));
     EXPECT_NE(Variant(0), Variant());
     EXPECT_EQ(Variant(nan), Variant(nan));
-    EXPECT_NE(Variant(1.5), 1) << "as what a host compares with";
-    EXPECT_EQ(Variant(-9223372036854775808.0), std::numeric_limits<long long>::min());
     EXPECT_EQ(Variant(static_cast<const char*>(nullptr)), Variant());
     Variant tree = sampleTree();
     tree[0] = 1;
     EXPECT_NE(tree, sampleTree());
     EXPECT_NE(sampleTree(), tree);
+}
+
+TEST(Variant, EqualsTheNumberThatAHostComparesItWith) {
+    EXPECT_NE(Variant(1.5), 1);
+    EXPECT_EQ(Variant(-9223372036854775808.0), std::numeric_limits<long long>::min());
 }
 
 TEST(Variant, MarkingTheKindKeepsTheMembersOfAContainerAndMakesAnEmptyOneOfAnyOtherValue) {

@@ -49,6 +49,7 @@ bool replaceFile(const std::string& text, const InterProcessMutex& lock) {
         errno = ESTALE;
     }
     const bool replaced = ready && std::rename(temporary.c_str(), target.c_str()) == 0;
+    // Named after this process, so it is no other's even when the lock is lost.
     if (!replaced) removeKeepingErrno(temporary);
     if (!ready) return KORVO_FAIL("write", "Failed to write system.cfg");
     return replaced || KORVO_FAIL("write", "Failed to move %s to /tmp/system.cfg", name.c_str());

@@ -61,6 +61,23 @@ class Lines {
     std::size_t count = 0;
 };
 
+/** The places of the dots in a key: `for (const std::size_t dot : Dots{key})`. */
+struct Dots {
+    struct Iterator {
+        std::string_view key;
+        std::size_t dot;
+
+        std::size_t operator*() const { return dot; }
+        void operator++() { dot = key.find('.', dot + 1); }
+        bool operator!=(const Iterator& other) const { return dot != other.dot; }
+    };
+
+    Iterator begin() const { return {key, key.find('.')}; }
+    Iterator end() const { return {key, std::string_view::npos}; }
+
+    std::string_view key;
+};
+
 /** The digit that a boolean word stands for; nothing for any other text. */
 std::string_view booleanDigit(std::string_view word) {
     if (word == "enabled" || word == "enable" || word == "on") return "1";
@@ -85,8 +102,7 @@ bool treeLine(std::string_view line, bool escapeIndexKeys, std::string& converte
     if (digit.empty() && !escapeIndexKeys) return false;
     converted.clear();
     std::size_t done = 0;
-    for (std::size_t dot = pair->key.find('.'); escapeIndexKeys && dot != std::string::npos;
-         dot = pair->key.find('.', dot + 1)) {
+    for (const std::size_t dot : Dots{escapeIndexKeys ? pair->key : std::string_view()}) {
         if (indexAt(pair->key, dot + 1) == Index::None) continue;
         converted.append(line, done, dot + 1 - done).append(1, '_');
         done = dot + 1;
@@ -103,8 +119,7 @@ bool fileLine(std::string_view line, std::string& converted, bool& bareIndex) {
     if (!pair) return false;
     converted.clear();
     std::size_t done = 0;
-    for (std::size_t dot = pair->key.find('.'); dot != std::string::npos;
-         dot = pair->key.find('.', dot + 1)) {
+    for (const std::size_t dot : Dots{pair->key}) {
         const Index index = indexAt(pair->key, dot + 1);
         if (index == Index::Bare) bareIndex = true;
         if (index != Index::Escaped) continue;
@@ -137,7 +152,7 @@ void convertLines(std::string& text, Convert convert) {
 }  // namespace
 
 bool hasBareIndex(std::string_view key) {
-    for (std::size_t dot = key.find('.'); dot != std::string_view::npos; dot = key.find('.', dot + 1)) {
+    for (const std::size_t dot : Dots{key}) {
         if (indexAt(key, dot + 1) == Index::Bare) return true;
     }
     return false;
@@ -211,6 +226,7 @@ bool raiseFlashWrites(std::string& text, int count) {
 
 namespace {
 
+using korvo::configuration::Dots;
 using korvo::configuration::Lines;
 using korvo::configuration::Pair;
 using korvo::configuration::pairIn;
@@ -288,7 +304,7 @@ class FaultFinder {
                 std::to_string(group->second));
             return;
         }
-        for (std::size_t dot = key.find('.'); dot != std::string_view::npos; dot = key.find('.', dot + 1)) {
+        for (const std::size_t dot : Dots{key}) {
             const auto value = values.find(key.substr(0, dot));
             if (value != values.end()) {
                 add("\"" + std::string(value->first) + "\" is a value since line " +
@@ -296,8 +312,7 @@ class FaultFinder {
                 return;
             }
         }
-        for (std::size_t dot = key.find('.'); dot != std::string_view::npos; dot = key.find('.', dot + 1))
-            groups.insert({key.substr(0, dot), number});
+        for (const std::size_t dot : Dots{key}) groups.insert({key.substr(0, dot), number});
         values.insert({key, number});
     }
 

@@ -2,11 +2,11 @@
 #pragma once
 
 #include "korvo/utils/device_root.h"
-#include "support/temporary_directory.h"
+#include "support/temporary_folder.h"
 
 namespace test {
 
-struct Device : TemporaryDirectory {
+struct Device : TemporaryFolder {
     Device() {
         std::filesystem::create_directory(path() / "tmp");
         korvo::utils::setDeviceRoot(path());

@@ -15,12 +15,12 @@ namespace {
 std::string whyIncomplete() {
     std::string told = libraryFailure();
     if (!told.empty()) return told;
-    const std::string board = korvo::utils::devicePath("/etc/board.info");
+    const std::string board = korvo::utils::devicePath(korvo::variant::boardFile);
     std::string text;
     korvo::variant::Variant tree;
     const bool boardLoads =
         korvo::utils::File::ReadStringAll(board, text) && tree.FromKVP(text, true, true, true);
-    return firstFault(boardLoads ? korvo::utils::devicePath("/lib/version") : board);
+    return firstFault(boardLoads ? korvo::utils::devicePath(korvo::variant::firmwareVersionFile) : board);
 }
 
 }  // namespace

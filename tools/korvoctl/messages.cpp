@@ -9,6 +9,7 @@
 #include "configuration.h"
 #include "korvo/logger/logger.h"
 #include "korvo/utils/device_root.h"
+#include "korvo/variant_utils/camerainfo.h"
 #include "text.h"
 
 namespace korvoctl {
@@ -45,6 +46,7 @@ std::string notReplaced() {
 
 int number(const std::string& text) { return static_cast<int>(std::strtol(text.c_str(), nullptr, 10)); }
 
+// Of two that begin alike the longer one comes first.
 const Meaning meanings[] = {
     {"Failed to acquire system.cfg mutex, res=",
      [](const std::string& rest) {
@@ -80,7 +82,8 @@ const Meaning meanings[] = {
      [](const std::string& rest) { return because("cannot read " + devicePath(rest.c_str())); }},
     {"Failed to match FW version regex, fw=",
      [](const std::string& rest) {
-         return devicePath("/lib/version") + " holds no firmware version, but '" + rest + "'";
+         return devicePath(korvo::variant::firmwareVersionFile) + " holds no firmware version, but '" + rest +
+                "'";
      }},
 };
 

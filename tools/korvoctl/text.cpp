@@ -2,6 +2,7 @@
 
 namespace korvoctl {
 
+// The logger, which depends on nothing, tells control characters by itself.
 std::size_t utf8Character(std::string_view text, char32_t& code) {
     const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
     const unsigned char first = byte(0);

@@ -1,6 +1,7 @@
 #include "waiting.h"
 
 #include <chrono>
+#include <new>
 #include <string>
 #include <system_error>
 
@@ -32,7 +33,11 @@ void WaitNotice::watch() {
     std::unique_lock<std::mutex> guard(mutex);
     // Whoever holds the lock at one moment may be between two others that keep it for long.
     while (!ended.wait_for(guard, std::chrono::seconds(1), [this] { return over; })) {
-        if (tellHolder()) return;
+        try {
+            if (tellHolder()) return;
+        } catch (const std::bad_alloc&) {
+            return;  // likewise without a word
+        }
     }
 }
 

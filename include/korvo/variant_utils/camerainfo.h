@@ -20,6 +20,10 @@
 
 namespace korvo::variant {
 
+/** Where facts are read, below the device root. */
+constexpr char boardFile[] = "/etc/board.info";
+constexpr char firmwareVersionFile[] = "/lib/version";
+
 /**
  * The facts about a device: a Variant map with a member for each.
  *

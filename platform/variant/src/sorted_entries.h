@@ -188,7 +188,7 @@ class SortedEntries {
     }
 
     /**
-     * Makes one of a block and the next one when either is empty, or both are less than half of a full one.
+     * Makes one of a block and the next one when either is empty, or both fill less than half of one.
      */
     void mergeBlocks(std::size_t number) noexcept {
         Block& lower = mutableBlock(number);
@@ -198,7 +198,7 @@ class SortedEntries {
             lower.swap(upper);
         } else if (sum <= lower.capacity() && (upper.empty() || sum < blockCapacity / 2)) {
             lower.insert(lower.end(), upper.begin(), upper.end());
-        } else if (!upper.empty()) {
+        } else {
             return;
         }
         tail.erase(tail.begin() + static_cast<std::ptrdiff_t>(number));

@@ -9,35 +9,35 @@
 
 namespace test {
 
-class TemporaryDirectory {
+class TemporaryFolder {
   public:
-    TemporaryDirectory() {
+    TemporaryFolder() {
         std::string name = (std::filesystem::temp_directory_path() / "korvo-test-XXXXXX").string();
         if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-        directory = name;
+        folder = name;
     }
-    ~TemporaryDirectory() {
+    ~TemporaryFolder() {
         std::error_code ignored;
-        std::filesystem::remove_all(directory, ignored);
+        std::filesystem::remove_all(folder, ignored);
     }
 
-    const std::filesystem::path& path() const { return directory; }
+    const std::filesystem::path& path() const { return folder; }
 
     /** Writes a file below the folder, with the folders on the way to it. */
     std::filesystem::path write(const std::string& name, const std::string& content) const {
-        std::filesystem::path file = directory / name;
+        std::filesystem::path file = folder / name;
         std::filesystem::create_directories(file.parent_path());
         std::ofstream(file, std::ios::binary) << content;
         return file;
     }
 
     std::string read(const std::string& name) const {
-        std::ifstream file(directory / name, std::ios::binary);
+        std::ifstream file(folder / name, std::ios::binary);
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
   private:
-    std::filesystem::path directory;
+    std::filesystem::path folder;
 };
 
 }  // namespace test
