@@ -301,7 +301,7 @@ TEST_F(SystemCfgTest, NewFileKeepsTheAccessOfTheOldAndGivesNobodyMore) {
     const gid_t group = ::getegid(), member = 1234, foreign = 1235;
     // Who writes; owner, group and mode of the old file; group and mode of the new one.
     std::vector<std::tuple<uid_t, uid_t, gid_t, mode_t, gid_t, mode_t>> cases;
-    for (const mode_t mode : {0644, 0660, 0400}) cases.emplace_back(self, self, group, mode, group, mode);
+    for (const mode_t mode : {0644U, 0660U, 0400U}) cases.emplace_back(self, self, group, mode, group, mode);
     if (self == 0) {  // only root can give a file to another user, and become one
         cases.insert(cases.end(), {{0, 12, 34, 0640, 34, 0640},
                                    {0, 12, group, 0640, group, 0640},

@@ -158,8 +158,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     /**
      * Makes many changes, in their order, and writes the file once, also when nothing changed. A change
      * without a value removes a key and all below it, where there is something; one with a value does what
-     * set() does. Until it is loaded again the tree keeps null under a removed key, for which get() tells that
-     * there is none.
+     * set() does. Until it is loaded again the tree keeps null under a removed key, for which get() tells
+     * that there is none.
      *
      * All or nothing: when a key or a value is refused, a key is given twice, or writing fails, the tree, the
      * file and @p valuesChanged stay as they were. In the end the tree is another one, so that references

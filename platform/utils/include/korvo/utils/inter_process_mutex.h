@@ -64,9 +64,9 @@ class KORVO_UTILS_EXPORT InterProcessMutex {
     /**
      * Gives the lock back.
      * @return 0, also for a lock on a file that has been removed meanwhile; EPERM when this object does not
-     *         hold the lock in this process, when held() has told that it is lost, or when the host has closed
-     *         the descriptor; EINVAL for a refused name; else why the kernel refused, and the lock is still
-     *         held
+     *         hold the lock in this process, when held() has told that it is lost, or when the host has
+     *         closed the descriptor; EINVAL for a refused name; else why the kernel refused, and the lock is
+     *         still held
      */
     [[nodiscard]] int release();
 
