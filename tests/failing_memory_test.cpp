@@ -134,9 +134,8 @@ TEST(Memory, CompactGivesBackWhatRemovedMembersTook) {
     EXPECT_LT(liveObjects, 20);
     EXPECT_EQ(value.Size(), 20);
     EXPECT_EQ(value["member 9"], Variant(9));
-    while (value.Size() > 0) value.Remove(value.begin()->first);
-    value.Compact();
     value["again"] = longText;
+    const std::vector<std::string> others(1000, std::string(4000, 'x'));  // in whatever memory is free
     EXPECT_EQ(value["again"], Variant(longText));
 }
 
