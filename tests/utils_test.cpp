@@ -141,7 +141,9 @@ TEST(File, WritesFromEmptyAndReadsToTheEnd) {
     const std::string made = folder.path() / "new", content(100000, 'x');
     std::string text;
     const std::ptrdiff_t descriptors = test::openDescriptors();
-    EXPECT_TRUE(File().Initialize(made, FILE_OPEN_MODE_TRUNCATE)) << "and left open";
+    File file;
+    for (int i = 0; i < 2; ++i) EXPECT_TRUE(file.Initialize(made, FILE_OPEN_MODE_TRUNCATE));
+    EXPECT_TRUE(file.Close());
     for (const std::string& written : {content, std::string("a")}) {
         EXPECT_TRUE(writeFile(made, written));
         EXPECT_TRUE(File::ReadStringAll(made, text));

@@ -31,22 +31,19 @@ void appendText(std::string& out, std::string_view text) {
     out += '"';
 }
 
-/** Nests no deeper than key=value text may. */
+/** Nests no deeper than key=value text may, of which all maps are made: none has indices. */
 void append(std::string& out, const Variant& value, std::size_t level) {
     const VariantType type = value;
-    if (type == korvo::variant::TypeMap || type == korvo::variant::TypeArray) {
+    if (type == korvo::variant::TypeMap) {
         const std::string indent(2 * level + 2, ' ');
         const char* separator = "{\n";
-        const auto appendMember = [&](std::string_view key, const Variant& member) {
+        for (const auto& member : value) {
             out.append(separator).append(indent);
-            appendText(out, key);
+            appendText(out, member.first);
             out += ": ";
-            append(out, member, level + 1);
+            append(out, member.second, level + 1);
             separator = ",\n";
-        };
-        for (auto member = value.num_begin(); member != value.num_end(); ++member)
-            appendMember(std::to_string(member->first), member->second);
-        for (const auto& member : value) appendMember(member.first, member.second);
+        }
         if (*separator == '{') {
             out += "{}";
         } else {

@@ -14,14 +14,12 @@ namespace {
 using korvo::variant::Variant;
 using korvo::variant::VariantType;
 
-/** Records are a few levels deep at most: no input of this program nests deeper than key=value text may. */
+/** Nests no deeper than key=value text may, of which all maps are made: none has indices. */
 void flatten(const Variant& value, const std::string& key, std::map<std::string, std::string>& lines) {
     const VariantType type = value;
-    if (type == korvo::variant::TypeMap || type == korvo::variant::TypeArray) {
+    if (type == korvo::variant::TypeMap) {
         const std::string prefix = key.empty() ? key : key + '.';
         for (const auto& member : value) flatten(member.second, prefix + onOneLine(member.first), lines);
-        for (auto member = value.num_begin(); member != value.num_end(); ++member)
-            flatten(member->second, prefix + std::to_string(member->first), lines);
     } else if (type == korvo::variant::TypeString) {
         lines[key] = onOneLine(static_cast<const std::string&>(value));
     } else {
