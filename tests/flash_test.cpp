@@ -11,11 +11,7 @@
 #include "support/descriptors.h"
 #include "support/device.h"
 
-namespace {
-
-int syncs = 0;
-
-}  // namespace
+static int syncs = 0;
 
 /** Stands in front of the C library's own. */
 extern "C" __attribute__((visibility("default"))) void sync() noexcept { ++syncs; }

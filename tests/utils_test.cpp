@@ -52,14 +52,21 @@ TEST(Text, SplitAppendsWhatStandsBetweenSeparatorsEmptyPiecesToo) {
     EXPECT_THAT(pieces, ElementsAre("x.y", ".", "x", "y")) << "the arguments may be pieces that are there";
 }
 
-TEST(Text, IsTrimmedOfAsciiWhiteSpaceLoweredInAsciiLettersAndReplacedOnce) {
-    for (const auto& [input, expected] : test::readCases("texts.txt")) {
-        const auto given = test::fields(input);
-        std::string text = given[1];
-        if (given[0] == "trim") trim(text);
-        if (given[0] == "lower") text = lowerCase(text);
-        if (given[0] == "replace") replaceAll(text, given[2], given[3]);
-        EXPECT_EQ(text, expected) << input;
+TEST(Text, TrimRemovesAsciiWhiteSpaceAtBothEnds) {
+    std::string text = " \t\n\v\f\ra b\xa0 ";
+    trim(text);
+    EXPECT_EQ(text, "a b\xa0");
+    trim(text = " \t ");
+    EXPECT_EQ(text, "");
+}
+
+TEST(Text, LowerCaseChangesAsciiLettersOnly) { EXPECT_EQ(lowerCase("RTSP-\xc4Z"), "rtsp-\xc4z"); }
+
+TEST(Text, ReplaceAllDoesNotSearchWhatItBringsIn) {
+    for (const auto& [input, expected] : test::readCases("replacements.txt")) {
+        auto given = test::fields(input);
+        replaceAll(given[0], given[1], given[2]);
+        EXPECT_EQ(given[0], expected) << input;
     }
 }
 
@@ -209,7 +216,6 @@ TEST(File, IsNoPlaceWhereAThreadIsCancelled) {
         (void)::pthread_cancel(::pthread_self());
         std::string text;
         returned = File::ReadStringAll("/proc/self/stat", text);
-        (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);  // so that it ends as any other
     }).join();
     EXPECT_TRUE(returned);
 }
