@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <limits>
 
 #include "korvo/variant/variant.h"
@@ -40,8 +41,10 @@ TEST(KeyValueText, RefusesWhatItCouldNotGiveBackAndKeepsTheValue) {
         EXPECT_FALSE(tree.FromKVP(text, true, true, true)) << why << ": " << text.substr(0, 100);
         EXPECT_EQ(tree, Variant(7)) << why;
     }
-    Variant deeper;
-    ASSERT_TRUE(deeper["k"].FromKVP(sixtyFour + "=1", true, true, true));
+    Variant deepest, deeper;
+    ASSERT_TRUE(deepest.FromKVP(sixtyFour + "=1", true, true, true));
+    EXPECT_EQ(exported(deepest), sixtyFour + "=1\n");
+    deeper["k"] = deepest;
     EXPECT_EQ(exported(deeper), "refused");
 }
 
@@ -69,14 +72,18 @@ TEST(KeyValueText, WritesEveryTypeAndLeavesOutWhatHasNoText) {
         tree["double"] = 1.0;
         tree["int8"] = static_cast<signed char>(-8);
         tree["inf"] = std::numeric_limits<double>::infinity();
+        tree["nan"] = std::numeric_limits<double>::quiet_NaN();
+        tree["negative nan"] = -std::numeric_limits<double>::quiet_NaN();
         tree["null"] = Variant();
         tree["none"].IsArray(true);
         // What has no line may have any key.
         tree["a=b"] = tree["#"] = tree["none"]["."] = Variant();
         tree["a.b"].IsArray(false);
-        tree["bool"]["10"] = tree["bool"]["9"]["none"] = Variant();
-        tree["bool"]["9"].Remove("none");
-        EXPECT_EQ(exported(tree), "bool.0=1\nbool.9=nine\nbool.10=0\ndouble=1.0\ninf=inf\nint8=-8\n");
+        tree["bool"]["10"] = tree["bool"]["9"]["none"] = tree["twin"][0]["none"] = Variant();
+        tree["twin"]["0"] = "text";
+        EXPECT_EQ(exported(tree),
+                  "bool.0=1\nbool.9=nine\nbool.10=0\ndouble=1.0\ninf=inf\nint8=-8\nnan=nan\n"
+                  "negative nan=nan\ntwin.0=text\n");
         EXPECT_EQ(exported(Variant()), "");
     });
 }
@@ -88,18 +95,39 @@ TEST(KeyValueText, DoesNotWriteWhatWouldReadBackAsAnotherTree) {
         tree[key] = value;
         return tree;
     };
-    Variant twice;
+    Variant twice, below, dotted;
     twice["x"][1] = "index";
     twice["x"]["1"] = "text";
-    for (const Variant& tree :
-         {with("a=b", ""), with("a\nb", ""), with("a.b", ""), with("#a", ""), with("k", "a\nb"),
-          with("k", "a\r"), with("long key that goes on.", ""),
-          with("k", "a text of some length\nand more of it"), twice, Variant(5), Variant("text")})
+    below["x"][1] = "index";
+    below["x"]["1"]["y"] = "text";
+    dotted["a.b"]["c"] = "1";
+    for (const Variant& tree : {with("a=b", ""), with("a\nb", ""), with("a.b", ""), with("#a", ""),
+                                with("k", "a\nb"), with("k", "a\r"), with("long key that goes on.", ""),
+                                with("k", "a text of some length\nand more of it"), twice, below, dotted,
+                                Variant(5), Variant("text")})
         EXPECT_EQ(exported(tree), "refused");
-    EXPECT_EQ(exported(with("k", "a;b"), ": ", ";"), "refused");
-    EXPECT_EQ(exported(with("a: b", ""), ": ", ";"), "refused");
-    EXPECT_EQ(exported(with("k", "a: b"), ": ", ";"), "k: a: b;ok: 1;");
-    EXPECT_EQ(exported(with("k", "v"), "", ""), "kvok1");
+}
+
+TEST(KeyValueText, WritesWithOtherSeparatorsWhatCanBeSplitAtThem) {
+    Variant tree;
+    for (const auto& [key, value, separator, end, written] : {std::array{"k", "a: b", ": ", ";", "k: a: b;"},
+                                                              {"a=b", "c\nd", ": ", ";", "a=b: c\nd;"},
+                                                              {"k", "v", "", "", "kv"},
+                                                              {"", "", "", "", ""},
+                                                              {"k", "v", ".", "\n", "k.v\n"},
+                                                              {"k", "a;b", ": ", ";", "refused"},
+                                                              {"a: b", "", ": ", ";", "refused"},
+                                                              {"a:", "", "::", ";", "refused"},
+                                                              {"k", "1;", "=", ";;", "refused"},
+                                                              {"", "v", "#", "\n", "refused"},
+                                                              {"k", "v", ";", ";", "refused"}}) {
+        tree.Reset();
+        tree[key] = value;
+        EXPECT_EQ(exported(tree, separator, end), written) << key << separator << value << end;
+    }
+    tree.Reset();
+    tree["a"]["b"] = "v";
+    EXPECT_EQ(exported(tree, ".", "\n"), "refused");
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <map>
 #include <numeric>
 #include <random>
-#include <set>
 #include <sstream>
 
 #include "support/cases.h"
@@ -60,6 +59,13 @@ TEST(Variant, ConvertsEveryKindToEveryOther) {
               "double: 1 127 2147483647 65535 9223372036854775807 9.22337e+18 ");
     EXPECT_EQ(conversions(-infinity), "double: 1 -128 -2147483648 0 -9223372036854775808 -inf ");
     EXPECT_EQ(conversions(nan), "double: 0 0 0 0 0 nan ");
+    // An integer that a double does not hold exactly: rounded once, not twice.
+    constexpr long long large = (1LL << 60) + (1LL << 36) + 1;
+    for (const auto& [value, nearest] : {std::pair<Variant, float>(large, static_cast<float>(large)),
+                                         {-large, static_cast<float>(-large)},
+                                         {~0ULL, static_cast<float>(~0ULL)},
+                                         {1e300, std::numeric_limits<float>::max()}})
+        EXPECT_EQ(value.As<float>(), nearest) << test::shown(value);
 }
 
 TEST(Variant, CopiesAreDeepAndMovesLeaveNull) {
@@ -148,7 +154,7 @@ TEST(Variant, RemovesWhatItIsToldToAndNothingElse) {
         }
     };
     for (unsigned round = 0; round < 40000; ++round) {
-        // Mostly growing and mostly shrinking by turns, so that blocks split, merge and end.
+        // Mostly growing and mostly shrinking by turns.
         const unsigned number = static_cast<unsigned>(random()) % (round / 5000 % 2 == 0 ? keys : keys / 8);
         toggle(named, keyNumber(number), round);
         toggle(indexed, 2 * static_cast<long long>(number) - keys, round);
@@ -171,22 +177,6 @@ TEST(Variant, RemovesWhatItIsToldToAndNothingElse) {
         ASSERT_EQ(value.num_begin()->first, indexed.begin()->first);
         ASSERT_TRUE(value.Remove(indexed.begin()->first));
     }
-}
-
-TEST(Variant, UsesTheMemoryOfRemovedMembersAgain) {
-    Variant value;
-    value["stays"] = 1;
-    std::vector<std::string> keys;
-    for (unsigned number = 0; number < 280; ++number) keys.push_back(keyNumber(number));
-    std::set<const Variant*> places;
-    int removed = 0;
-    for (unsigned round = 0; round < 1000000; ++round) {
-        places.insert(&value[keys[round % 280]]);
-        removed += value.Remove(keys[(round + 260) % 280]) ? 1 : 0;
-    }
-    EXPECT_EQ(removed, 1000000 - 20);
-    EXPECT_EQ(value.Size(), 21);
-    EXPECT_LT(places.size(), 200);
 }
 
 TEST(Variant, TheLastMemberLeavesAnEmptyContainerOfTheSameKind) {
@@ -262,6 +252,9 @@ TEST(Variant, EqualsOnlyTheSameValueOfTheSameType) {
 
 TEST(Variant, EqualsTheNumberThatAHostComparesItWith) {
     EXPECT_NE(Variant(1.5), 1);
+    EXPECT_NE(Variant(), 0.0);
+    EXPECT_NE(Variant(), 0);
+    EXPECT_NE(Variant("0"), 0.0);
     EXPECT_EQ(Variant(-9223372036854775808.0), std::numeric_limits<long long>::min());
 }
 

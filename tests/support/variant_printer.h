@@ -27,10 +27,11 @@ inline void PrintTo(const Variant& value, std::ostream* out) {
     const VariantType type = value;
     const bool isContainer = type == TypeMap || type == TypeArray;
     Variant tree;
-    tree[""] = value;
-    std::string text = "(no key=value text)\n";
-    (void)(isContainer ? value : tree).ToKVP(text, isContainer ? "=" : "", "\n");
+    tree["v"] = value;
+    std::string text = "v=(no key=value text)\n";
+    (void)(isContainer ? value : tree).ToKVP(text, "=", "\n");
     *out << typeName(type);
+    if (!isContainer) text.erase(0, 2);
     if (type != TypeNull) *out << ' ' << text.substr(0, text.size() - 1);
 }
 

@@ -2,8 +2,6 @@
 
 #include <charconv>
 #include <cmath>
-#include <cstring>
-#include <limits>
 #include <new>
 #include <utility>
 #include <vector>
@@ -26,28 +24,23 @@ std::uint64_t saturated(double value, int valueBits, bool isSigned) {
     return value <= -bound ? ~largest : static_cast<std::uint64_t>(static_cast<std::int64_t>(value));
 }
 
-/** What is there for values that hold no text, and where no member is. Both outlive every use. */
-union Nothing {
-    constexpr Nothing() : value() {}
-    ~Nothing() {}
-    Variant value;
+/** A value that outlives every use. */
+template <class T>
+union Lasting {
+    constexpr Lasting() : value() {}
+    ~Lasting() {}
+    T value;
 };
-const Nothing nothing;
-
-union EmptyText {
-    EmptyText() : text() {}
-    ~EmptyText() {}
-    std::string text;
-};
+const Lasting<Variant> nothing;
 // Made while the library is loaded, before what needs no such order; made on first use it could keep a child
 // waiting that was forked meanwhile.
-__attribute__((init_priority(101))) const EmptyText emptyText;
+__attribute__((init_priority(101))) const Lasting<std::string> emptyText;
 
 }  // namespace
 
 // Construction and assignment
 
-Variant::Variant(const Variant& other) : type(TypeNull) {
+Variant::Variant(const Variant& other) {
     if (other.isContainer()) {
         const Container* source = other.members();
         payload.container = source != nullptr ? Container::copy(*source) : nullptr;
@@ -57,15 +50,15 @@ Variant::Variant(const Variant& other) : type(TypeNull) {
     }
 }
 
-Variant::Variant(Variant&& other) noexcept : type(TypeNull) { moveFrom(other); }
+Variant::Variant(Variant&& other) noexcept { moveFrom(other); }
 
-Variant::Variant(const char* value) : type(TypeNull) {
-    if (value != nullptr) setText(value);
+Variant::Variant(const char* value) {
+    if (value != nullptr) *this = std::string(value);
 }
 
-Variant::Variant(std::string_view value) : type(TypeNull) { setText(value); }
+Variant::Variant(std::string_view value) : Variant(std::string(value)) {}
 
-Variant::Variant(const std::string& value) : type(TypeNull) {
+Variant::Variant(const std::string& value) {
     ::new (&payload.text) std::string(value);
     type = TypeString;
 }
@@ -74,9 +67,9 @@ Variant::Variant(std::string&& value) noexcept : type(TypeString) {
     ::new (&payload.text) std::string(std::move(value));
 }
 
-Variant::~Variant() { release(); }
+Variant::~Variant() { Reset(); }
 
-void Variant::release() noexcept {
+void Variant::Reset() noexcept {
     if (type == TypeString) {
         payload.text.~basic_string();
     } else if (Container* owned = members()) {
@@ -112,86 +105,55 @@ void Variant::moveFrom(Variant& other) noexcept {
     other.type = TypeNull;
 }
 
-void Variant::setInteger(VariantType newType, std::uint64_t value) noexcept {
-    release();
-    payload.integer = value;
-    type = newType;
-}
-
-void Variant::setReal(double value) noexcept {
-    release();
-    payload.real = value;
-    type = TypeDouble;
-}
-
-void Variant::setText(std::string_view value) {
-    if (type == TypeString) {
-        payload.text.assign(value);
-        return;
-    }
-    std::string text(value);  // before releasing, which may take away what value points into
-    release();
-    ::new (&payload.text) std::string(std::move(text));
-    type = TypeString;
-}
-
 Variant& Variant::operator=(const Variant& other) {
     if (type == TypeString && other.type == TypeString) {
         payload.text = other.payload.text;
         return *this;
     }
     Variant copy(other);  // before releasing: other may be a member of this value
-    release();
+    Reset();
     moveFrom(copy);
     return *this;
 }
 
 Variant& Variant::operator=(Variant&& other) noexcept {
     Variant taken(std::move(other));
-    release();
+    Reset();
     moveFrom(taken);
     return *this;
 }
 
 Variant& Variant::operator=(const char* value) {
-    if (value != nullptr) {
-        setText(value);
-    } else {
-        release();
-    }
+    if (value != nullptr) return *this = std::string_view(value);
+    Reset();
     return *this;
 }
 
 Variant& Variant::operator=(std::string_view value) {
-    setText(value);
+    // Copied before releasing, which may take away what value points into.
+    if (type != TypeString) return *this = std::string(value);
+    payload.text.assign(value);
     return *this;
 }
 
-Variant& Variant::operator=(const std::string& value) {
-    setText(value);
-    return *this;
-}
+Variant& Variant::operator=(const std::string& value) { return *this = std::string_view(value); }
 
 Variant& Variant::operator=(std::string&& value) noexcept {
     if (type == TypeString) {
         payload.text = std::move(value);
     } else {
-        release();
+        Reset();
         ::new (&payload.text) std::string(std::move(value));
         type = TypeString;
     }
     return *this;
 }
 
-void Variant::Reset() noexcept { release(); }
-
-void Variant::Free() noexcept { release(); }
-
 // Containers
 
 void Variant::IsArray(bool array) noexcept {
     if (!isContainer()) {
-        release();
+        Reset();
         payload.container = nullptr;
     }
     type = array ? TypeArray : TypeMap;
@@ -222,38 +184,34 @@ Variant& Variant::member(long long index) {
 }
 
 template <class Key>
-const Variant& Variant::memberOrNull(Key key) const noexcept {
+const Variant* Variant::find(Key key) const noexcept {
     const Container* owned = members();
-    const Variant* found = owned != nullptr ? owned->find(key) : nullptr;
-    return found != nullptr ? *found : nothing.value;
+    return owned != nullptr ? owned->find(key) : nullptr;
 }
 
-std::size_t Variant::Size() const noexcept {
-    const Container* owned = members();
-    return owned != nullptr ? owned->size() : 0;
-}
+const Variant& Variant::null() noexcept { return nothing.value; }
 
 template <class Key>
-bool Variant::hasMember(Key key) const noexcept {
-    const Container* owned = members();
-    return owned != nullptr && owned->find(key) != nullptr;
+std::size_t Variant::count() const noexcept {
+    const Members<Key>* owned = members();
+    return owned != nullptr ? owned->entries().size() : 0;
 }
 
 template <class Key>
 bool Variant::removeMember(Key key) noexcept {
     Container* owned = members();
     if (owned == nullptr || !owned->remove(key)) return false;
-    if (owned->size() == 0) {
+    if (Size() == 0) {
         payload.container = nullptr;
         Container::destroy(owned);
     }
     return true;
 }
 
-template const Variant& Variant::memberOrNull(std::string_view key) const noexcept;
-template const Variant& Variant::memberOrNull(long long index) const noexcept;
-template bool Variant::hasMember(std::string_view key) const noexcept;
-template bool Variant::hasMember(long long index) const noexcept;
+template const Variant* Variant::find(std::string_view key) const noexcept;
+template const Variant* Variant::find(long long index) const noexcept;
+template std::size_t Variant::count<std::string_view>() const noexcept;
+template std::size_t Variant::count<long long>() const noexcept;
 template bool Variant::removeMember(std::string_view key) noexcept;
 template bool Variant::removeMember(long long index) noexcept;
 
@@ -274,54 +232,17 @@ void Variant::Compact() {
 }
 
 template <class Key, class Value>
-typename MemberIterator<Key, Value>::reference MemberIterator<Key, Value>::operator*() const {
-    auto* member = container->entries(Key()).block(block)[offset].member;
-    return *::new (static_cast<void*>(shown)) Element{member->key(), member->value};
-}
-
-template <class Key, class Value>
-MemberIterator<Key, Value>& MemberIterator<Key, Value>::operator++() {
-    if (++offset == container->entries(Key()).block(block).size()) {
-        ++block;
-        offset = 0;
-    }
-    return *this;
+const typename MemberIterator<Key, Value>::Element MemberIterator<Key, Value>::operator*() const {
+    const Members<Key>& members = *container;
+    auto* const member = members.entries()[index].member;
+    return {member->key, member->value};
 }
 
 // Of each iterator only what the header leaves open: hosts inline the rest, which would be exported in vain.
-template Variant::iterator::reference Variant::iterator::operator*() const;
-template Variant::const_iterator::reference Variant::const_iterator::operator*() const;
-template Variant::num_iterator::reference Variant::num_iterator::operator*() const;
-template Variant::const_num_iterator::reference Variant::const_num_iterator::operator*() const;
-template Variant::iterator& Variant::iterator::operator++();
-template Variant::const_iterator& Variant::const_iterator::operator++();
-template Variant::num_iterator& Variant::num_iterator::operator++();
-template Variant::const_num_iterator& Variant::const_num_iterator::operator++();
-
-namespace {
-
-template <class Key>
-std::size_t endBlock(const Container* container) {
-    return container != nullptr ? container->entries(Key()).blockCount() : 0;
-}
-
-}  // namespace
-
-Variant::iterator Variant::begin() { return {members(), 0}; }
-
-Variant::iterator Variant::end() { return {members(), endBlock<std::string_view>(members())}; }
-
-Variant::const_iterator Variant::begin() const { return {members(), 0}; }
-
-Variant::const_iterator Variant::end() const { return {members(), endBlock<std::string_view>(members())}; }
-
-Variant::num_iterator Variant::num_begin() { return {members(), 0}; }
-
-Variant::num_iterator Variant::num_end() { return {members(), endBlock<long long>(members())}; }
-
-Variant::const_num_iterator Variant::num_begin() const { return {members(), 0}; }
-
-Variant::const_num_iterator Variant::num_end() const { return {members(), endBlock<long long>(members())}; }
+template const Variant::iterator::Element Variant::iterator::operator*() const;
+template const Variant::const_iterator::Element Variant::const_iterator::operator*() const;
+template const Variant::num_iterator::Element Variant::num_iterator::operator*() const;
+template const Variant::const_num_iterator::Element Variant::const_num_iterator::operator*() const;
 
 // Key-chain paths
 
@@ -372,16 +293,10 @@ bool Variant::toBool() const noexcept {
     return ((type & TypeNumeric) != 0 || type == TypeBool) && payload.integer != 0;
 }
 
-double Variant::toReal() const noexcept {
-    if (type == TypeDouble) return payload.real;
-    if (type == TypeUInt64) return static_cast<double>(payload.integer);
-    return static_cast<double>(static_cast<std::int64_t>(toInteger(63, true)));
-}
-
 Variant::operator const char*() const noexcept { return type == TypeString ? payload.text.c_str() : ""; }
 
 Variant::operator const std::string&() const noexcept {
-    return type == TypeString ? payload.text : emptyText.text;
+    return type == TypeString ? payload.text : emptyText.value;
 }
 
 namespace {

@@ -10,7 +10,8 @@
  * camera["presets"][-1] = 2.5;
  * const int port = camera["rtsp"]["port"];
  * if (camera["name"] == "door" && !camera.Contains("zoom")) camera.Remove("presets");
- * for (auto& [key, member] : camera) show(key, member.As<std::string>());
+ * for (auto& [key, member] : camera) show(key, member.As<std::string>());  // members with text keys
+ * for (auto& [index, member] : camera["presets"].Indexed()) move(index, member);  // those with an index
  * @endcode
  *
  * Ownership: a Variant owns its content. Copies are deep; a moved-from Variant is null.
@@ -100,44 +101,35 @@ constexpr VariantType integerType(std::size_t bytes, bool isSigned) {
 /// @endcond
 
 /**
- * How a value of the C++ type @p T is held: `tag`, for every arithmetic type and, as its underlying type,
+ * How a value of the C++ type @p T is held: a tag for every arithmetic type and, as its underlying type, for
  * every enumeration. An integer gets the tag with its width, or with the next wider one that there is, so
- * that it keeps its value; all floating types are held as double. Other types, pointers above all, have no
- * tag.
+ * that it keeps its value; all floating types are held as double. For other types, pointers above all, it is
+ * TypeNull.
  */
-template <class T, class = void>
-struct NumberTag {};
+template <class T>
+constexpr VariantType numberTag() {
+    if constexpr (std::is_same<T, bool>::value) {
+        return TypeBool;
+    } else if constexpr (std::is_floating_point<T>::value) {
+        return TypeDouble;
+    } else if constexpr (std::is_enum<T>::value) {
+        return numberTag<std::underlying_type_t<T>>();
+    } else if constexpr (std::is_integral<T>::value) {
+        return sizeof(T) <= 8 ? detail::integerType(sizeof(T), std::is_signed<T>::value) : TypeNull;
+    } else {
+        return TypeNull;
+    }
+}
 
 /// @cond
-template <>
-struct NumberTag<bool> {
-    static constexpr VariantType tag = TypeBool;
-};
-
-template <class T>
-struct NumberTag<T, std::enable_if_t<std::is_integral<T>::value && !std::is_same<T, bool>::value &&
-                                     sizeof(T) <= sizeof(std::uint64_t)>> {
-    static constexpr VariantType tag = detail::integerType(sizeof(T), std::is_signed<T>::value);
-};
-
-template <class T>
-struct NumberTag<T, std::enable_if_t<std::is_floating_point<T>::value>> {
-    static constexpr VariantType tag = TypeDouble;
-};
-
-template <class T>
-struct NumberTag<T, std::enable_if_t<std::is_enum<T>::value>> : NumberTag<std::underlying_type_t<T>> {};
-
 class Container;
 class Variant;
 
 // What the interface below is written with.
 namespace detail {
 
-template <class T, class = void>
-inline constexpr bool isNumber = false;
 template <class T>
-inline constexpr bool isNumber<T, std::void_t<decltype(NumberTag<T>::tag)>> = true;
+inline constexpr bool isNumber = numberTag<T>() != TypeNull;
 
 template <class T>
 inline constexpr bool isIndex = std::is_integral<T>::value && !std::is_same<T, bool>::value;
@@ -191,7 +183,7 @@ inline std::string_view textOf(const char* text) {
 template <class Key, class Value>
 class KORVO_VARIANT_EXPORT MemberIterator {
   public:
-    /** A member as the iterator shows it. A copy of it still means the same member. */
+    /** A member as the iterator shows it. It outlives the iterator. */
     struct Element {
         Key first;      ///< the key; a text key is a view that lives as long as the member
         Value& second;  ///< the member
@@ -200,32 +192,47 @@ class KORVO_VARIANT_EXPORT MemberIterator {
     using iterator_category = std::input_iterator_tag;
     using value_type = Element;
     using difference_type = std::ptrdiff_t;
-    using pointer = const Element*;
-    using reference = const Element&;
+    using reference = const Element;
 
-    /** The element lives in the iterator, until that is moved on or destroyed. */
+    /** What `it->first` goes through. */
+    struct pointer {
+        Element element;
+        const Element* operator->() const { return &element; }
+    };
+
+    /** Constant, so that the `auto&` of a loop binds to it. */
     reference operator*() const;
-    pointer operator->() const { return &**this; }
-    MemberIterator& operator++();
+    pointer operator->() const { return {**this}; }
+    MemberIterator& operator++() {
+        ++index;
+        return *this;
+    }
     MemberIterator operator++(int) {
         MemberIterator before(*this);
         ++*this;
         return before;
     }
-    bool operator==(const MemberIterator& other) const {
-        return block == other.block && offset == other.offset;
-    }
-    bool operator!=(const MemberIterator& other) const { return !(*this == other); }
+    bool operator==(const MemberIterator& other) const { return index == other.index; }
+    bool operator!=(const MemberIterator& other) const { return index != other.index; }
 
   private:
     friend class Variant;
-    MemberIterator(const Container* owner, std::size_t firstBlock) : container(owner), block(firstBlock) {}
+    MemberIterator(const Container* owner, std::size_t first) : container(owner), index(first) {}
 
     const Container* container;  ///< null when the value has no members
-    std::size_t block;
-    std::size_t offset = 0;
-    alignas(Element) mutable unsigned char shown[sizeof(Element)] = {};  ///< where the element is built
+    std::size_t index;           ///< of the member among those with such keys
 };
+
+/** What Variant::Indexed() gives to a loop. */
+template <class Iterator>
+struct MemberRange {
+    Iterator first, last;
+    Iterator begin() const { return first; }
+    Iterator end() const { return last; }
+};
+
+/** The most components of a key, and so the most levels of a tree, in key=value text. */
+inline constexpr std::size_t maxKeyComponents = 64;
 
 /** The dynamically typed value; see the top of this file for what holds of all its operations. */
 class KORVO_VARIANT_EXPORT Variant {
@@ -235,17 +242,14 @@ class KORVO_VARIANT_EXPORT Variant {
     using num_iterator = MemberIterator<long long, Variant>;
     using const_num_iterator = MemberIterator<long long, const Variant>;
 
-    constexpr Variant() noexcept : type(TypeNull) {}
+    constexpr Variant() noexcept = default;
     Variant(const Variant& other);
     Variant(Variant&& other) noexcept;
 
-    /** A number, or an enumerator by its number; held as NumberTag says. */
+    /** A number, or an enumerator by its number; held as numberTag() says. */
     template <class Number, std::enable_if_t<detail::isNumber<Number>, int> = 0>
-    Variant(Number value) noexcept : type(NumberTag<Number>::tag) {
-        if constexpr (std::is_floating_point<Number>::value)
-            payload.real = detail::narrowed<double>(value);
-        else
-            payload.integer = static_cast<std::uint64_t>(static_cast<long long>(value));
+    Variant(Number value) noexcept {
+        holdNumber(value);
     }
     Variant(const char* value);  ///< a copy of the text; a null pointer gives the null value
     Variant(std::string_view value);
@@ -261,10 +265,8 @@ class KORVO_VARIANT_EXPORT Variant {
     Variant& operator=(Variant&& other) noexcept;
     template <class Number, std::enable_if_t<detail::isNumber<Number>, int> = 0>
     Variant& operator=(Number value) noexcept {
-        if constexpr (std::is_floating_point<Number>::value)
-            setReal(detail::narrowed<double>(value));
-        else
-            setInteger(NumberTag<Number>::tag, static_cast<std::uint64_t>(value));
+        Reset();
+        holdNumber(value);
         return *this;
     }
     Variant& operator=(const char* value);  ///< a null pointer gives the null value
@@ -276,8 +278,8 @@ class KORVO_VARIANT_EXPORT Variant {
     /** Back to the null value; everything held is released. */
     void Reset() noexcept;
 
-    /** Releases the content, as Reset() does. */
-    void Free() noexcept;
+    /** The same as Reset(). */
+    void Free() noexcept { Reset(); }
 
     /**
      * Marks the value as an array (true) or as a map (false). A container keeps its members; any other value
@@ -306,33 +308,33 @@ class KORVO_VARIANT_EXPORT Variant {
     /** @name Members of a constant value
      * The member under a key, or a null value that belongs to nobody when there is none; -1 is none.
      * @{ */
-    const Variant& operator[](const char* key) const { return memberOrNull(detail::textOf(key)); }
-    const Variant& operator[](std::string_view key) const { return memberOrNull(key); }
-    const Variant& operator[](const std::string& key) const { return memberOrNull(std::string_view(key)); }
-    const Variant& operator[](long long index) const { return memberOrNull(index); }
+    const Variant& operator[](const char* key) const { return orNull(find(detail::textOf(key))); }
+    const Variant& operator[](std::string_view key) const { return orNull(find(key)); }
+    const Variant& operator[](const std::string& key) const { return orNull(find(std::string_view(key))); }
+    const Variant& operator[](long long index) const { return orNull(find(index)); }
     template <class Integer, std::enable_if_t<detail::isIndex<Integer>, int> = 0>
     const Variant& operator[](Integer index) const {
-        return memberOrNull(static_cast<long long>(index));
+        return orNull(find(static_cast<long long>(index)));
     }
     /** @} */
 
     /** The number of members, those with text keys and those with indices; 0 for what is no container. */
-    std::size_t Size() const noexcept;
+    std::size_t Size() const noexcept { return count<std::string_view>() + count<long long>(); }
 
     /** @name Membership
      * Whether there is a member under a key. An appended member has an index of its own, so -1 is none.
      * @{ */
-    bool Contains(const char* key) const noexcept { return hasMember(detail::textOf(key)); }
-    bool Contains(std::string_view key) const noexcept { return hasMember(key); }
+    bool Contains(const char* key) const noexcept { return find(detail::textOf(key)) != nullptr; }
+    bool Contains(std::string_view key) const noexcept { return find(key) != nullptr; }
     template <class Integer, std::enable_if_t<detail::isIndex<Integer>, int> = 0>
     bool Contains(Integer index) const noexcept {
-        return hasMember(static_cast<long long>(index));
+        return find(static_cast<long long>(index)) != nullptr;
     }
     /** @} */
 
     /** @name Removal
-     * Removes the member under a key, and all below it. The value stays a map or an array, also without
-     * members. What the member took is used again for later ones, or given back by Compact().
+     * Removes the member under a key, and all below it, and frees its memory. The value stays a map or an
+     * array, also without members.
      * @return whether there was such a member; -1 is none
      * @{ */
     bool Remove(const char* key) noexcept { return removeMember(detail::textOf(key)); }
@@ -345,18 +347,22 @@ class KORVO_VARIANT_EXPORT Variant {
 
     /** @name Iteration
      * From begin() to end() stand the members with text keys, in ascending byte order; from num_begin() to
-     * num_end() those with an index, in ascending order. Both ranges are empty for a value that is no
-     * container. An element has `first`, the key, and `second`, the member. Adding a member to this value or
-     * removing one makes its iterators invalid.
+     * num_end() those with an index, in ascending order. So `for (auto& [key, member] : value)` leaves out the
+     * members with an index, all of an array; `for (auto& [index, member] : value.Indexed())` walks them. Both
+     * ranges are empty for a value that is no container. An element has `first`, the key, and `second`, the
+     * member. Adding a member to this value or removing one makes its iterators invalid.
      * @{ */
-    iterator begin();
-    iterator end();
-    const_iterator begin() const;
-    const_iterator end() const;
-    num_iterator num_begin();
-    num_iterator num_end();
-    const_num_iterator num_begin() const;
-    const_num_iterator num_end() const;
+    iterator begin() { return {members(), 0}; }
+    iterator end() { return {members(), count<std::string_view>()}; }
+    const_iterator begin() const { return {members(), 0}; }
+    const_iterator end() const { return {members(), count<std::string_view>()}; }
+    num_iterator num_begin() { return {members(), 0}; }
+    num_iterator num_end() { return {members(), count<long long>()}; }
+    const_num_iterator num_begin() const { return {members(), 0}; }
+    const_num_iterator num_end() const { return {members(), count<long long>()}; }
+    MemberRange<num_iterator> Indexed() & { return {num_begin(), num_end()}; }
+    MemberRange<const_num_iterator> Indexed() const& { return {num_begin(), num_end()}; }
+    void Indexed() const&& = delete;  ///< a loop would walk a value that is gone
     /** @} */
 
     /**
@@ -385,8 +391,8 @@ class KORVO_VARIANT_EXPORT Variant {
      * Replaces the value by the tree that @p text describes, a map.
      *
      * Refuses, with false and the value as it was, what ToKVP() could not give back: a line that is not blank
-     * and has no "=", a key that has both a value and keys below it, a key of more than 64 components, a
-     * value with a carriage return at its end.
+     * and has no "=", a key that has both a value and keys below it, a key of more than maxKeyComponents
+     * components, a value with a carriage return at its end.
      *
      * @param text             the text; any bytes
      * @param reserved         not used
@@ -410,16 +416,16 @@ class KORVO_VARIANT_EXPORT Variant {
      * where that would look like an integer. Null members and empty containers have no line.
      *
      * Refuses, with false and @p text as it was, what would not read back as the same tree: a key that holds
-     * "=", "." or a line feed, a line that would begin with "#", a value with a line feed in it or a carriage
-     * return at its end, an index and a text key that look the same, more than 64 levels, and this value
-     * itself when it is neither a container nor null. A member that has no line may have any key, except one
-     * that looks like an index that has a line.
+     * "=", "." or a line feed, a value that holds a line feed, a line that begins with "#" or ends with a
+     * carriage return, an index and a text key that look the same, more than maxKeyComponents levels, and this
+     * value itself when it is neither a container nor null. A member that has no line may have any key.
      *
-     * With separators of one's own it refuses likewise a key that holds either of them and a value that holds
-     * the line separator; a value may hold the key separator, since lines are split at their first one. An
-     * empty separator is taken as it is, though nobody can tell then where a key or a line ends.
+     * Separators of one's own take the place of "=" and the line feed in this: a line is refused unless the key
+     * separator stands in it first behind the key, and the line separator first behind the value. An empty
+     * separator is taken as it is, though nobody can tell then where a key or a line ends.
      *
-     * @param text           receives the text; must not be a text inside this value
+     * @param text           receives the text; must not be a text inside this value. What it has reserved is
+     *                       reserved for the new text too, which spares growing
      * @param keySeparator   between key and value, normally "="
      * @param lineSeparator  after each line, normally "\n"
      */
@@ -427,7 +433,10 @@ class KORVO_VARIANT_EXPORT Variant {
                              const std::string& lineSeparator) const;
     /** @} */
 
-    /** Gives back memory that growing and removing have left spare. The value stays equal to what it was. */
+    /**
+     * Frees what texts and the lists of members hold in reserve for growing. The value stays equal to what it
+     * was.
+     */
     void Compact();
 
     /** @name Conversions (table at the top of this file)
@@ -466,7 +475,7 @@ class KORVO_VARIANT_EXPORT Variant {
         } else if constexpr (std::is_same<T, bool>::value) {
             return toBool();
         } else if constexpr (std::is_floating_point<T>::value) {
-            return detail::narrowed<T>(toReal());
+            return toReal<T>();
         } else if constexpr (std::is_integral<T>::value) {
             return static_cast<T>(toInteger(std::numeric_limits<T>::digits, std::is_signed<T>::value));
         } else if constexpr (std::is_enum<T>::value) {
@@ -526,8 +535,6 @@ class KORVO_VARIANT_EXPORT Variant {
 
   private:
     friend class Container;
-    friend class KeyValueReader;
-    friend class KeyValueWriter;
 
     union Payload {
         constexpr Payload() noexcept : integer(0) {}
@@ -546,23 +553,38 @@ class KORVO_VARIANT_EXPORT Variant {
     Variant& member(std::string_view key);
     Variant& member(long long index);
     template <class Key>
-    const Variant& memberOrNull(Key key) const noexcept;
+    const Variant* find(Key key) const noexcept;
+    static const Variant& null() noexcept;
+    static const Variant& orNull(const Variant* found) { return found != nullptr ? *found : null(); }
     template <class Key>
-    bool hasMember(Key key) const noexcept;
+    std::size_t count() const noexcept;
     template <class Key>
     bool removeMember(Key key) noexcept;
-    void setInteger(VariantType newType, std::uint64_t value) noexcept;
-    void setReal(double value) noexcept;
+    /** Becomes a number. This value must hold nothing to release. */
+    template <class Number>
+    void holdNumber(Number value) noexcept {
+        if constexpr (std::is_floating_point<Number>::value)
+            payload.real = detail::narrowed<double>(value);
+        else
+            payload.integer = static_cast<std::uint64_t>(static_cast<long long>(value));
+        type = numberTag<Number>();
+    }
     bool toBool() const noexcept;
     std::uint64_t toInteger(int valueBits, bool isSigned) const noexcept;
-    double toReal() const noexcept;
+    template <class Real>
+    Real toReal() const noexcept {
+        if (type == TypeDouble) return detail::narrowed<Real>(payload.real);
+        const std::uint64_t integer = toInteger(63, true);
+        return type == TypeUInt64 ? static_cast<Real>(integer)
+                                  : static_cast<Real>(static_cast<std::int64_t>(integer));
+    }
     bool equalsInteger(std::uint64_t value, bool isNegative) const noexcept;
     bool equalsReal(double value) const noexcept;
     bool equalsView(std::string_view value) const noexcept;
 
     template <class T>
     bool equalsNumber(T value) const noexcept {
-        constexpr VariantType tag = NumberTag<T>::tag;
+        constexpr VariantType tag = numberTag<T>();
         if constexpr (tag == TypeDouble) {
             return equalsReal(detail::narrowed<double>(value));
         } else {
@@ -580,14 +602,12 @@ class KORVO_VARIANT_EXPORT Variant {
         }
     }
 
-    KORVO_VARIANT_PRIVATE void release() noexcept;
     KORVO_VARIANT_PRIVATE void moveFrom(Variant& other) noexcept;
     KORVO_VARIANT_PRIVATE void copyLeaf(const Variant& other);
-    KORVO_VARIANT_PRIVATE void setText(std::string_view value);
     template <class Key>
     KORVO_VARIANT_PRIVATE Variant& firstMember(Key key, VariantType typeWhenNone);
 
-    VariantType type;
+    VariantType type = TypeNull;
     Payload payload;
 };
 
