@@ -47,7 +47,7 @@ TEST(Logger, IsNoPlaceWhereAThreadIsCancelled) {
     EXPECT_TRUE(returned);
 }
 
-TEST(Logger, EscapesControlCharactersAndNothingElse) {
+TEST(Logger, EscapesControlCharactersAndWhatIsNoUtf8AndNothingElse) {
     for (const auto& [text, expected] : test::readCases("log_escapes.txt")) {
         test::LogCapture log;
         logInternal("module", "src/x", "f", 7, 3, 0, 0, "%s", text.c_str());

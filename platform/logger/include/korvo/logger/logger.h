@@ -11,6 +11,10 @@
  */
 #pragma once
 
+#include <cstddef>
+#include <string>
+#include <string_view>
+
 /** Marks what the logger library exports. */
 #define KORVO_LOGGER_EXPORT __attribute__((visibility("default")))
 
@@ -27,12 +31,13 @@ struct Record {
     int line;                ///< source line of the call
     int level;               ///< syslog severity, 0 (emergency) to 7 (debug)
     int errorCode;           ///< an errno value that belongs to the message, or 0
-    const char* message;     ///< one line of text without control characters
+    const char* message;     ///< one line of text, as escaped() makes it
 };
 
 /**
  * Where messages go. A sink is called by the thread that logs, so it may be called from several threads at
- * once; it must neither log nor throw.
+ * once; it must neither log nor throw. The thread waits for it, with the configuration locked if it holds that
+ * lock: a sink, or a standard error, that blocks keeps every other service from changing anything.
  */
 using Sink = void (*)(const Record& record);
 
@@ -52,16 +57,36 @@ KORVO_LOGGER_EXPORT void standardErrorSink(const Record& record);
  */
 KORVO_LOGGER_EXPORT void syslogSink(const Record& record);
 
+/** @name Text of any origin
+ * Not only for messages: a program uses them for whatever it prints. They keep no state.
+ * @{ */
+
+/**
+ * A text that stays on one line and cannot steer a terminal. Control characters and bytes that belong to no
+ * UTF-8 character are written as `\n`, `\r`, `\t` or, each of their bytes, as `\xNN`. All else stays, backslashes
+ * too, so that escaping twice changes nothing.
+ */
+KORVO_LOGGER_EXPORT std::string escaped(std::string_view text);
+
+/**
+ * Decodes the UTF-8 character at the beginning of a text.
+ * @param text  not empty
+ * @param code  receives the code point; undefined where there is no such character
+ * @return the length of the character; 0 where the bytes are none
+ */
+KORVO_LOGGER_EXPORT std::size_t utf8Character(std::string_view text, char32_t& code);
+
+/** Reports whether a terminal may obey a character: the ASCII controls, DEL, and U+0080 to U+009F. */
+KORVO_LOGGER_EXPORT bool isControl(char32_t code);
+/** @} */
+
 }  // namespace korvo::logger
 
 /**
  * Logs one message.
  *
- * The message is formatted as printf does. Control characters in it, whichever argument they come from, are
- * written as `\n`, `\t`, `\xNN` and the like, so that nothing logged can pass for a second line or steer a
- * terminal. U+0080 to U+009F and single bytes of that range are control characters too; the same bytes within
- * another UTF-8 character are not. errno is left as it was, and the ready-made sinks are no cancellation
- * points.
+ * The message is formatted as printf does, and then escaped(), so that no argument can forge a second line or
+ * steer a terminal. errno is left as it was. Logging is no cancellation point, whatever the sink does.
  *
  * @param module      the library or program that logs
  * @param sourceFile  the calling source file
