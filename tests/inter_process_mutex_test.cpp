@@ -1,5 +1,6 @@
 #include "korvo/utils/inter_process_mutex.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -15,6 +16,16 @@
 #include "korvo/utils/file.h"
 #include "support/child_process.h"
 #include "support/device.h"
+
+static std::function<int()> atFchown;  ///< the errno value with which fchown() fails, or 0
+
+/** Stands in front of the C library's own. */
+extern "C" __attribute__((visibility("default"))) int fchown(int descriptor, uid_t owner,
+                                                             gid_t group) noexcept {
+    static const auto original = reinterpret_cast<decltype(&::fchown)>(::dlsym(RTLD_NEXT, "fchown"));
+    errno = atFchown ? atFchown() : 0;
+    return errno == 0 ? original(descriptor, owner, group) : -1;
+}
 
 namespace {
 
@@ -36,8 +47,32 @@ class InterProcessMutexTest : public testing::Test {
         return asker.hear();
     }
 
+    /** Lets the other user into the device, whose store becomes his. */
+    void makeTheStoreTheOtherUsers() const {
+        fs::permissions(root.path(), fs::perms(0755));
+        fs::permissions(root.path() / "tmp", fs::perms(01777));
+        fs::create_directories(flash);
+        ASSERT_EQ(::chown(flash.c_str(), test::otherUser, test::otherUser), 0);
+    }
+
+    /** What acquire() says to root or the other user in a process that then ends with the lock. */
+    int acquireAs(bool asRoot) const {
+        ChildProcess user([asRoot](const ChildProcess&) {
+            if (!asRoot) test::becomeOtherUser();
+            return InterProcessMutex("name", true).acquire();
+        });
+        return user.exitStatus();
+    }
+
+    uid_t ownerOfLockFile() const {
+        struct stat status {};
+        EXPECT_EQ(::lstat(lockFile.c_str(), &status), 0);
+        return status.st_uid;
+    }
+
     test::Device root;
     const fs::path lockFile = root.path() / "tmp/name.lock";
+    const fs::path flash = root.path() / fs::path(KORVO_FLASH_DIR).relative_path();
     InterProcessMutex mutex{"name", true};
 };
 
@@ -46,6 +81,7 @@ TEST_F(InterProcessMutexTest, RefusesBadNames) {
         InterProcessMutex refused(name, true);
         EXPECT_EQ(refused.acquire(), EINVAL) << (name ? name : "null");
         EXPECT_EQ(refused.release(), EINVAL) << (name ? name : "null");
+        EXPECT_FALSE(refused.acquired() || refused.held());
     }
 }
 
@@ -100,6 +136,139 @@ TEST_F(InterProcessMutexTest, NeverWaitsForALockFileThatSomebodyElseCanHold) {
     EXPECT_EQ(mutex.release(), 0);
 }
 
+TEST_F(InterProcessMutexTest, RootAndTheStoresOwnerExcludeOneAnother) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can have another user beside it";
+    const fs::path elsewhere = root.path() / "elsewhere", inside = root.path() / "tmp/inside";
+    const auto plant = [&](uid_t owner, mode_t mode, const char* content = "") {
+        ASSERT_EQ(::chmod(root.write("tmp/name.lock", content).c_str(), mode), 0);
+        ASSERT_EQ(::chown(lockFile.c_str(), owner, owner), 0);
+    };
+    constexpr uid_t user = test::otherUser;
+    struct Case {
+        const char* what;
+        bool rootFirst;
+        std::function<void()> make;
+    };
+    const Case cases[] = {
+        {"nothing, root first", true, [] {}},
+        {"nothing, the user first", false, [] {}},
+        {"his, root first", true, [&] { plant(user, 0600); }},
+        {"his, with content, he first", false, [&] { plant(user, 0600, "printed"); }},
+        {"root's", true, [&] { plant(0, 0600); }},
+        {"root's, with content", true, [&] { plant(0, 0600, "secret"); }},
+        {"root's, open to others", true, [&] { plant(0, 0644, "secret"); }},
+        {"another user's", true, [&] { plant(user + 1, 0600); }},
+        {"a second name of root's", true,
+         [&] { plant(0, 0600, "secret"), fs::create_hard_link(lockFile, elsewhere); }},
+        {"a link to root's", true,
+         [&] {
+             plant(0, 0600, "secret"), fs::rename(lockFile, elsewhere),
+                 fs::create_symlink(elsewhere, lockFile);
+         }},
+    };
+    const auto use = [&](bool asRoot, bool isKilled) {
+        return [&inside, asRoot, isKilled](const ChildProcess& self) {
+            if (!asRoot) test::becomeOtherUser();
+            InterProcessMutex lock("name", true);
+            const int error = lock.acquire();
+            const bool isAlone = ::mkdir(inside.c_str(), 0700) == 0;
+            self.tell(error == 0 && !isAlone ? -1 : error);
+            std::this_thread::sleep_for(20ms);
+            const bool isHeld = lock.held() && ::rmdir(inside.c_str()) == 0;
+            if (isKilled && isHeld) return ::raise(SIGKILL);
+            return isHeld ? lock.release() : EPERM;
+        };
+    };
+    makeTheStoreTheOtherUsers();
+    for (const auto& [what, rootFirst, make] : cases) {
+        SCOPED_TRACE(what);
+        make();
+        const int planted = ::open(lockFile.c_str(), O_RDONLY);
+        struct stat before {
+        }, after{};
+        (void)::fstat(planted, &before);
+        ChildProcess first(use(rootFirst, true));
+        ASSERT_EQ(first.hear(), 0);
+        EXPECT_EQ(ownerOfLockFile(), user);
+        ChildProcess second(use(!rootFirst, true));
+        ASSERT_EQ(second.hear(), 0) << "after the killed one";
+        ChildProcess third(use(rootFirst, false)), fourth(use(!rootFirst, false));
+        ASSERT_EQ(third.hear(), 0);
+        ASSERT_EQ(fourth.hear(), 0);
+        EXPECT_EQ(first.exitStatus(), -SIGKILL) << "it lost the lock";
+        EXPECT_EQ(second.exitStatus(), -SIGKILL) << "it lost the lock";
+        EXPECT_EQ(third.exitStatus(), 0);
+        EXPECT_EQ(fourth.exitStatus(), 0);
+        (void)::fstat(planted, &after);
+        if (before.st_uid == 0 && before.st_size > 0) {
+            EXPECT_EQ(after.st_uid, 0U) << "root gave a secret away";
+            EXPECT_EQ(after.st_size, before.st_size) << "root emptied it";
+        }
+        ::close(planted);
+        fs::remove(lockFile), fs::remove(elsewhere);
+    }
+}
+
+TEST_F(InterProcessMutexTest, TheStoresOwnerWaitsForRootToGiveHimTheLockFile) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can have another user beside it";
+    makeTheStoreTheOtherUsers();
+    const std::tuple<const char*, std::function<int()>, int, int> cases[] = {
+        {"late", [] { return std::this_thread::sleep_for(200ms), 0; }, 0, 0},
+        {"refused by the file system", [] { return EPERM; }, 0, EACCES},
+        {"killed before", [] { return ::raise(SIGKILL); }, -SIGKILL, EACCES},
+    };
+    for (const auto& [what, act, forRoot, forUser] : cases) {
+        SCOPED_TRACE(what);
+        ChildProcess gives([this, act = act](const ChildProcess& self) {
+            atFchown = [&] { return self.tell(1), act(); };
+            return mutex.acquire();
+        });
+        ASSERT_EQ(gives.hear(), 1);
+        EXPECT_EQ(ownerOfLockFile(), 0U);
+        EXPECT_EQ(acquireAs(false), forUser);
+        EXPECT_EQ(gives.exitStatus(), forRoot);
+        EXPECT_EQ(acquireAs(true), 0);
+        EXPECT_EQ(acquireAs(false), 0) << "what root left locks the user out";
+        fs::remove(lockFile);
+    }
+}
+
+TEST_F(InterProcessMutexTest, OnlyRootAsksWhoseTheStoreIs) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can have another user beside it";
+    makeTheStoreTheOtherUsers();
+    fs::remove(flash);
+    ASSERT_EQ(acquireAs(false), 0);
+    EXPECT_EQ(mutex.acquire(), 0) << "a lock file of somebody's";
+    EXPECT_EQ(mutex.release(), 0);
+    EXPECT_EQ(ownerOfLockFile(), 0U) << "without a flash folder the store is root's";
+    makeTheStoreTheOtherUsers();
+    EXPECT_EQ(mutex.holder(), 0);
+    EXPECT_EQ(ownerOfLockFile(), 0U) << "who looks changes nothing";
+    EXPECT_EQ(mutex.acquire(), 0);
+    EXPECT_EQ(ownerOfLockFile(), test::otherUser) << "the file was open already";
+    EXPECT_EQ(mutex.release(), 0);
+    fs::remove(flash);
+    fs::create_symlink(flash.filename(), flash);
+    EXPECT_EQ(mutex.acquire(), ELOOP);
+    EXPECT_EQ(mutex.holder(), 0);
+    EXPECT_EQ(acquireAs(false), 0);
+}
+
+TEST_F(InterProcessMutexTest, TellsOfAHolderWithoutAProcess) {
+#ifndef F_OFD_SETLK
+    GTEST_SKIP() << "This C library has no locks of open file descriptions.";
+#else
+    ASSERT_EQ(mutex.acquire(), 0);
+    ASSERT_EQ(mutex.release(), 0);
+    const int other = ::open(lockFile.c_str(), O_RDWR);
+    struct flock request {};
+    request.l_type = F_WRLCK;
+    ASSERT_EQ(::fcntl(other, F_OFD_SETLK, &request), 0);
+    EXPECT_EQ(mutex.holder(), -1);
+    ::close(other);
+#endif
+}
+
 TEST_F(InterProcessMutexTest, WorksUnderAnyUmaskAndAfterWhatAnotherUmaskLeft) {
     fs::permissions(root.path(), fs::perms(0755));
     fs::permissions(root.path() / "tmp", fs::perms(01777));
@@ -143,6 +312,7 @@ TEST_F(InterProcessMutexTest, NoticesALockFileThatWasRemovedWhileHeldOrWaitedFor
     EXPECT_FALSE(mutex.held());
     EXPECT_EQ(mutex.holder(), 0);
     EXPECT_FALSE(mutex.held()) << "asking brought a lost lock back";
+    EXPECT_TRUE(mutex.acquired()) << "it is not released yet";
     EXPECT_EQ(mutex.release(), EPERM);
     EXPECT_EQ(mutex.holder(), successor.id());
     EXPECT_EQ(waiting.hear(), 0);
@@ -234,11 +404,13 @@ TEST_F(InterProcessMutexTest, BelongsToOneObjectAndRefusesToHangItsThread) {
     ASSERT_EQ(mutex.acquire(), 0);
     EXPECT_EQ(mutex.acquire(), EDEADLK);
     EXPECT_EQ(second.acquire(), EDEADLK);
+    EXPECT_TRUE(mutex.acquired() && !second.acquired());
     EXPECT_EQ(InterProcessMutex("other", true).acquire(), 0);
     EXPECT_EQ(second.release(), EPERM);
     EXPECT_EQ(InterProcessMutex("name", true).release(), EPERM);
     EXPECT_EQ(holder(), ::getpid()) << "a refused call or a destructor gave the lock away";
     EXPECT_EQ(mutex.release(), 0);
+    EXPECT_FALSE(mutex.acquired());
     EXPECT_EQ(InterProcessMutex("name", true).acquire(), 0);
     EXPECT_EQ(holder(), 0) << "destroying the holder did not give the lock back";
     // A thread that ended with the lock is not mistaken for a later one, and any other may give it back.
@@ -298,7 +470,7 @@ TEST_F(InterProcessMutexTest, ForkedChildNeitherKeepsNorGivesBackItsParentsLock)
     auto inherited = std::make_unique<InterProcessMutex>("name", true);
     ASSERT_EQ(inherited->acquire(), 0);
     ChildProcess child([&](const ChildProcess&) {
-        const int refused = inherited->release();
+        const int refused = inherited->acquired() ? 0 : inherited->release();
         inherited.reset();
         return refused;
     });

@@ -12,7 +12,8 @@
 namespace korvo::utils {
 
 /**
- * While one lives, its thread is not cancelled: nothing is left half done, and no destructor half run.
+ * While one exists, its thread cannot be cancelled. No function of this library is a cancellation point, so
+ * that none leaves a lock, a descriptor or a file behind half done: what may wait does so under one of these.
  */
 class CancellationShield {
   public:
@@ -52,31 +53,12 @@ void keepingErrno(CleanUp cleanUp) {
 }
 
 /**
- * While one lives, no descriptor that anybody opens gets the number of a standard stream, also in a host that
- * has closed some: what such a host prints would go into our files. Moving the descriptor afterwards would
- * come too late.
- *
- * Placeholders stand in for the closed streams meanwhile; they are gone with the last object, and in a forked
- * child.
- */
-class StandardStreamGuard {
-  public:
-    StandardStreamGuard();
-    StandardStreamGuard(const StandardStreamGuard&) = delete;
-    StandardStreamGuard& operator=(const StandardStreamGuard&) = delete;
-    ~StandardStreamGuard();
-
-    /**
-     * Installs what a fork needs, once; 0 or an errno value. Whoever holds a lock of his own while opening
-     * files calls it before he installs handlers for that lock, since handlers run in reverse order before a
-     * fork.
-     */
-    [[nodiscard]] static int installForkHandlers();
-};
-
-/**
  * openat(2) through signals, close-on-exec, and never with the number of a standard stream; -1 with errno
  * set.
+ *
+ * In a host that has closed one, the file has its number for a moment, and what the host prints goes into the
+ * file. A new file (O_EXCL) is empty again when this returns. An existing one is not emptied, because it may
+ * be anybody's: the caller decides once it knows the file.
  */
 [[nodiscard]] int openFile(const char* path, int flags, mode_t mode = 0, int folder = AT_FDCWD);
 

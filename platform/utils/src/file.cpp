@@ -20,21 +20,21 @@ bool refuseAsTooLarge() {
     return false;
 }
 
-/** Opens a plain file for reading; -1 with errno set. */
-int openForReading(const char* path) {
+/** Opens a regular file for reading; -1 with errno set. */
+int openForReading(const char* path, bool anyLink, struct stat& status) {
     // Without waiting for the writer of a pipe, and without becoming the session of a terminal.
-    Descriptor file(openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY));
-    struct stat status {};
+    Descriptor file(openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | (anyLink ? 0 : O_NOFOLLOW)));
     if (!file || ::fstat(file.get(), &status) != 0) return -1;
-    if (S_ISREG(status.st_mode)) return file.release();
+    const bool isRegular = S_ISREG(status.st_mode);
+    if (isRegular && (anyLink || status.st_nlink <= 1)) return file.release();
     // A pipe may never end, and a device may not end before the memory does.
-    errno = S_ISDIR(status.st_mode) ? EISDIR : ENOTSUP;
+    errno = isRegular ? EMLINK : S_ISDIR(status.st_mode) ? EISDIR : ENOTSUP;
     return -1;
 }
 
 /** Makes a file that nobody else can have open, in place of what has the name; -1 with errno set. */
 int createAnew(const char* path) {
-    // Whoever may write to the folder may put something there again, but is not always in time.
+    // Another user may put something there again; retry, since he cannot win every race.
     constexpr int attempts = 1000;
     for (int attempt = 0; attempt < attempts; ++attempt) {
         const int descriptor = openFile(path, O_WRONLY | O_CREAT | O_EXCL, ownerOnly);
@@ -45,12 +45,30 @@ int createAnew(const char* path) {
     return -1;
 }
 
-/** Gives a new file its mode, of which the umask may have taken away even what the owner needs. */
-[[nodiscard]] bool repairMode(int descriptor, struct stat& status) {
-    if (::fstat(descriptor, &status) != 0) return false;
-    if ((status.st_mode & permissionBits) == ownerOnly) return true;
-    status.st_mode = ownerOnly;
-    return ::fchmod(descriptor, ownerOnly) == 0;
+/** Opens a new file for writing; -1 with errno set. */
+int openForWriting(const char* path, struct stat& status) {
+    Descriptor file(createAnew(path));
+    if (!file) return -1;
+    if (::fstat(file.get(), &status) == 0) {
+        // The umask may have taken away even what the owner needs.
+        if ((status.st_mode & permissionBits) == ownerOnly) return file.release();
+        status.st_mode = ownerOnly;
+        if (::fchmod(file.get(), ownerOnly) == 0) return file.release();
+    }
+    keepingErrno([&] { (void)::unlink(path); });
+    return -1;
+}
+
+FileAccess accessOf(const struct stat& status) {
+    return {status.st_uid, status.st_gid, status.st_mode & permissionBits};
+}
+
+/** The permission bits with no more for the group than for everybody else. */
+mode_t limitGroup(mode_t bits) {
+    if ((bits & S_IROTH) == 0) bits &= ~mode_t{S_IRGRP};
+    if ((bits & S_IWOTH) == 0) bits &= ~mode_t{S_IWGRP};
+    if ((bits & S_IXOTH) == 0) bits &= ~mode_t{S_IXGRP};
+    return bits;
 }
 
 }  // namespace
@@ -61,26 +79,17 @@ File::~File() {
 
 bool File::Initialize(const std::string& path, FILE_OPEN_MODE openMode) {
     (void)Close();
-    const bool knownMode = openMode == FILE_OPEN_MODE_READ || openMode == FILE_OPEN_MODE_TRUNCATE;
+    const bool isForReading = openMode == FILE_OPEN_MODE_READ || openMode == FILE_OPEN_MODE_READ_NOFOLLOW;
+    const bool knownMode = isForReading || openMode == FILE_OPEN_MODE_TRUNCATE;
     if (!knownMode || path.find('\0') != std::string::npos) {
         errno = EINVAL;
         return false;
     }
-    if (openMode == FILE_OPEN_MODE_READ) {
-        descriptor = openForReading(path.c_str());
-        return descriptor >= 0;
-    }
-    Descriptor made(createAnew(path.c_str()));
     struct stat status {};
-    if (!made) return false;
-    if (!repairMode(made.get(), status)) {
-        keepingErrno([&] { (void)::unlink(path.c_str()); });
-        return false;
-    }
-    descriptor = made.release();
-    mode = status.st_mode & permissionBits;
-    owner = status.st_uid;
-    group = status.st_gid;
+    descriptor = isForReading ? openForReading(path.c_str(), openMode == FILE_OPEN_MODE_READ, status)
+                              : openForWriting(path.c_str(), status);
+    if (descriptor < 0) return false;
+    access = accessOf(status);
     return true;
 }
 
@@ -123,19 +132,27 @@ bool File::WriteString(const std::string& text) {
     return true;
 }
 
-bool File::CopyAccess(const std::string& path) {
-    struct stat wanted {};
-    if (::stat(path.c_str(), &wanted) != 0) return errno == ENOENT;
-    mode_t bits = wanted.st_mode & permissionBits;
-    if (wanted.st_uid != owner || wanted.st_gid != group) {
+bool File::SetAccess(const FileAccess& wanted) {
+    mode_t bits = wanted.bits & permissionBits;
+    if (wanted.owner != access.owner || wanted.group != access.group) {
         // Only a privileged process may give a file away; any other may still choose among its own groups.
-        const bool groupKept = ::fchown(descriptor, wanted.st_uid, wanted.st_gid) == 0 ||
-                               ::fchown(descriptor, static_cast<uid_t>(-1), wanted.st_gid) == 0;
-        // To the old file the members of the new group were others.
-        if (!groupKept && wanted.st_gid != group) bits &= ~mode_t{S_IRWXG} | (bits & S_IRWXO) << 3;
+        const bool ownerKept = ::fchown(descriptor, wanted.owner, wanted.group) == 0;
+        const bool groupKept = ownerKept || ::fchown(descriptor, static_cast<uid_t>(-1), wanted.group) == 0;
+        if (ownerKept) access.owner = wanted.owner;
+        if (groupKept) access.group = wanted.group;
+        // The members of any other group count as others to the wanted access.
+        if (access.group != wanted.group) bits = limitGroup(bits);
     }
-    // Last, so that nobody has access in between who had none to the old file.
-    return bits == mode || ::fchmod(descriptor, bits) == 0;
+    // Last, so that nobody has access in between whom it does not suit.
+    if (bits != access.bits && ::fchmod(descriptor, bits) != 0) return false;
+    access.bits = bits;
+    return true;
+}
+
+bool File::CopyAccess(const std::string& path) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT;
+    return !S_ISREG(status.st_mode) || status.st_nlink != 1 || SetAccess(accessOf(status));
 }
 
 bool File::Sync() {

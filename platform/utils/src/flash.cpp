@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -77,41 +78,60 @@ Descriptor openOrMakeFolder(const std::string& path) {
     }
 }
 
-[[nodiscard]] bool writeDurably(const std::string& path, const std::string& text) {
+[[nodiscard]] bool read(const std::string& path, std::string& text, FileAccess& access) {
     File file;
-    return file.Initialize(path, FILE_OPEN_MODE_TRUNCATE) && file.WriteString(text) && file.Sync() &&
-           file.Close();
+    if (!file.Initialize(path, FILE_OPEN_MODE_READ_NOFOLLOW) || !file.ReadStringAll(text)) return false;
+    access = file.Access();
+    return true;
 }
+
+[[nodiscard]] bool writeDurably(const std::string& path, const std::string& text, const FileAccess& access) {
+    File file;
+    return file.Initialize(path, FILE_OPEN_MODE_TRUNCATE) && file.WriteString(text) &&
+           file.SetAccess(access) && file.Sync() && file.Close();
+}
+
+/** Waits for a lock; false with errno set. */
+[[nodiscard]] bool acquire(InterProcessMutex& lock) {
+    const int error = lock.acquire();
+    if (error != 0) errno = error;
+    return error == 0;
+}
+
+/** rename(2), unless the lock is lost. */
+[[nodiscard]] bool renameUnder(const InterProcessMutex& lock, const std::string& from,
+                               const std::string& to) {
+    if (lock.held()) return std::rename(from.c_str(), to.c_str()) == 0;
+    errno = ESTALE;
+    return false;
+}
+
+std::string flashDirectory() { return devicePath(KORVO_FLASH_DIR); }
+
+std::string damagedCopyPath() { return flashCopyPath() + ".damaged"; }
 
 }  // namespace
 
-std::string flashCopyPath() { return devicePath(KORVO_FLASH_DIR "/system.cfg"); }
+std::string flashCopyPath() { return flashDirectory() + "/system.cfg"; }
 
 bool saveToFlashRaw(bool /*reserved*/) {
-    // Locked before reading, so that the later save has the later text. A lock that nobody else can take, or
-    // keep.
+    // Lock before reading, so the last save has the newest text.
     InterProcessMutex lock(flashLock, true);
-    const int error = lock.acquire();
-    if (error != 0) {
-        errno = error;
-        return false;
-    }
     std::string text;
-    if (!File::ReadStringAll(devicePath(configurationPath), text)) return false;
+    FileAccess access;
+    if (!acquire(lock) || !read(devicePath(configurationPath), text, access)) return false;
 
-    const Descriptor folder = openOrMakeFolder(devicePath(KORVO_FLASH_DIR));
+    const Descriptor folder = openOrMakeFolder(flashDirectory());
     if (!folder || !syncFoldersAbove(folder)) return false;
+    uid_t owner = 0;
+    gid_t group = 0;
+    if (!storeOwner(owner, group)) return false;
+    if (access.owner != 0) access.owner = owner;
 
     const std::string copy = flashCopyPath();
     // One name for all, so that power cuts cannot fill the flash.
     const std::string temporary = copy + ".tmp";
-    bool replaced = writeDurably(temporary, text);
-    if (replaced && !lock.held()) {
-        replaced = false;
-        errno = ESTALE;
-    }
-    replaced = replaced && std::rename(temporary.c_str(), copy.c_str()) == 0;
-    if (!replaced) {
+    if (!writeDurably(temporary, text, access) || !renameUnder(lock, temporary, copy)) {
         // Without the lock, somebody else may be writing the file of that name by now.
         keepingErrno([&] {
             if (lock.held()) (void)::unlink(temporary.c_str());
@@ -121,6 +141,32 @@ bool saveToFlashRaw(bool /*reserved*/) {
     return syncFolder(folder);
 }
 
-bool loadFromFlashRaw(std::string& text) { return File::ReadStringAll(flashCopyPath(), text); }
+bool loadFromFlashRaw(std::string& text) {
+    FileAccess access;
+    return loadFromFlashRaw(text, access);
+}
+
+bool loadFromFlashRaw(std::string& text, FileAccess& access) { return read(flashCopyPath(), text, access); }
+
+bool storeOwner(uid_t& owner, gid_t& group) {
+    struct stat status {};  // of root's, unless told otherwise
+    const bool isMissing = ::stat(flashDirectory().c_str(), &status) != 0;
+    if (isMissing && errno != ENOENT && errno != ENOTDIR) return false;
+    owner = status.st_uid;
+    group = status.st_gid;
+    return true;
+}
+
+bool setFlashCopyAside() {
+    InterProcessMutex lock(flashLock, true);
+    if (!acquire(lock)) return false;
+    const Descriptor folder = openFolder(flashDirectory().c_str());
+    return folder && renameUnder(lock, flashCopyPath(), damagedCopyPath()) && syncFolder(folder);
+}
+
+bool loadDamagedFlashCopy(std::string& text) {
+    FileAccess access;
+    return read(damagedCopyPath(), text, access);
+}
 
 }  // namespace korvo::utils

@@ -22,7 +22,7 @@ std::string firstAddress(const std::string& name, int family) {
     hints.ai_family = family;
     hints.ai_socktype = SOCK_STREAM;  // one entry per address instead of one per socket type
     addrinfo* found = nullptr;
-    const StandardStreamGuard guard;  // what a host prints must not go to the name server
+    const CancellationShield shield;
     if (::getaddrinfo(name.c_str(), nullptr, &hints, &found) != 0) return {};
     const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(found, &::freeaddrinfo);
     char text[NI_MAXHOST];

@@ -1,23 +1,27 @@
 #include "korvo/utils/text.h"
 
+#include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <limits>
 #include <new>
+#include <string_view>
 
 namespace korvo::utils {
 namespace {
 
-bool isWhiteSpace(char character) { return character == ' ' || (character >= '\t' && character <= '\r'); }
+constexpr char whiteSpace[] = " \t\n\v\f\r";
 
 }  // namespace
 
 void split(const std::string& text, const std::string& separator, std::vector<std::string>& pieces) {
     if (text.empty()) return;
-    // Apart from what is there, of which the text or the separator may be one.
+    // Collected apart, because the text or the separator may be one of the pieces.
     std::vector<std::string> found;
     std::size_t begin = 0;
     while (!separator.empty()) {
@@ -27,81 +31,24 @@ void split(const std::string& text, const std::string& separator, std::vector<st
         begin = end + separator.size();
     }
     found.emplace_back(text, begin);
-    if (pieces.empty()) {
-        pieces.swap(found);
-    } else {
-        pieces.insert(pieces.end(), std::make_move_iterator(found.begin()),
-                      std::make_move_iterator(found.end()));
-    }
+    pieces.insert(pieces.end(), std::make_move_iterator(found.begin()), std::make_move_iterator(found.end()));
 }
 
 void trim(std::string& text) {
-    std::size_t end = text.size();
-    while (end > 0 && isWhiteSpace(text[end - 1])) --end;
-    text.resize(end);
-    std::size_t begin = 0;
-    while (begin < end && isWhiteSpace(text[begin])) ++begin;
-    text.erase(0, begin);
+    text.erase(text.find_last_not_of(whiteSpace) + 1);
+    text.erase(0, text.find_first_not_of(whiteSpace));
 }
-
-namespace {
-
-/**
- * Finds a text in others, in a time that grows with their lengths but never with the product (Knuth, Morris,
- * Pratt).
- */
-class Finder {
-  public:
-    explicit Finder(const std::string& wanted) : search(wanted) {
-        if (search.size() <= shortLength) return;
-        borders.push_back(0);
-        for (std::size_t i = 1, border = 0; i < search.size(); ++i) {
-            border = extend(border, search[i]);
-            borders.push_back(border);
-        }
-    }
-
-    /** Where the next occurrence begins; npos when there is none. */
-    std::size_t find(const std::string& text, std::size_t begin) const {
-        if (borders.empty()) return text.find(search, begin);
-        for (std::size_t i = begin, matched = 0; i < text.size(); ++i) {
-            matched = extend(matched, text[i]);
-            if (matched == search.size()) return i + 1 - matched;
-        }
-        return std::string::npos;
-    }
-
-  private:
-    static constexpr std::size_t shortLength = 16;  ///< what the library's own search cannot be slow at
-
-    /**
-     * The length of the longest beginning of the search text that ends with @p next, of those that end before
-     * it.
-     */
-    std::size_t extend(std::size_t matched, char next) const {
-        while (matched > 0 && search[matched] != next) matched = borders[matched - 1];
-        return search[matched] == next ? matched + 1 : 0;
-    }
-
-    const std::string& search;
-    std::vector<std::size_t>
-        borders;  ///< by length: the longest beginning that is the end too; empty when not needed
-};
-
-}  // namespace
 
 void replaceAll(std::string& text, const std::string& search, const std::string& replacement) {
     if (search.empty()) return;
-    const Finder finder(search);
-    std::size_t found = finder.find(text, 0);
-    if (found == std::string::npos) return;
     // Built anew instead of replaced in place, which would move the rest of the text once per occurrence.
     std::string result;
-    result.reserve(text.size());
     std::size_t begin = 0;
-    for (; found != std::string::npos; found = finder.find(text, begin)) {
+    std::size_t found = text.find(search);
+    while (found != std::string::npos) {
         result.append(text, begin, found - begin).append(replacement);
         begin = found + search.size();
+        found = text.find(search, begin);
     }
     text = result.append(text, begin);
 }
@@ -116,18 +63,14 @@ std::string lowerCase(const std::string& text) {
 
 std::string format(const char* format, ...) {
     va_list arguments;
-    char small[128];
     va_start(arguments, format);
-    const int length = std::vsnprintf(small, sizeof small, format, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, arguments);
     va_end(arguments);
     if (length < 0) return {};
-    const auto size = static_cast<std::size_t>(length);
-    if (size < sizeof small) return {small, size};
-    std::string result(size + 1, '\0');
+    std::string result(static_cast<std::size_t>(length), '\0');
     va_start(arguments, format);
-    (void)std::vsnprintf(result.data(), result.size(), format, arguments);
+    (void)std::vsnprintf(result.data(), result.size() + 1, format, arguments);
     va_end(arguments);
-    result.pop_back();
     return result;
 }
 
@@ -137,37 +80,30 @@ namespace {
  * Whether a number that no double comes near is too large, not too small: its first digit but zeros stands
  * before the point after the exponent has moved that.
  */
-bool isTooLarge(const char* text, const char* end, bool hexadecimal) {
-    long long digitsBeforePoint = 0;
-    bool significant = false;
-    bool fraction = false;
-    for (; text != end && (*text | 0x20) != (hexadecimal ? 'p' : 'e'); ++text) {
-        significant = significant || (*text != '0' && *text != '.');
-        if (*text == '.')
-            fraction = true;
-        else if (significant != fraction)
-            digitsBeforePoint += significant ? 1 : -1;
-    }
-    long long exponent = 0;
-    if (text != end) {
-        if (*++text == '+') ++text;
-        const bool fits = std::from_chars(text, end, exponent).ec == std::errc();
-        if (!fits) return *text != '-';
-    }
-    return exponent > -(hexadecimal ? 4 * digitsBeforePoint : digitsBeforePoint);
+bool isTooLarge(std::string_view number, bool hexadecimal) {
+    const std::string_view digits = number.substr(0, number.find_first_of(hexadecimal ? "pP" : "eE"));
+    const auto point = static_cast<long long>(std::min(digits.find('.'), digits.size()));
+    const auto first = static_cast<long long>(digits.find_first_not_of("0."));
+    // Negative: so many zeros stand between the point and the first digit, give or take one.
+    const long long digitsBeforePoint = hexadecimal ? 4 * (point - first) : point - first;
+    const bool hasExponent = digits.size() < number.size();
+    const long long exponent = hasExponent ? std::strtoll(digits.data() + digits.size() + 1, nullptr, 10) : 0;
+    return exponent > -digitsBeforePoint;
 }
 
 /** Reads a number without sign and prefix; returns its end, @p text when there is none. */
 const char* readNumber(const char* text, const char* end, std::chars_format format, double& value) {
     const bool hexadecimal = format == std::chars_format::hex;
-    // What may not follow a sign or prefix, though it may stand at the beginning.
-    if (*text == '-' || (hexadecimal && (*text | 0x20) == 'i') || (hexadecimal && (*text | 0x20) == 'n'))
-        return text;
+    // A second sign begins no number, and after a prefix neither do the words for infinity and no number.
+    const bool isDigit = std::isxdigit(static_cast<unsigned char>(*text)) != 0;
+    if (*text == '-' || (hexadecimal && !isDigit && *text != '.')) return text;
     const auto [stop, error] = std::from_chars(text, end, value, format);
     // Some standard libraries copy a text, which may be long.
     if (error == std::errc::not_enough_memory) throw std::bad_alloc();
     if (error == std::errc::result_out_of_range)
-        value = isTooLarge(text, stop, hexadecimal) ? std::numeric_limits<double>::infinity() : 0.0;
+        value = isTooLarge({text, static_cast<std::size_t>(stop - text)}, hexadecimal)
+                    ? std::numeric_limits<double>::infinity()
+                    : 0.0;
     return stop;
 }
 
@@ -175,14 +111,13 @@ const char* readNumber(const char* text, const char* end, std::chars_format form
 
 // Not strtod(), which follows the host's locale, and which in small C libraries rounds wrongly.
 double toDouble(const char* text, const char** end) {
-    const char* number = text;
-    while (isWhiteSpace(*number)) ++number;
+    const char* number = text + std::strspn(text, whiteSpace);
     const bool negative = *number == '-';
     if (negative || *number == '+') ++number;
     const char* const textEnd = number + std::strlen(number);
     double value = 0.0;
     const char* stop = number;
-    if (number[0] == '0' && (number[1] | 0x20) == 'x') {
+    if (number[0] == '0' && (number[1] == 'x' || number[1] == 'X')) {
         stop = readNumber(number + 2, textEnd, std::chars_format::hex, value);
         if (stop == number + 2) stop = number;
     }

@@ -21,8 +21,8 @@ inline constexpr char flashLock[] = "system.cfg.flash";         ///< held while 
 /**
  * Sets the folder that stands in front of every fixed device path; the empty text, the default, means the
  * real paths. It holds for the whole process. Call it once, before anything else of these libraries and
- * before starting threads. Nothing reads the root from the environment, so that no user can redirect a
- * service.
+ * before starting threads. Absolute links below it are followed on the running system. Nothing reads the root
+ * from the environment, so that no user can redirect a service.
  */
 KORVO_UTILS_EXPORT void setDeviceRoot(const std::string& folder);
 

@@ -16,18 +16,27 @@ namespace korvo::utils {
 enum FILE_OPEN_MODE {
     /** An existing file, for reading. */
     FILE_OPEN_MODE_READ = 0,
+    /** The same, but refuses a symbolic link (ELOOP) and a file with a second name (EMLINK). */
+    FILE_OPEN_MODE_READ_NOFOLLOW = 1,
     /** A new and empty file of mode 0600, for writing, in place of what there was. */
     FILE_OPEN_MODE_TRUNCATE = 2
+};
+
+/** Who may access a file. */
+struct FileAccess {
+    uid_t owner = 0;
+    gid_t group = 0;
+    mode_t bits = 0;  ///< the nine permission bits
 };
 
 /**
  * One open file.
  *
  * An object owns its descriptor, which no program started later inherits, and closes it when destroyed. The
- * descriptor never has the number of a standard stream, also where the host has closed some, so that nothing
- * the host prints gets into the file. Reads and writes that are interrupted or come short are carried on, and
- * no operation is a cancellation point. Failures are reported as false, with errno set. An object must not be
- * used by two threads at once.
+ * descriptor never keeps the number of a standard stream, also where the host has closed some, so that
+ * nothing the host prints gets into the file; only a child forked while the file is being opened may print
+ * there. Reads and writes that are interrupted or come short are carried on. No operation is a cancellation
+ * point. Failures are reported as false, with errno set. An object must not be used by two threads at once.
  *
  * What the system does to a process that writes is the host's to decide: a file that outgrows RLIMIT_FSIZE
  * raises SIGXFSZ, which ends the process unless it is ignored; then the write fails.
@@ -42,8 +51,8 @@ class KORVO_UTILS_EXPORT File {
     /**
      * Opens @p path, after closing what was open.
      *
-     * For reading it must be a plain file; anything else is refused at once, a folder with EISDIR, the rest
-     * (pipes, devices) with ENOTSUP.
+     * For reading it must be a regular file; anything else is refused at once, a directory with EISDIR, the
+     * rest (pipes, devices) with ENOTSUP.
      *
      * For writing, what has the name is removed and a new file made, so that a name that can be guessed in a
      * folder open to all is safe to write: a link that somebody planted there is not followed, and a file
@@ -64,12 +73,21 @@ class KORVO_UTILS_EXPORT File {
     /** Writes all of @p text at the current position. After a failure part of it may have been written. */
     [[nodiscard]] bool WriteString(const std::string& text);
 
+    /** Who may access the file that was opened last: as it was then, or as SetAccess() left it. */
+    FileAccess Access() const { return access; }
+
     /**
-     * Gives the open file the permission bits of the file at @p path, its group where the process may, and
-     * its owner where the process may; does nothing when there is no such file. Where the group cannot be
-     * kept, the group that the open file has instead gets no more access than everybody had to the file at
-     * @p path. For a file opened for writing. Works on the open file, so that no link planted at its name is
-     * followed.
+     * Gives the open file @p wanted: the permission bits, the group where the process may, and the owner where
+     * the process may. Where the group is refused, the group that the file has instead gets no more access
+     * than @p wanted gives to everybody. For a file opened for writing. Works on the open file, so no link
+     * planted at its name is followed.
+     * @return false when the permission bits cannot be set
+     */
+    [[nodiscard]] bool SetAccess(const FileAccess& wanted);
+
+    /**
+     * SetAccess() of the file at @p path. Does nothing when that is missing, or is anything other than a
+     * regular file with one name: a link could lend the access of any file.
      */
     [[nodiscard]] bool CopyAccess(const std::string& path);
 
@@ -81,10 +99,7 @@ class KORVO_UTILS_EXPORT File {
 
   private:
     int descriptor = -1;
-    // Of a file made for writing, as the system gave them to it:
-    mode_t mode = 0;
-    uid_t owner = 0;
-    gid_t group = 0;
+    FileAccess access;
 };
 
 }  // namespace korvo::utils

@@ -17,7 +17,9 @@ namespace korvo::utils {
  * 127.0.0.1. The empty text means that the name cannot be resolved.
  *
  * Waits for the name service, however long that takes. May be called from any thread; the C library's
- * resolver takes up to 14 KB of its stack.
+ * resolver takes up to 14 KB of its stack. No cancellation point: a thread that is cancelled meanwhile ends
+ * after the answer. The resolver's sockets are the C library's own: in a host that has closed its standard
+ * streams, one may have such a number while it is open.
  */
 [[nodiscard]] KORVO_UTILS_EXPORT std::string getHostByName(const std::string& name);
 
