@@ -1,33 +1,31 @@
-/** @file How the facilities log, and fail. */
+/** @file How the facilities log, and fail. Each source file says as `facility` which one it belongs to. */
 #pragma once
 
 #include <cstddef>
 #include <string_view>
 
 #include "korvo/logger/logger.h"
+#include "korvo/variant_utils/failure.h"
 
 namespace korvo {
 
-/** A facility as messages name it: "src/uri" for src/uri.cpp, "src/system_cfg" for all in that folder. */
-struct FacilityName {
-    char text[32] = {};
-
-    constexpr explicit FacilityName(std::string_view sourceFile) {
-        const std::size_t begin = sourceFile.rfind("src/");
-        const std::size_t end = sourceFile.find_first_of("./", begin + 4);
-        for (std::size_t i = begin; i < end; ++i) text[i - begin] = sourceFile[i];
-    }
+/** A Failure where it is found. */
+struct Cause {
+    Step step;
+    int error = 0;
+    std::string_view subject = {};
+    std::size_t line = 0;
+    std::string_view reason = {};
 };
 
-/** That of the source file being compiled; a constant, so that no path of the build gets into the library. */
-constexpr FacilityName facilityName(__BASE_FILE__);
+/** Gives a failure to a caller who asked for it; false, for the operation to return. */
+bool fail(Failure* failure, const Cause& cause);
 
 }  // namespace korvo
 
 /** Logs one printf-style message of the operation @p function. */
-#define KORVO_LOG(function, level, errorCode, ...)                                                          \
-    logInternal("korvo_variant_utils", ::korvo::facilityName.text, function, __LINE__, level, errorCode, 0, \
-                __VA_ARGS__)
+#define KORVO_LOG(function, level, errorCode, ...) \
+    logInternal("korvo_variant_utils", facility, function, __LINE__, level, errorCode, 0, __VA_ARGS__)
 
 /** Logs why the operation @p function fails; false, for the caller to return. */
 #define KORVO_FAIL(function, ...) (KORVO_LOG(function, ::korvo::logger::LevelError, 0, __VA_ARGS__), false)

@@ -1,0 +1,41 @@
+/**
+ * @file
+ * Why an operation failed, as a value from which a host makes its own message.
+ */
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace korvo {
+
+/** What failed, and which members of Failure tell more. Any step may have a reason as well. */
+enum class Step {
+    None,       ///< nothing failed
+    State,      ///< the manager is not open, or open already; reason
+    Lock,       ///< taking a lock; subject is the lock file, error
+    Unlock,     ///< giving a lock back; likewise
+    Read,       ///< reading a file; subject is its path, error
+    Load,       ///< a file was read, but its text is refused; subject is its path, line, reason
+    Key,        ///< a key is refused; subject is the key, reason
+    Value,      ///< a value is refused; subject is its key, reason
+    Serialize,  ///< the tree cannot be written as key=value text; reason
+    Write,      ///< replacing a file; subject is its path, error
+    Save,       ///< saving to flash; subject is the path of the flash copy, error
+    Uri,        ///< a text is no URI; reason, which repeats nothing of the text
+    Resolve     ///< a host has no address; subject is the host
+};
+
+/**
+ * One failure. A function that takes a `Failure*` accepts null, and clears the failure when it succeeds. The
+ * texts are in English and never hold the value of a key.
+ */
+struct Failure {
+    Step step = Step::None;
+    int error = 0;             ///< the errno value that tells why; 0 where none does
+    std::string subject = {};  ///< the path, the key or the host that it is about
+    std::size_t line = 0;      ///< of the file, counted from 1; 0 where it is no line
+    std::string reason = {};   ///< such as `there is no "="`
+};
+
+}  // namespace korvo
