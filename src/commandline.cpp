@@ -7,7 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <string>
@@ -17,23 +17,23 @@
 
 #include "korvo/utils/text.h"
 #include "log.h"
+#include "record.h"
 
 namespace korvo::variant {
 namespace {
 
-unsigned shortNameIndex(char shortName) { return static_cast<unsigned char>(shortName); }
+constexpr char facility[] = "src/commandline";
 
-/** printf's "%.3f" with a "." whatever the locale. */
-std::string threeDecimals(double value) {
-    char digits[400];  // the largest double has 309 digits before the point
-    const auto result = std::to_chars(digits, digits + sizeof digits, value, std::chars_format::fixed, 3);
-    return {digits, result.ptr};
-}
+unsigned shortNameIndex(char shortName) { return static_cast<unsigned char>(shortName); }
 
 void printDefault(const Variant& value) {
     const VariantType type = value;
     if ((type & TypeDouble) == TypeDouble) {
-        std::printf(" [=%s]", threeDecimals(value).c_str());
+        // Not printf's "%.3f", whose point depends on the locale.
+        char digits[400];  // the largest double has 309 digits before the point
+        const auto result =
+            std::to_chars(digits, std::end(digits), static_cast<double>(value), std::chars_format::fixed, 3);
+        std::printf(" [=%.*s]", static_cast<int>(result.ptr - digits), digits);
     } else if ((type & TypeBool) == TypeBool) {
         std::printf(" [=%d]", static_cast<bool>(value) ? 1 : 0);
     } else if ((type & TypeNumeric) != 0) {
@@ -49,47 +49,31 @@ bool isWhole(double value) {
     return value >= -limit && value < limit && std::trunc(value) == value;
 }
 
-/**
- * Stores a text with a "." in it, which is a double, or a long long that is the same number, or no number.
- */
-void storeFraction(const std::string& text, Variant& target) {
-    const char* end = nullptr;
-    const double value = utils::toDouble(text.c_str(), &end);
-    if (end != text.c_str() + text.size()) {
-        target = text;
-    } else if (isWhole(value)) {
-        target = static_cast<long long>(value);
-    } else {
-        target = value;
+/** Stores the number that a text is, which is not empty; false when it is none. */
+[[nodiscard]] bool storeNumber(const std::string& text, Variant& target) {
+    if (text.find_first_not_of("-+.x0123456789abcdefABCDEF") != std::string::npos) return false;
+    const char* const textEnd = text.c_str() + text.size();
+    if (text.find('.') != std::string::npos) {
+        const char* end = nullptr;
+        const double value = utils::toDouble(text.c_str(), &end);
+        if (end != textEnd) return false;
+        if (isWhole(value))
+            target = static_cast<long long>(value);
+        else
+            target = value;
+        return true;
     }
-}
-
-/** Stores a text without a ".", which is an integer or no number. */
-void storeInteger(const std::string& text, Variant& target) {
+    // Newer C libraries read 0b11 as binary.
+    const std::string prefix = text.substr(text[0] == '-' || text[0] == '+' ? 1 : 0, 2);
+    if (prefix == "0b" || prefix == "0B") return false;
     char* end = nullptr;
     const long long value = std::strtoll(text.c_str(), &end, 0);
-    // Newer C libraries read 0b11 as binary.
-    const bool isBinary = text.find_first_of("bB") == text.find_first_not_of("+-") + 1;
-    if (isBinary || end != text.c_str() + text.size()) {
-        target = text;
-    } else if (text[0] == '-') {
+    if (end != textEnd) return false;
+    if (text[0] == '-')
         target = value;
-    } else {
+    else
         target = static_cast<unsigned long long>(value);
-    }
-}
-
-/**
- * Stores an option's value from its text, which is not empty: a number where written like one, else a string.
- */
-void storeValue(const std::string& text, Variant& target) {
-    if (text.find_first_not_of("-+.x0123456789abcdefABCDEF") != std::string::npos) {
-        target = text;
-    } else if (text.find('.') != std::string::npos) {
-        storeFraction(text, target);
-    } else {
-        storeInteger(text, target);
-    }
+    return true;
 }
 
 /** What parsing needs of a declaration; the pointers are null when there is none. */
@@ -99,20 +83,22 @@ struct Declaration {
 };
 
 /** The declaration that an argument's name, with its dashes, stands for. */
-Declaration findDeclaration(Variant& definitions, const std::string& name) {
+Declaration findDeclaration(const Variant& definitions, std::string_view name) {
     std::string path;
-    if (name.compare(0, 2, "--") == 0) {
-        path = "byLongName/" + name.substr(2);
+    if (name.substr(0, 2) == "--") {
+        path = "byLongName/" + std::string(name.substr(2));
     } else if (name.size() == 2 && name[0] == '-') {
-        path = utils::format("byShortName/[%u]", shortNameIndex(name[1]));
+        path = "byShortName/[" + std::to_string(shortNameIndex(name[1])) + ']';
     } else {
         return {};
     }
     // A long name with "/" in it leads into the declarations; only a whole declaration counts.
-    Variant* found = definitions.GetKeyChain(TypeMap, path.c_str(), false);
+    const Variant* found = find(definitions, TypeMap, path.c_str());
     if (found == nullptr) return {};
-    return {found->GetKeyChain(TypeString, "longName", false),
-            found->GetKeyChain(TypeAny, "defaultValue", false)};
+    const Variant* longName = find(*found, TypeString, "longName");
+    const Variant* defaultValue = find(*found, TypeAny, "defaultValue");
+    if (longName == nullptr || defaultValue == nullptr) return {};
+    return {longName, defaultValue};
 }
 
 /** The canonical path of a program, null where there is none. */
@@ -128,17 +114,19 @@ Variant canonicalPath(const char* program) {
 }
 
 /** Stores the option that one argument gives; false when it matches no declaration. */
-[[nodiscard]] bool parseOption(const std::string& argument, Variant& definitions, Variant& result) {
+[[nodiscard]] bool parseOption(const std::string& argument, const Variant& definitions, Variant& result) {
     const std::size_t equals = argument.find('=');
-    const Declaration declaration = findDeclaration(definitions, argument.substr(0, equals));
-    if (declaration.longName == nullptr || declaration.defaultValue == nullptr) return false;
+    const Declaration declaration =
+        findDeclaration(definitions, std::string_view(argument).substr(0, equals));
+    if (declaration.longName == nullptr) return false;
     const std::string& longName = *declaration.longName;
     Variant& target = result["parameters"][longName];
     if (equals == std::string::npos || equals + 1 == argument.size()) {
         target = *declaration.defaultValue;
-    } else {
-        storeValue(argument.substr(equals + 1), target);
+        return true;
     }
+    const std::string value = argument.substr(equals + 1);
+    if (!storeNumber(value, target)) target = value;
     return true;
 }
 
@@ -155,7 +143,7 @@ void AddParameter(Variant& definitions, char shortName, const char* longName, co
     const std::string& name = record["longName"];
     definitions["byShortName"][shortNameIndex(shortName)] = record;
     definitions["byLongName"][name] = record;
-    definitions["all"][-1] = std::move(record);
+    definitions["all"][-1LL] = std::move(record);
 }
 
 void PrintHelp(const char* programName, Variant& definitions) {
@@ -192,7 +180,7 @@ void ParseCommandLine(int argc, const char** argv, Variant& definitions, Variant
     for (const std::string& argument : arguments) {
         if (parseOption(argument, definitions, result)) continue;
         KORVO_LOG(__func__, logger::LevelWarning, 0, "unknown parameter detected: `%s`", argument.c_str());
-        result["unknownParameters"][-1] = argument;
+        result["unknownParameters"][-1LL] = argument;
     }
     result.Compact();
     Variant& commandLine = result["commandLine"];
@@ -202,26 +190,24 @@ void ParseCommandLine(int argc, const char** argv, Variant& definitions, Variant
 
 Variant OptionValue(const Variant& definitions, const Variant& result, const char* longName) {
     const std::string name = longName;
-    Variant searched = result;  // a copy, because only a value that may be changed can be searched
-    const Variant* given = searched.GetKeyChain(TypeAny, ("parameters/" + name).c_str(), false);
-    if (given != nullptr) return *given;
-    searched = definitions;
-    const Declaration declaration = findDeclaration(searched, "--" + name);
-    return declaration.defaultValue != nullptr ? *declaration.defaultValue : Variant();
+    const Declaration declaration = findDeclaration(definitions, "--" + name);
+    if (declaration.defaultValue == nullptr) return Variant();
+    const Variant* given = find(result, TypeAny, ("parameters/" + name).c_str());
+    return given != nullptr ? *given : *declaration.defaultValue;
 }
 
-std::vector<std::string> OptionTexts(int argc, const char** argv, const Variant& definitions,
+std::vector<std::string> OptionTexts(int argc, const char* const* argv, const Variant& definitions,
                                      const char* longName) {
     std::vector<std::string> texts;
-    Variant searched = definitions;  // a copy, because only a value that may be changed can be searched
     for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i] != nullptr ? argv[i] : "";
+        if (argv[i] == nullptr) continue;
+        const std::string_view argument = argv[i];
         const std::size_t nameEnd = std::min(argument.find('='), argument.size());
-        const Declaration declaration = findDeclaration(searched, argument.substr(0, nameEnd));
+        const Declaration declaration = findDeclaration(definitions, argument.substr(0, nameEnd));
         if (declaration.longName == nullptr) continue;
         const std::string& declaredName = *declaration.longName;
         if (declaredName == longName)
-            texts.push_back(argument.substr(std::min(nameEnd + 1, argument.size())));
+            texts.emplace_back(argument.substr(std::min(nameEnd + 1, argument.size())));
     }
     return texts;
 }

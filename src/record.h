@@ -5,6 +5,12 @@
 
 namespace korvo::variant {
 
+/** The value under a path below a constant one, or null; see Variant::GetKeyChain(). */
+inline const Variant* find(const Variant& value, VariantType filter, const char* path) {
+    // A look-up changes nothing, but a maker's library need not declare it const.
+    return const_cast<Variant&>(value).GetKeyChain(filter, path, false);
+}
+
 /** Makes a record an empty map, unless it is in map form already; then it keeps its members. */
 inline void ensureMapForm(Variant& record) {
     const VariantType type = record;

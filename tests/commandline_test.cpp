@@ -75,6 +75,7 @@ TEST(CommandLine, ParsesAWholeCommandLineAndKeepsWhatTheResultHeld) {
               "ParseCommandLine: unknown parameter detected: `%s%n`");
     EXPECT_EQ(lines[0].level, korvo::logger::LevelWarning);
     ParseCommandLine(0, nullptr, before, result);
+    ParseCommandLine(0, {}, before, result);
     EXPECT_EQ(result["commandLine"]["executed"], Variant());
     EXPECT_EQ(parse(options, {})["commandLine"]["fullPath"], Variant()) << "there is no such program";
 }
@@ -139,11 +140,13 @@ TEST(CommandLine, TellsWhatAnOptionIsSetToAndWhatWasTypedForIt) {
     EXPECT_EQ(OptionValue(options, result, "verbose"), Variant(false)) << "bare, so the declared default";
     for (const char* name : {"", "none", "/x", "port/description", "p"})
         EXPECT_EQ(OptionValue(options, result, name), Variant()) << name;
+    EXPECT_EQ(OptionValue(Variant(), result, "port"), Variant()) << "given, but not declared";
     EXPECT_EQ(options, declared) << "a look-up made something";
 
-    const char* arguments[] = {"cam",    "-p=010",  nullptr,          "port=1",
-                               "--port", "--por=2", "--port==a=\xff", "-p="};
-    EXPECT_THAT(OptionTexts(8, arguments, options, "port"), testing::ElementsAre("010", "", "=a=\xff", ""));
+    const char* const arguments[] = {"cam",     "-p=010",         nullptr, "port=1",    "--port",
+                                     "--por=2", "--port==a=\xff", "-p=",   "--[port]=3"};
+    EXPECT_THAT(OptionTexts(9, arguments, options, "port"),
+                testing::ElementsAre("010", "", "=a=\xff", "", "3"));
     EXPECT_THAT(OptionTexts(8, arguments, options, "verbose"), testing::IsEmpty());
     EXPECT_THAT(OptionTexts(0, nullptr, options, "port"), testing::IsEmpty());
 }

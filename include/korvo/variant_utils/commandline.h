@@ -21,6 +21,7 @@
 #pragma once
 
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "korvo/variant/variant.h"
@@ -88,6 +89,15 @@ KORVO_VARIANT_UTILS_EXPORT void ParseCommandLine(int argc, const char** argv, Va
                                                  Variant& result);
 
 /**
+ * The same for the `char**` of main(). A template, because a plain overload would make `{}` and a null pointer
+ * ambiguous.
+ */
+template <class Character, std::enable_if_t<std::is_same<Character, char>::value, int> = 0>
+void ParseCommandLine(int argc, Character** argv, Variant& definitions, Variant& result) {
+    ParseCommandLine(argc, const_cast<const char**>(argv), definitions, result);
+}
+
+/**
  * What an option is set to: the value that ParseCommandLine() found, or else the declared default.
  *
  * @param definitions  the declarations
@@ -108,7 +118,7 @@ KORVO_VARIANT_UTILS_EXPORT Variant OptionValue(const Variant& definitions, const
  * @param longName     the option's long name; what was given by its short name counts too
  * @return a text for each time that the option was given, in order; empty where it had no value
  */
-KORVO_VARIANT_UTILS_EXPORT std::vector<std::string> OptionTexts(int argc, const char** argv,
+KORVO_VARIANT_UTILS_EXPORT std::vector<std::string> OptionTexts(int argc, const char* const* argv,
                                                                 const Variant& definitions,
                                                                 const char* longName);
 
