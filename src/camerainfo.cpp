@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <iterator>
 #include <limits>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -17,6 +19,8 @@
 
 namespace korvo::variant {
 namespace {
+
+constexpr char facility[] = "src/camerainfo";
 
 signed char feature(CameraInfo& info, const char* key) {
     return memberOrDefault(info, key, TypeNumeric, false);
@@ -49,39 +53,46 @@ std::string CameraInfo::fullVersion() {
 
 namespace {
 
+[[nodiscard]] bool readFile(const char* path, std::string& text, Failure* failure) {
+    const std::string devicePath = utils::devicePath(path);
+    if (utils::File::ReadStringAll(devicePath, text)) return true;
+    return fail(failure, {Step::Read, errno, devicePath, 0, ""});
+}
+
+[[nodiscard]] bool refuseFile(const char* path, const std::string& reason, Failure* failure) {
+    return fail(failure, {Step::Load, 0, utils::devicePath(path), 0, reason});
+}
+
 /** Replaces the record by the board's description. */
-[[nodiscard]] bool readBoard(Variant& record) {
-    const std::string path = utils::devicePath(boardFile);
+[[nodiscard]] bool readBoard(Variant& record, Failure* failure) {
+    std::string text;
+    if (!readFile(boardFile, text, failure)) return false;
     CameraInfo description;
-    if (!description.FromKVPFile(path, false, false, true)) return false;
     Variant texts;
-    if (!texts.FromKVPFile(path, true, true, true)) return false;
+    if (!description.FromKVP(text, false, false, true) || !texts.FromKVP(text, true, true, true))
+        return refuseFile(boardFile, "it is no key=value text", failure);
     // An address of digits only is still a text.
     const Variant* address = texts.GetKeyChain(TypeAny, "board/hwaddr", false);
     if (address != nullptr) description["board"]["hwaddr"] = *address;
 
     record = std::move(description["board"]);
     ensureMapForm(record);
-    record["feature_sdmmc"] = description.feature_sdmmc();
-    record["feature_mic"] = description.feature_mic();
-    record["feature_video"] = description.feature_video();
-    record["feature_ir"] = description.feature_ir();
-    record["feature_rtc"] = description.feature_rtc();
-    record["feature_wifi"] = description.feature_wifi();
+    for (const char* key :
+         {"feature_ir", "feature_mic", "feature_rtc", "feature_sdmmc", "feature_video", "feature_wifi"})
+        record[key] = feature(description, key);
     return true;
 }
 
-[[nodiscard]] bool readFirstLine(const char* path, std::string& line) {
-    if (!utils::File::ReadStringAll(utils::devicePath(path), line))
-        return KORVO_FAIL("Init", "Unable to open %s", path);
+[[nodiscard]] bool readFirstLine(const char* path, std::string& line, Failure* failure) {
+    if (!readFile(path, line, failure)) return KORVO_FAIL("Init", "Unable to open %s", path);
     line.resize(std::min(line.find('\n'), line.size()));
     utils::trim(line);
     return true;
 }
 
-[[nodiscard]] bool readHostName(Variant& record) {
+[[nodiscard]] bool readHostName(Variant& record, Failure* failure) {
     std::string name;
-    if (!readFirstLine("/proc/sys/kernel/hostname", name)) return false;
+    if (!readFirstLine("/proc/sys/kernel/hostname", name, failure)) return false;
     record["hostName"] = std::move(name);
     return true;
 }
@@ -95,9 +106,9 @@ __attribute__((no_sanitize("float-divide-by-zero"))) double loadOf(double idleTi
     return 1.0 - idleTime / upTime;
 }
 
-[[nodiscard]] bool readTimes(CameraInfo& info) {
+[[nodiscard]] bool readTimes(CameraInfo& info, Failure* failure) {
     std::string line;
-    if (!readFirstLine("/proc/uptime", line)) return false;
+    if (!readFirstLine("/proc/uptime", line, failure)) return false;
     std::vector<std::string> fields;
     utils::split(line, " ", fields);
     if (!fields.empty()) info["upTime"] = utils::toDouble(fields[0].c_str());
@@ -107,9 +118,9 @@ __attribute__((no_sanitize("float-divide-by-zero"))) double loadOf(double idleTi
     return true;
 }
 
-[[nodiscard]] bool readFirmwareVersion(Variant& record) {
+[[nodiscard]] bool readFirmwareVersion(Variant& record, Failure* failure) {
     std::string version;
-    if (!utils::File::ReadStringAll(utils::devicePath(firmwareVersionFile), version)) return false;
+    if (!readFile(firmwareVersionFile, version, failure)) return false;
     utils::trim(version);
     const std::size_t firstDot = version.find('.');
     if (firstDot != std::string::npos) {
@@ -122,67 +133,45 @@ __attribute__((no_sanitize("float-divide-by-zero"))) double loadOf(double idleTi
     return true;
 }
 
-/** The form of a full firmware version, as a compiled pattern. */
-class VersionPattern {
-  public:
-    enum Group { ProtocolVersion = 6, GroupCount = 10 };
+/** The form of a full firmware version, as a regular expression. */
+std::string versionPattern() {
+    std::string pattern =
+        "^([a-zA-Z0-9]+)[.]([a-zA-Z0-9]+)"               // model, second field
+        "[.]v([0-9]+)[.]([0-9]+)[.]([0-9]+)[.]([0-9]+)"  // version, its last number the protocol's
+        "(-[a-z]+[1-9]?)?"                               // suffix
+        "[.]((M_)?[a-f0-9]+)[.][0-9]{6}[.][0-9]{4}$";    // build
+    // In some locales a range matches more than ASCII, what is written out does not.
+    const std::pair<const char*, const char*> ranges[] = {{"a-z", "abcdefghijklmnopqrstuvwxyz"},
+                                                          {"A-Z", "ABCDEFGHIJKLMNOPQRSTUVWXYZ"},
+                                                          {"a-f", "abcdef"},
+                                                          {"0-9", "0123456789"},
+                                                          {"1-9", "123456789"}};
+    for (const auto& [range, characters] : ranges) utils::replaceAll(pattern, range, characters);
+    return pattern;
+}
 
-    VersionPattern() : error(::regcomp(&pattern, text().c_str(), REG_EXTENDED)) {}
-    VersionPattern(const VersionPattern&) = delete;
-    VersionPattern& operator=(const VersionPattern&) = delete;
-    ~VersionPattern() {
-        if (compiled()) ::regfree(&pattern);
-    }
-
-    bool compiled() const { return error == 0; }
-
-    std::string errorText() const {
-        char buffer[1024];
-        (void)::regerror(error, &pattern, buffer, sizeof buffer);
-        return buffer;
-    }
-
-    bool matches(const std::string& version, regmatch_t (&groups)[GroupCount]) const {
-        // The matcher reads up to the first zero byte, and would take what stands before it for the whole
-        // version.
-        return version.find('\0') == std::string::npos &&
-               ::regexec(&pattern, version.c_str(), GroupCount, groups, 0) == 0;
-    }
-
-  private:
-    static std::string text() {
-        std::string text =
-            "^([a-zA-Z0-9]+)[.]([a-zA-Z0-9]+)"               // model, second field
-            "[.]v([0-9]+)[.]([0-9]+)[.]([0-9]+)[.]([0-9]+)"  // version, its last number the protocol's
-            "(-[a-z]+[1-9]?)?"                               // suffix
-            "[.]((M_)?[a-f0-9]+)[.][0-9]{6}[.][0-9]{4}$";    // build
-        // In some locales a range matches more than ASCII, what is written out does not.
-        const std::pair<const char*, const char*> ranges[] = {{"a-z", "abcdefghijklmnopqrstuvwxyz"},
-                                                              {"A-Z", "ABCDEFGHIJKLMNOPQRSTUVWXYZ"},
-                                                              {"a-f", "abcdef"},
-                                                              {"0-9", "0123456789"},
-                                                              {"1-9", "123456789"}};
-        for (const auto& [range, characters] : ranges) utils::replaceAll(text, range, characters);
-        return text;
-    }
-
+[[nodiscard]] bool storeProtocolVersion(CameraInfo& info, Failure* failure) {
+    constexpr std::size_t protocolVersionGroup = 6;
     regex_t pattern;
-    const int error;
-};
-
-[[nodiscard]] bool storeProtocolVersion(CameraInfo& info) {
-    const VersionPattern pattern;
-    if (!pattern.compiled())
-        return KORVO_FAIL("Init", "Failed to compile FW version regex: %s", pattern.errorText().c_str());
+    const int error = ::regcomp(&pattern, versionPattern().c_str(), REG_EXTENDED);
+    if (error != 0) {
+        std::string why(1024, '\0');
+        (void)::regerror(error, &pattern, why.data(), why.size());
+        KORVO_LOG("Init", logger::LevelError, 0, "Failed to compile FW version regex: %s", why.c_str());
+        return refuseFile(firmwareVersionFile, why.c_str(), failure);
+    }
+    const std::unique_ptr<regex_t, decltype(&::regfree)> compiled(&pattern, &::regfree);
     const std::string version = info.fullVersion();
-    regmatch_t groups[VersionPattern::GroupCount];
-    if (!pattern.matches(version, groups)) {
+    regmatch_t groups[protocolVersionGroup + 1];
+    // The matcher reads up to the first zero byte, and would take what stands before it for the whole version.
+    if (version.find('\0') != std::string::npos ||
+        ::regexec(&pattern, version.c_str(), std::size(groups), groups, 0) != 0) {
         KORVO_LOG("Init", logger::LevelError, errno, "Failed to match FW version regex, fw=%s",
                   version.c_str());
-        return false;
+        return refuseFile(firmwareVersionFile, "it holds no firmware version, but '" + version + '\'',
+                          failure);
     }
-
-    const regmatch_t& digits = groups[VersionPattern::ProtocolVersion];
+    const regmatch_t& digits = groups[protocolVersionGroup];
     unsigned int protocolVersion = std::numeric_limits<unsigned int>::max();
     (void)std::from_chars(&version[static_cast<std::size_t>(digits.rm_so)],
                           &version[static_cast<std::size_t>(digits.rm_eo)], protocolVersion);
@@ -205,10 +194,14 @@ void storeAddressWithColons(Variant& record) {
 
 }  // namespace
 
-bool CameraInfo::Init() {
-    if (!readBoard(*this) || !readHostName(*this) || !readTimes(*this)) return false;
-    if (!readFirmwareVersion(*this) || !storeProtocolVersion(*this)) return false;
+bool CameraInfo::Init() { return Init(nullptr); }
+
+bool CameraInfo::Init(Failure* failure) {
+    if (!readBoard(*this, failure) || !readHostName(*this, failure) || !readTimes(*this, failure) ||
+        !readFirmwareVersion(*this, failure) || !storeProtocolVersion(*this, failure))
+        return false;
     storeAddressWithColons(*this);
+    if (failure != nullptr) *failure = {};
     return true;
 }
 

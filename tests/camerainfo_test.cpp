@@ -16,12 +16,25 @@ namespace {
 
 const std::filesystem::path devices = TEST_DATA "/../devices";
 
+/** The result of Init(), and why it failed: the file below the device root, errno and reason. */
+std::string resultOfInit(CameraInfo& info) {
+    korvo::Failure failure;
+    failure.step = korvo::Step::Key;
+    const bool done = info.Init(&failure);
+    EXPECT_EQ(done, failure.step == korvo::Step::None);
+    if (done) return "succeeds\n";
+    EXPECT_EQ(failure.step, failure.error != 0 ? korvo::Step::Read : korvo::Step::Load);
+    const std::string file = std::filesystem::relative(failure.subject, korvo::utils::devicePath("/"));
+    const std::string error = failure.error != 0 ? "errno " + std::to_string(failure.error) : "";
+    return "fails: " + file + ": " + error + failure.reason + '\n';
+}
+
 /** What Init() does, as the files "expected" of the sample devices have it: result, messages and record. */
 std::string outcomeOfInit() {
     test::LogCapture log;
     CameraInfo info;
     info["earlier"] = 1;
-    std::string text = info.Init() ? "succeeds\n" : "fails\n", record;
+    std::string text = resultOfInit(info), record;
     for (const test::LogLine& line : log.take()) text += line.function + ": " + line.message + '\n';
     EXPECT_TRUE(info.ToKVP(record, "=", "\n"));
     return text + record;

@@ -17,6 +17,7 @@
 
 #include "korvo/variant/variant.h"
 #include "korvo/variant_utils/export.h"
+#include "korvo/variant_utils/failure.h"
 
 namespace korvo::variant {
 
@@ -73,6 +74,17 @@ class KORVO_VARIANT_UTILS_EXPORT CameraInfo : public Variant {
      *         /lib/version.
      */
     [[nodiscard]] bool Init();
+
+    /**
+     * The same; @p failure, which may be null, receives why it failed: Step::Read with the path and errno, or
+     * Step::Load with the path and a reason.
+     *
+     * @code
+     * korvo::Failure why;
+     * if (!info.Init(&why)) show(why.subject + ": " + (why.error != 0 ? strerror(why.error) : why.reason));
+     * @endcode
+     */
+    [[nodiscard]] bool Init(Failure* failure);
 
     /** @name Accessors
      * Each returns its member. A member that is missing or has another type is first replaced by a default,
