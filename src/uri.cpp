@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <initializer_list>
 #include <string_view>
 #include <system_error>
 #include <tuple>
@@ -14,6 +15,8 @@
 
 namespace korvo::variant {
 namespace {
+
+constexpr char facility[] = "src/uri";
 
 std::string stringMember(URI& uri, const char* key) {
     const std::string& text = memberOrDefault(uri, key, TypeString, "");
@@ -83,14 +86,19 @@ std::string URI::derivedURI(std::string documentName, bool withParameters) {
 }
 
 bool URI::FromString(const std::string& text, bool resolveHost, URI& target) {
-    if (!parseURI(text, target)) return false;
+    return FromString(text, resolveHost, target, nullptr);
+}
+
+bool URI::FromString(const std::string& text, bool resolveHost, URI& target, Failure* failure) {
+    if (!parseURI(text, target, failure)) return false;
     std::string address;
     if (resolveHost && target.schema() != "file") {
         const std::string hostName = target.host();
         address = utils::getHostByName(hostName);
         if (address.empty()) {
             target.Reset();
-            return KORVO_FAIL(__func__, "Unable to resolve host: %s", hostName.c_str());
+            KORVO_LOG(__func__, logger::LevelError, 0, "Unable to resolve host: %s", hostName.c_str());
+            return fail(failure, {Step::Resolve, 0, hostName, 0, "it has no address"});
         }
     }
     storeMember(target, "ip", std::move(address));
@@ -131,189 +139,151 @@ std::pair<std::string_view, std::string_view> splitAt(std::string_view text, cha
     return {text.substr(0, found), text.substr(found + 1)};
 }
 
+/** Logs @p message and gives the caller @p reason, which repeats nothing of the text. */
+[[nodiscard]] bool refuse(Failure* failure, const char* reason, const std::string& message) {
+    KORVO_LOG("parseURI", logger::LevelError, 0, "%s", message.c_str());
+    return fail(failure, {Step::Uri, 0, "", 0, reason});
+}
+
+/** @p text without the white space that utils::trim() removes from a string. */
+std::string_view trimmed(std::string_view text) {
+    constexpr char whiteSpace[] = " \t\n\v\f\r";
+    const std::size_t begin = text.find_first_not_of(whiteSpace);
+    if (begin == std::string_view::npos) return {};
+    return text.substr(begin, text.find_last_not_of(whiteSpace) - begin + 1);
+}
+
+/** The parts of a URI text, as views of it. */
+struct UriParts {
+    std::string_view text;           ///< without white space around it
+    std::string schema;              ///< in lower case
+    std::string_view schemaAsGiven;  ///< with the "://"
+    bool hasUserInfo = false;
+    std::string_view userName;
+    std::string_view password;
+    std::string_view location;  ///< all that follows the user-info
+    std::string_view host;
+    unsigned short port = 0;
+    bool portSpecified = false;
+    std::string_view path = "/";
+    std::string_view query;  ///< with the "?" in front; empty when there is none
+};
+
+[[nodiscard]] bool splitHostAndPort(std::string_view hostAndPort, UriParts& parts, Failure* failure) {
+    hostAndPort = trimmed(hostAndPort);
+    if (hostAndPort.empty()) return refuse(failure, "it names no host", "Invalid host:port specified");
+    const std::size_t hostEnd = std::min(hostAndPort.find(':'), hostAndPort.size());
+    parts.host = trimmed(hostAndPort.substr(0, hostEnd));
+    parts.portSpecified = hostEnd < hostAndPort.size();
+    constexpr char noPort[] = "its port is not a number from 1 to 65535";
+    const std::string_view portText = hostAndPort.substr(std::min(hostEnd + 1, hostAndPort.size()));
+    if (parts.portSpecified && !parsePort(portText, parts.port))
+        return refuse(failure, noPort,
+                      utils::format("Invalid port number specified: `%s`", std::string(portText).c_str()));
+    if (parts.port != 0) return true;
+    return refuse(
+        failure, parts.portSpecified ? noPort : "it names no port, and its schema has no default",
+        utils::format("Invalid URI. No port specified and the schema `%s` is unknown", parts.schema.c_str()));
+}
+
+[[nodiscard]] bool splitLocation(UriParts& parts, Failure* failure) {
+    std::string_view pathAndQuery = parts.location;
+    const bool isFile = parts.schema == "file";
+    // A "?" ends the host only where there is no "/".
+    std::size_t hostEnd = pathAndQuery.find('/');
+    if (hostEnd == std::string_view::npos) hostEnd = pathAndQuery.find('?');
+    if (!isFile && !splitHostAndPort(pathAndQuery.substr(0, hostEnd), parts, failure)) return false;
+    if (hostEnd == std::string_view::npos) return true;
+    if (!isFile) pathAndQuery.remove_prefix(hostEnd);
+    const std::size_t pathEnd = std::min(pathAndQuery.find('?'), pathAndQuery.size());
+    parts.query = pathAndQuery.substr(pathEnd);
+    // A query without a path is one of the root, except for a file.
+    if (isFile || pathEnd > 0) parts.path = pathAndQuery.substr(0, pathEnd);
+    return true;
+}
+
 /**
- * One URI text, taken apart from the left to the right by the grammar
+ * Splits a text, without the white space around it, by the grammar
  *
  *   uri       = schema "://" [ user-info "@" ] location
  *   user-info = user-name [ ":" password ]
  *   location  = host [ ":" port ] [ path ] [ "?" query ]     for every schema but file
  *             | [ path ] [ "?" query ]                       for file
  *
- * where the "@" stands before the first "/" after the schema.
+ * where the "@" stands before the first "/" after the schema. False, with the error logged, when the text is
+ * no URI.
  */
-class UriParser {
-  public:
-    explicit UriParser(std::string uriText) : untrimmed(std::move(uriText)), text(untrimmed) {
-        utils::trim(text);
+[[nodiscard]] bool splitUri(std::string_view text, UriParts& parts, Failure* failure) {
+    text = trimmed(text);
+    parts.text = text;
+    if (text.empty()) return refuse(failure, "it is empty", "Empty uri");
+    const std::size_t schemaEnd = text.find("://");
+    if (schemaEnd == std::string_view::npos)
+        return refuse(failure, "there is no \"://\"", "Unable to determine schema");
+    parts.schema = utils::lowerCase(std::string(text.substr(0, schemaEnd)));
+    parts.schemaAsGiven = text.substr(0, schemaEnd + 3);
+    parts.port = defaultPort(parts.schema);
+    parts.location = text.substr(schemaEnd + 3);
+    const std::size_t at = parts.location.find('@');
+    parts.hasUserInfo = at != std::string_view::npos && at < parts.location.find('/');
+    if (parts.hasUserInfo) {
+        std::tie(parts.userName, parts.password) = splitAt(parts.location.substr(0, at), ':');
+        parts.location.remove_prefix(at + 1);
     }
+    return splitLocation(parts, failure);
+}
 
-    /** False, with the error logged, when the text is no URI. */
-    [[nodiscard]] bool parse();
+/** Where in the path the document begins. The first character belongs to the directory, whatever it is. */
+std::size_t documentBegin(const UriParts& parts) {
+    // A stream name such as mp4:folder/clip.mp4 is one document, slashes and all.
+    const bool isStream = parts.schema.compare(0, 4, "rtmp") == 0;
+    const std::size_t searchEnd = isStream ? parts.path.find(':') : std::string_view::npos;
+    const std::size_t slash = parts.path.rfind('/', searchEnd);
+    return slash == std::string_view::npos ? std::min<std::size_t>(parts.path.size(), 1) : slash + 1;
+}
 
-    /** Stores every member. To be called once, since each is moved from a text of its own. */
-    void store(URI& uri);
+void storeParameters(std::string_view query, Variant& parameters) {
+    parameters.IsArray(false);
+    while (!query.empty()) {
+        const auto [parameter, rest] = splitAt(query, '&');
+        const auto [name, value] = splitAt(parameter, '=');
+        if (!name.empty()) parameters[std::string(name)] = std::string(value);
+        query = rest;
+    }
+}
 
-  private:
-    void splitUserInfo();
-    [[nodiscard]] bool splitLocation();
-    [[nodiscard]] bool splitHostAndPort(std::string_view hostAndPort);
-    void splitPath();
-    std::size_t documentBegin() const;
-    void joinAgain();
-    Variant parameters() const;
-
-    std::string untrimmed;
+std::string joined(std::initializer_list<std::string_view> pieces) {
     std::string text;
-    std::string schema;
-    std::size_t schemaEnd = 0;      ///< after the "://"
-    std::size_t locationBegin = 0;  ///< after the "@" too, when there is one
-    std::string userName;
-    std::string password;
-    std::string host;
-    unsigned short port = 0;
-    bool portSpecified = false;
-    std::string pathAndQuery = "/";
-    std::string path;
-    std::string query;
-    std::string documentPath;
-    std::string document;
-    std::string documentWithParameters;
-    std::string withoutUserInfo;
-};
-
-bool UriParser::parse() {
-    if (text.empty()) return KORVO_FAIL("parseURI", "Empty uri");
-    const std::size_t separator = text.find("://");
-    if (separator == std::string::npos) return KORVO_FAIL("parseURI", "Unable to determine schema");
-    schema = utils::lowerCase(text.substr(0, separator));
-    schemaEnd = separator + 3;
-    port = defaultPort(schema);
-    splitUserInfo();
-    if (!splitLocation()) return false;
-    splitPath();
-    if (port == 0 && schema != "file") {
-        return KORVO_FAIL("parseURI", "Invalid URI. No port specified and the schema `%s` is unknown",
-                          schema.c_str());
-    }
-    joinAgain();
-    return true;
+    std::size_t size = 0;
+    for (const std::string_view piece : pieces) size += piece.size();
+    text.reserve(size);
+    for (const std::string_view piece : pieces) text += piece;
+    return text;
 }
 
-void UriParser::splitUserInfo() {
-    locationBegin = schemaEnd;
-    const std::size_t at = text.find('@', schemaEnd);
-    if (at == std::string::npos || text.find('/', schemaEnd) < at) return;
-    std::tie(userName, password) = splitAt(std::string_view(text).substr(schemaEnd, at - schemaEnd), ':');
-    locationBegin = at + 1;
-}
-
-bool UriParser::splitLocation() {
-    const std::string_view location = std::string_view(text).substr(locationBegin);
-    if (schema == "file") {
-        if (location.find_first_of("/?") != std::string_view::npos) pathAndQuery = location;
-        return true;
-    }
-    std::size_t end = location.find('/');
-    if (end == std::string_view::npos) end = location.find('?');
-    if (end != std::string_view::npos) {
-        // A query without a path is one of the root.
-        if (location[end] == '?')
-            pathAndQuery.append(location, end);
-        else
-            pathAndQuery = location.substr(end);
-    }
-    return splitHostAndPort(location.substr(0, end));
-}
-
-bool UriParser::splitHostAndPort(std::string_view hostAndPort) {
-    host = hostAndPort;
-    utils::trim(host);
-    if (host.empty()) return KORVO_FAIL("parseURI", "Invalid host:port specified");
-    const std::size_t colon = host.find(':');
-    if (colon == std::string::npos) return true;
-    const std::string portText = host.substr(colon + 1);
-    if (!parsePort(portText, port))
-        return KORVO_FAIL("parseURI", "Invalid port number specified: `%s`", portText.c_str());
-    portSpecified = true;
-    host.resize(colon);
-    utils::trim(host);
-    return true;
-}
-
-void UriParser::splitPath() {
-    const auto [before, after] = splitAt(pathAndQuery, '?');
-    path = before;
-    query = after;
-    utils::trim(query);
-    const std::size_t documentAt = documentBegin();
-    documentPath.assign(path, 0, documentAt);
-    document.assign(path, documentAt);
-}
-
-std::size_t UriParser::documentBegin() const {
-    std::size_t slash = path.rfind('/');
-    if (schema.compare(0, 4, "rtmp") == 0) {
-        // A stream name such as mp4:folder/clip.mp4 is one document, slashes and all.
-        const std::size_t colon = path.find(':');
-        const std::size_t before = colon != std::string::npos ? path.rfind('/', colon) : colon;
-        if (before != std::string::npos) slash = before;
-    }
-    // The first character belongs to the folder, whatever it is.
-    return slash == std::string::npos ? std::min<std::size_t>(path.size(), 1) : slash + 1;
-}
-
-Variant UriParser::parameters() const {
-    Variant map;
-    map.IsArray(false);
-    for (std::string_view rest = query; !rest.empty();) {
-        const auto [piece, after] = splitAt(rest, '&');
-        const auto [name, value] = splitAt(piece, '=');
-        if (!name.empty()) map[std::string(name)] = std::string(value);
-        rest = after;
-    }
-    return map;
-}
-
-/** Makes the texts that leave out a part in the middle. */
-void UriParser::joinAgain() {
-    documentWithParameters.reserve(document.size() + 1 + query.size());
-    documentWithParameters = document;
-    if (!query.empty()) documentWithParameters.append(1, '?').append(query);
-    if (locationBegin == schemaEnd) {
-        withoutUserInfo = untrimmed;
-    } else {
-        withoutUserInfo.reserve(text.size());
-        withoutUserInfo.append(text, 0, schemaEnd).append(text, locationBegin);
-    }
-}
-
-void UriParser::store(URI& uri) {
-    Variant parameterMap = parameters();
-    // In the order of the keys, in which a map grows fastest.
-    uri.document(std::move(document));
-    uri["documentPath"] = std::move(documentPath);
-    uri.documentWithFullParameters(std::move(documentWithParameters));
-    uri["fullDocumentPath"] = std::move(path);
-    uri["fullDocumentPathWithParameters"] = std::move(pathAndQuery);
-    uri["fullParameters"] = std::move(query);
-    uri["fullUri"] = std::move(withoutUserInfo);
-    uri["fullUriWithAuth"] = std::move(untrimmed);
-    uri.host(std::move(host));
-    uri.originalUri(std::move(text));
-    uri["parameters"] = std::move(parameterMap);
-    uri["password"] = std::move(password);
-    uri["port"] = port;
-    uri["portSpecified"] = portSpecified;
-    uri.schema(std::move(schema));
-    uri.userName(std::move(userName));
-}
-
-/** The value of a hexadecimal digit, or -1. */
-int hexDigit(char digit) {
-    if (digit >= '0' && digit <= '9') return digit - '0';
-    if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
-    if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
-    return -1;
+/** Stores the parts of @p text. */
+void store(const UriParts& parts, std::string&& text, URI& uri) {
+    const std::size_t documentAt = documentBegin(parts);
+    const std::string_view document = parts.path.substr(documentAt);
+    const std::string_view query = trimmed(splitAt(parts.query, '?').second);
+    // In key order: appending is the fastest insertion.
+    uri.document(std::string(document));
+    uri["documentPath"] = std::string(parts.path.substr(0, documentAt));
+    uri.documentWithFullParameters(joined({document, query.empty() ? "" : "?", query}));
+    uri["fullDocumentPath"] = std::string(parts.path);
+    uri["fullDocumentPathWithParameters"] = joined({parts.path, parts.query});
+    uri["fullParameters"] = std::string(query);
+    uri["fullUri"] = parts.hasUserInfo ? joined({parts.schemaAsGiven, parts.location}) : text;
+    Variant& givenText = uri["fullUriWithAuth"];
+    uri.host(std::string(parts.host));
+    uri.originalUri(std::string(parts.text));
+    storeParameters(query, uri["parameters"]);
+    uri["password"] = std::string(parts.password);
+    uri["port"] = parts.port;
+    uri["portSpecified"] = parts.portSpecified;
+    uri.schema(parts.schema);
+    uri.userName(std::string(parts.userName));
+    givenText = std::move(text);  // Last: the parts are views of it.
 }
 
 }  // namespace
@@ -322,11 +292,11 @@ std::string percentDecode(const std::string& text) {
     std::string decoded;
     decoded.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {
-        const bool escape = text[i] == '%' && i + 2 < text.size();
-        const int high = escape ? hexDigit(text[i + 1]) : -1;
-        const int low = escape ? hexDigit(text[i + 2]) : -1;
-        if (high >= 0 && low >= 0) {
-            decoded += static_cast<char>(high * 16 + low);
+        const char* const digits = &text[i] + 1;
+        unsigned char byte = 0;
+        if (text[i] == '%' && i + 2 < text.size() &&
+            std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2) {
+            decoded += static_cast<char>(byte);
             i += 2;
         } else {
             decoded += text[i];
@@ -337,10 +307,13 @@ std::string percentDecode(const std::string& text) {
 
 }  // namespace korvo::variant
 
-bool parseURI(std::string text, korvo::variant::URI& uri) {
+bool parseURI(std::string text, korvo::variant::URI& uri) { return parseURI(std::move(text), uri, nullptr); }
+
+bool parseURI(std::string text, korvo::variant::URI& uri, korvo::Failure* failure) {
     uri.Reset();
-    korvo::variant::UriParser parser(std::move(text));
-    if (!parser.parse()) return false;
-    parser.store(uri);
+    korvo::variant::UriParts parts;
+    if (!korvo::variant::splitUri(text, parts, failure)) return false;
+    korvo::variant::store(parts, std::move(text), uri);
+    if (failure != nullptr) *failure = {};
     return true;
 }

@@ -18,10 +18,11 @@ namespace {
 std::vector<std::string> askedHosts;
 
 /** schema|userName|password|host|port|portSpecified|documentPath|document */
-std::string parts(const std::string& text) {
+std::string parts(const std::string& text, korvo::Failure* failure = nullptr) {
     URI uri;
     uri["stale"] = 1;
-    if (!parseURI(text, uri)) return VariantType(uri) == TypeNull ? "refused" : "refused, but not empty";
+    if (!parseURI(text, uri, failure))
+        return VariantType(uri) == TypeNull ? "refused" : "refused, but not empty";
     const std::string folder = uri.documentPath(), document = uri["document"];
     return uri.schema() + '|' + uri.userName() + '|' + uri.password() + '|' + uri.host() + '|' +
            std::to_string(uri.port()) + (uri.portSpecified() ? "|yes|" : "|no|") + folder + '|' + document;
@@ -68,13 +69,15 @@ TEST(ParseUri, TakesEachPieceFromItsPlace) {
 
 TEST(ParseUri, RefusesWithOneMessageAndAnEmptyRecord) {
     test::LogCapture log;
-    for (const auto& [text, message] : test::readCases("uri_refused.txt")) {
-        EXPECT_EQ(parts(text), "refused") << text;
+    for (const auto& [text, expected] : test::readCases("uri_refused.txt")) {
+        korvo::Failure failure;
+        EXPECT_EQ(parts(text, &failure), "refused") << text;
+        EXPECT_EQ(failure.step, korvo::Step::Uri);
         std::string told;
         for (const test::LogLine& line : log.take())
             told += line.sourceFile + ", " + line.function + ", " + std::to_string(line.level) + ": " +
                     line.message;
-        EXPECT_EQ(told, "src/uri, parseURI, 3: " + message) << text;
+        EXPECT_EQ(told + '|' + failure.reason, "src/uri, parseURI, 3: " + expected) << text;
     }
 }
 
@@ -131,17 +134,23 @@ TEST(PercentDecode, DecodesEscapesOnceAndLeavesTheRest) {
 TEST(UriFromString, ResolvesTheHostOnlyWhenAskedTo) {
     test::LogCapture log;
     askedHosts.clear();
-    const auto addressOf = [](const char* text, bool resolve) {
+    korvo::Failure failure;
+    const auto addressOf = [&failure](const char* text, bool resolve) {
         URI uri;
-        const bool done = URI::FromString(text, resolve, uri);
+        const bool done = URI::FromString(text, resolve, uri, &failure);
         return done ? test::shown(uri["ip"]) : uri == Variant() ? "refused" : "refused, but not empty";
     };
     EXPECT_EQ(addressOf("http://unknown/", false), "string ");
     EXPECT_EQ(addressOf("file:///x", true), "string ");
     EXPECT_EQ(addressOf("nonsense", true), "refused");
-    EXPECT_EQ(addressOf("http://known/", true), "string 192.0.2.1");
+    EXPECT_EQ(failure.step, korvo::Step::Uri);
     EXPECT_EQ(addressOf("http://unknown/", true), "refused");
-    EXPECT_THAT(askedHosts, ElementsAre("known", "unknown"));
+    EXPECT_EQ(failure.step, korvo::Step::Resolve);
+    EXPECT_EQ(failure.subject, "unknown");
+    EXPECT_EQ(addressOf("http://known/", true), "string 192.0.2.1");
+    EXPECT_EQ(failure.step, korvo::Step::None);
+    EXPECT_EQ(failure.subject, "") << "of the call before";
+    EXPECT_THAT(askedHosts, ElementsAre("unknown", "known"));
     EXPECT_EQ(log.messages(), "Unable to determine schema|Unable to resolve host: unknown");
 }
 

@@ -19,6 +19,7 @@
 
 #include "korvo/variant/variant.h"
 #include "korvo/variant_utils/export.h"
+#include "korvo/variant_utils/failure.h"
 
 namespace korvo::variant {
 
@@ -103,6 +104,13 @@ class KORVO_VARIANT_UTILS_EXPORT URI : public Variant {
      * @return false when the text is no URI or its host cannot be resolved; @p target is then null
      */
     [[nodiscard]] static bool FromString(const std::string& text, bool resolveHost, URI& target);
+
+    /**
+     * The same; @p failure, which may be null, receives why it failed: Step::Uri as for parseURI(), or
+     * Step::Resolve with the host. A password with an "@" in it leaves its rest in the host.
+     */
+    [[nodiscard]] static bool FromString(const std::string& text, bool resolveHost, URI& target,
+                                         Failure* failure);
 };
 
 /**
@@ -129,3 +137,15 @@ KORVO_VARIANT_UTILS_EXPORT std::string percentDecode(const std::string& text);
  * @return false, with one error logged, when the text is no URI; @p uri is then null
  */
 [[nodiscard]] KORVO_VARIANT_UTILS_EXPORT bool parseURI(std::string text, korvo::variant::URI& uri);
+
+/**
+ * The same; @p failure, which may be null, receives why the text is refused: Step::Uri with a reason that
+ * repeats nothing of the text, which may hold a password.
+ *
+ * @code
+ * korvo::Failure why;
+ * if (!parseURI(text, uri, &why)) show("That is no stream address: " + why.reason);
+ * @endcode
+ */
+[[nodiscard]] KORVO_VARIANT_UTILS_EXPORT bool parseURI(std::string text, korvo::variant::URI& uri,
+                                                       korvo::Failure* failure);
