@@ -1,7 +1,6 @@
-// A process that uses the configuration store, for the scripts that break it.
-//   store_worker ROOT KEY VALUE             one use: scripts/fault-injection, scripts/power-cut
-//   store_worker ROOT --step STEP           apply, restore, replace or reset: the same two
-//   store_worker ROOT --storm SEED THREADS  counts until ROOT/stop exists: scripts/kill-storm
+// A process that uses the configuration store, for scripts/kill-storm.
+//   store_worker ROOT KEY VALUE             one use with a save; status 0 when it succeeds
+//   store_worker ROOT --storm SEED THREADS  counts until ROOT/stop exists
 
 #include <fcntl.h>
 #include <signal.h>
@@ -9,7 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <iostream>
 #include <random>
 #include <string>
 #include <thread>
@@ -26,55 +24,12 @@ InterProcessMutex::InterProcessMutex(const char* /*name*/, bool /*reserved*/) : 
 InterProcessMutex::~InterProcessMutex() { (void)lock; }
 int InterProcessMutex::acquire() { return 0; }
 int InterProcessMutex::release() { return 0; }
+bool InterProcessMutex::acquired() const { return lock == nullptr; }
 bool InterProcessMutex::held() const { return lock == nullptr; }
 pid_t InterProcessMutex::holder() const { return 0; }
 #endif
 
 namespace {
-
-/** Tells what comes now, in a system call of its own, so that a record of all calls shows where it begins. */
-void announce(const char* stage) { std::cout << stage << std::endl; }
-
-/** Reports a stage and, where it failed, what it left behind. */
-bool report(const char* stage, bool succeeded) {
-    const std::string temporary = "/tmp/system.cfg." + std::to_string(::getpid());
-    const bool left = ::access(korvo::utils::devicePath(temporary.c_str()).c_str(), F_OK) == 0;
-    std::cout << stage << '=' << succeeded << (left ? " (left its temporary file)" : "") << std::endl;
-    return succeeded;
-}
-
-int use(const char* key, const char* value) {
-    SystemCfgManager store;
-    announce("init");
-    if (!report("init", store.init())) {
-        InterProcessMutex probe("system.cfg", true);
-        return probe.acquire() == 0 ? 1 : 2;
-    }
-    announce("set");
-    (void)report("set", store.set(key, value, nullptr));
-    announce("close");
-    const bool closed = report("close", store.close(true, false));
-    announce("end");
-    return closed ? 0 : 1;
-}
-
-bool applyChanges() {
-    SystemCfgManager store;
-    if (!store.init() ||
-        !store.apply({{"video.bitrate", "2048"}, {"audio", std::nullopt}, {"video.codec", "h265"}}, nullptr))
-        return false;
-    (void)store.close(false, false);  // which writes once more what has been written already
-    return true;
-}
-
-/** A step in the life of a configuration; 0 done, 1 failed, 2 failed and the lock is still held. */
-int performStep(const std::string& step, const std::string& defaults) {
-    const bool done = step == "apply"   ? applyChanges()
-                      : step == "reset" ? SystemCfgManager::reset(defaults)
-                                        : SystemCfgManager::restore(defaults, step == "replace");
-    InterProcessMutex probe("system.cfg", true);
-    return done ? 0 : probe.acquire() == 0 ? 1 : 2;
-}
 
 /** Counts in the store, and notes each step in ROOT/journal, so that a killer knows how far it came. */
 class Storm {
@@ -147,9 +102,11 @@ class Storm {
 int main(int count, char** arguments) {
     if (count < 4) return 3;
     korvo::utils::setDeviceRoot(arguments[1]);
-    if (count == 4 && arguments[2] == std::string("--step"))
-        return performStep(arguments[3], arguments[1] + std::string("/factory"));
-    if (count == 4) return use(arguments[2], arguments[3]);
+    if (count == 4) {
+        SystemCfgManager store;
+        return store.init() && store.set(arguments[2], arguments[3], nullptr) && store.close(true, false) ? 0
+                                                                                                          : 1;
+    }
     Storm(arguments[1])
         .run(static_cast<unsigned>(std::stoul(arguments[3])),
              static_cast<unsigned>(std::stoul(arguments[4])));

@@ -9,23 +9,31 @@
 #include <string>
 #include <string_view>
 
+#include "korvo/variant_utils/failure.h"
+
 namespace korvo::configuration {
 
 constexpr char flashCyclesKey[] = "system.flash.cycles";
 
+/** Which rule a key breaks that get() refuses; null for one that may name a value. */
+const char* pathFault(const std::string& key);
+
 /** Whether a key has an index component that is not escaped. */
 bool hasBareIndex(std::string_view key);
 
-/** Turns the file's text into the one that the tree is loaded from. */
-void toTreeText(std::string& text, bool escapeIndexKeys);
+/** The text that the tree is loaded from, for one of the file. */
+std::string treeText(const std::string& text, bool escapeIndexKeys);
 
 /** Turns the text of a tree with escaped index components into the file's; false when it would not load. */
 [[nodiscard]] bool toFileText(std::string& text);
 
-/** Whether a text of the file loads. */
-bool loads(const std::string& text);
+/** Whether a text, which was read from the file at @p path, loads. */
+[[nodiscard]] bool loads(const std::string& text, const std::string& path, Failure* failure);
 
 /** Whether any line of a text is a pair. */
+bool holdsPairs(const std::string& text);
+
+/** Whether any is a pair other than the count of flash writes. */
 bool holdsSettings(const std::string& text);
 
 /** The integer that a text stands for; the nearest int, whatever the width of long. */
@@ -34,10 +42,7 @@ int clampedInt(const char* text);
 /** The largest count of flash writes that a line of the text tells, 0 when none does. */
 int flashWritesIn(const std::string& text);
 
-/**
- * Raises the count of flash writes in a text that loads, and leaves the rest as it is; false when it would
- * not load any more.
- */
-[[nodiscard]] bool raiseFlashWrites(std::string& text, int count);
+/** Raises the count of flash writes in a text and leaves the rest as it is. It may not load any more then. */
+void raiseFlashWrites(std::string& text, int count);
 
 }  // namespace korvo::configuration

@@ -1,9 +1,6 @@
-#include <pthread.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <atomic>
 #include <cctype>
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <new>
@@ -24,6 +21,9 @@
 
 namespace configuration = korvo::configuration;
 namespace utils = korvo::utils;
+using korvo::fail;
+using korvo::Failure;
+using korvo::Step;
 using korvo::variant::TypeAny;
 using korvo::variant::TypeArray;
 using korvo::variant::TypeMap;
@@ -35,13 +35,16 @@ using korvo::variant::VariantType;
 
 namespace {
 
+constexpr char facility[] = "src/system_cfg";
+
 // Keys
 
-/** The components of a key; none when the key is refused. */
-std::vector<std::string> componentsOf(const std::string& key) {
-    std::vector<std::string> components;
-    if (SystemCfgManager::keyFault(key) == nullptr) utils::split(key, ".", components);
-    return components;
+/** Splits a key into its components. False when it has a fault, which is null when it has none. */
+[[nodiscard]] bool splitKey(const std::string& key, const char* fault, std::vector<std::string>& components,
+                            Failure* failure) {
+    if (fault != nullptr) return fail(failure, {Step::Key, 0, key, 0, fault});
+    utils::split(key, ".", components);
+    return true;
 }
 
 bool isContainer(const Variant& node) {
@@ -56,53 +59,58 @@ Variant* findMember(Variant& node, const std::string& component, VariantType typ
     return node.GetKeyChain(type, (letter ? "[" + component + "]" : component).c_str(), true);
 }
 
-/** Whether a node can have a member of that name and still be written. */
-bool canHold(Variant& node, const std::string& name) {
-    if (!isContainer(node)) return static_cast<VariantType>(node) == TypeNull;
+/** The value under a key; null when there is none. False when the key is refused. */
+[[nodiscard]] bool findValue(Variant& root, const std::string& key, VariantType type, Variant*& value,
+                             Failure* failure) {
+    std::vector<std::string> components;
+    value = nullptr;
+    if (!splitKey(key, configuration::pathFault(key), components, failure)) return false;
+    Variant* node = &root;
+    for (std::size_t i = 0; node != nullptr && i < components.size(); ++i)
+        node = findMember(*node, components[i], i + 1 < components.size() ? TypeAny : type);
+    value = node;
+    return true;
+}
+
+/** Why a node cannot have a member of that name and still be written; null when it can. */
+const char* obstacle(Variant& node, const std::string& name) {
+    if (static_cast<VariantType>(node) == TypeNull) return nullptr;
+    if (!isContainer(node)) return " has a value, so nothing can be below it";
     // In a tree that a host filled, an indexed member may have a line of that name already.
     const long long index = std::strtoll(name.c_str(), nullptr, 10);
-    if (std::to_string(index) != name) return true;
+    if (std::to_string(index) != name) return nullptr;
     const Variant* indexed = node.GetKeyChain(TypeAny, ("[" + name + "]").c_str(), true);
-    return indexed == nullptr || indexed == findMember(node, name, TypeAny);
+    if (indexed == nullptr || indexed == findMember(node, name, TypeAny)) return nullptr;
+    return " has an indexed member of that name";
 }
-
-enum class Missing { Stays, IsMade };
 
 /**
- * The node in which the last of a key's components names a member; null when the key is refused, when the
- * node stays missing, or when it is to be made and no value could be stored there.
+ * The node to store a value in, made with its parents where they are missing, and the last component of its
+ * key. Null when the key is refused, and nothing is made then.
  */
-Variant* findParent(Variant& root, const std::vector<std::string>& components, Missing missing) {
-    Variant* node = components.empty() ? nullptr : &root;
-    for (std::size_t i = 0; node != nullptr; ++i) {
-        if (missing == Missing::IsMade) {
-            // What cannot hold it stands before the first missing node, so nothing has been made then.
-            if (!canHold(*node, components[i])) return nullptr;
-            if (!isContainer(*node)) node->IsArray(false);
-        }
-        if (i + 1 == components.size()) return node;
-        node =
-            missing == Missing::IsMade ? &(*node)[components[i]] : findMember(*node, components[i], TypeAny);
-    }
-    return nullptr;
-}
-
-/** The value under a key; null when there is none. False when the key is refused. */
-[[nodiscard]] bool findValue(Variant& root, const std::string& key, VariantType type, Variant*& value) {
-    const std::vector<std::string> components = componentsOf(key);
-    Variant* const parent = findParent(root, components, Missing::Stays);
-    value = parent != nullptr ? findMember(*parent, components.back(), type) : nullptr;
-    return !components.empty();
-}
-
-/** The node to store a value in, and the last component of its key; null when the key is refused. */
-Variant* makeParent(Variant& root, bool escapeIndexKeys, const std::string& key, std::string& lastKey) {
+Variant* makeParent(Variant& root, bool escapeIndexKeys, const std::string& key, std::string& lastKey,
+                    Failure* failure) {
     std::vector<std::string> components;
-    if (!escapeIndexKeys || !configuration::hasBareIndex(key)) components = componentsOf(key);
-    Variant* const parent = findParent(root, components, Missing::IsMade);
-    // Only now, because it may be the key itself.
-    lastKey = parent != nullptr ? std::move(components.back()) : std::string();
-    return parent;
+    const char* fault = SystemCfgManager::keyFault(key);
+    if (fault == nullptr && escapeIndexKeys && configuration::hasBareIndex(key))
+        fault = "an index component of it has no underscore";
+    if (!splitKey(key, fault, components, failure)) return nullptr;
+    Variant* node = &root;
+    std::size_t length = 0;  // of the part of the key that leads to the node, with its dot
+    for (const std::string& component : components) {
+        // An obstacle stands before the first missing node, so nothing has been made then.
+        if (const char* const reason = obstacle(*node, component)) {
+            const std::string path = length == 0 ? "the tree" : '"' + key.substr(0, length - 1) + '"';
+            (void)fail(failure, {Step::Key, 0, key, 0, path + reason});
+            return nullptr;
+        }
+        if (!isContainer(*node)) node->IsArray(false);
+        if (&component == &components.back()) break;
+        node = &(*node)[component];
+        length += component.size() + 1;
+    }
+    lastKey = std::move(components.back());  // last: it may be the key itself
+    return node;
 }
 
 // Values
@@ -124,31 +132,45 @@ int toCount(const Variant& value) {
     return count >= INT_MAX ? INT_MAX : count <= INT_MIN ? INT_MIN : static_cast<int>(value);
 }
 
-bool canBeStored(int) { return true; }
-bool canBeStored(const std::string& value) { return SystemCfgManager::valueFault(value) == nullptr; }
-
 /** Stores a value under a key, and tells whether it differed. False when the key or the value is refused. */
 template <class Value>
 [[nodiscard]] bool storeValue(Variant& root, bool escapeIndexKeys, const std::string& key, const Value& value,
-                              bool& differs) {
+                              bool& differs, Failure* failure) {
+    constexpr bool isText = std::is_same<Value, std::string>::value;
+    if constexpr (isText) {
+        if (const char* const reason = SystemCfgManager::valueFault(value))
+            return fail(failure, {Step::Value, 0, key, 0, reason});
+    }
     std::string lastKey;
-    Variant* const parent = canBeStored(value) ? makeParent(root, escapeIndexKeys, key, lastKey) : nullptr;
+    Variant* const parent = makeParent(root, escapeIndexKeys, key, lastKey, failure);
     if (parent == nullptr) return false;
-    constexpr VariantType category = std::is_same<Value, int>::value ? TypeNumeric : TypeString;
-    const Variant* const stored = findMember(*parent, lastKey, category);
+    const Variant* const stored = findMember(*parent, lastKey, isText ? TypeString : TypeNumeric);
     differs = stored == nullptr || static_cast<const Value&>(*stored) != value;
     if (differs) (*parent)[lastKey] = value;
     return true;
 }
 
+/** Makes null of what is under a key that may break any rule: a null member has no line in the file. */
+void remove(Variant& root, const std::string& key) {
+    std::vector<std::string> components;
+    utils::split(key, ".", components);
+    if (components.empty()) components.emplace_back();
+    Variant* node = &root;
+    for (const std::string& component : components) {
+        const bool hasPath = configuration::pathFault(component) == nullptr;
+        if (!hasPath && static_cast<VariantType>(*node) != TypeMap) return;
+        node = hasPath ? findMember(*node, component, TypeAny) : &(*node)[component];
+        if (node == nullptr) return;
+    }
+    node->Reset();
+}
+
 /** Makes one change in a tree. False when it is refused. */
-[[nodiscard]] bool makeChange(Variant& root, bool escapeIndexKeys, const SystemCfgManager::Change& change) {
+[[nodiscard]] bool makeChange(Variant& root, bool escapeIndexKeys, const SystemCfgManager::Change& change,
+                              Failure* failure) {
     bool differs = false;
-    if (change.value) return storeValue(root, escapeIndexKeys, change.key, *change.value, differs);
-    Variant* node = nullptr;
-    if (!findValue(root, change.key, TypeAny, node)) return false;
-    // A null member has no line in the file.
-    if (node != nullptr) node->Reset();
+    if (change.value) return storeValue(root, escapeIndexKeys, change.key, *change.value, differs, failure);
+    remove(root, change.key);
     return true;
 }
 
@@ -161,26 +183,18 @@ bool sameLines(const Variant& one, const Variant& other) {
     return one.ToKVP(lines, "=", "\n") && other.ToKVP(otherLines, "=", "\n") && lines == otherLines;
 }
 
-/** Writes a tree to the file, under the lock. */
-[[nodiscard]] bool writeTree(const Variant& tree, bool escapeIndexKeys, const InterProcessMutex& lock) {
+/** Writes a tree to the file, under the lock. @p textSize is the last text's, about what the next one takes. */
+[[nodiscard]] bool writeTree(const Variant& tree, bool escapeIndexKeys, const InterProcessMutex& lock,
+                             std::size_t& textSize, Failure* failure) {
     std::string text;
-    if (!tree.ToKVP(text, "=", "\n") || (escapeIndexKeys && !configuration::toFileText(text)))
-        return KORVO_FAIL("write", "Failed to serialize variant to key-value pairs");
-    return configuration::replaceFile(text, lock);
+    text.reserve(textSize);
+    if (tree.ToKVP(text, "=", "\n") && (!escapeIndexKeys || configuration::toFileText(text))) {
+        textSize = text.size();
+        return configuration::replaceFile(text, lock, failure);
+    }
+    return fail(failure, {Step::Serialize, 0, "", 0, "the tree cannot be written as key=value text"}) ||
+           KORVO_FAIL("write", "Failed to serialize variant to key-value pairs");
 }
-
-// Processes
-
-/** So many forks lie between this process and the one that loaded the library. */
-std::atomic<unsigned> generation{0};
-
-[[maybe_unused]] const int forkHandlers = ::pthread_atfork(nullptr, nullptr, [] { ++generation; });
-
-/**
- * Tells a process from its children, also from one that has the same process id in a pid namespace of its
- * own, and from one that was made without the C library's knowledge.
- */
-std::pair<unsigned, int> thisProcess() { return {generation, ::getpid()}; }
 
 }  // namespace
 
@@ -189,12 +203,13 @@ SystemCfgManager::SystemCfgManager() : SystemCfgManager(&ownTree, false, true, t
 SystemCfgManager::SystemCfgManager(Variant* tree, bool escape, bool asStrings, bool lastKvpFlag)
     : initialized(false),
       changed(false),
+      notSaved(false),
+      readOnly(false),
       escapeIndexKeys(escape),
       valuesAsStrings(asStrings),
       fromKvpFlag(lastKvpFlag),
       variant(tree),
       mutex(std::make_unique<InterProcessMutex>(utils::configurationLock, true)),
-      openedBy(thisProcess()),
       emptiedByRead(false) {}
 
 SystemCfgManager::~SystemCfgManager() {
@@ -205,23 +220,49 @@ SystemCfgManager::~SystemCfgManager() {
     }
 }
 
-bool SystemCfgManager::isOpen() const { return initialized && openedBy == thisProcess(); }
+// A forked child has inherited the object but not the lock, which a reader does not need.
+bool SystemCfgManager::isOpen() const { return readOnly || (initialized && mutex->acquired()); }
 
-bool SystemCfgManager::checkOpen(const char* function) const {
-    return isOpen() || KORVO_FAIL(function, "SystemCfgManager not initialized");
+bool SystemCfgManager::checkOpen(const char* function) {
+    return isOpen() || fail(&lastFailure, {Step::State, 0, "", 0, "the configuration is not open"}) ||
+           KORVO_FAIL(function, "SystemCfgManager not initialized");
 }
 
-bool SystemCfgManager::checkWritable(const char* function) const {
-    if (!checkOpen(function)) return false;
-    return !emptiedByRead || KORVO_FAIL(function, "Failed to serialize variant to key-value pairs");
+bool SystemCfgManager::checkLocked(const char* function) {
+    if (!readOnly) return checkOpen(function);
+    return fail(&lastFailure, {Step::State, 0, "", 0, "the configuration is open for reading only"}) ||
+           KORVO_FAIL(function, "SystemCfgManager not initialized");
+}
+
+bool SystemCfgManager::checkWritable(const char* function) {
+    if (!checkLocked(function)) return false;
+    return !emptiedByRead ||
+           fail(&lastFailure, {Step::Serialize, 0, "", 0, "a failed read has emptied the tree"}) ||
+           KORVO_FAIL(function, "Failed to serialize variant to key-value pairs");
+}
+
+const Failure& SystemCfgManager::failure() const { return lastFailure; }
+
+/** To be called last: a key may be the text of the failure before. */
+bool SystemCfgManager::succeed() {
+    lastFailure = {};
+    return true;
+}
+
+bool SystemCfgManager::begin(const char* function) {
+    if (isOpen())
+        return fail(&lastFailure, {Step::State, 0, "", 0, "the configuration is open already"}) ||
+               KORVO_FAIL(function, "SystemCfgManager already initialized");
+    initialized = false;
+    changed = false;
+    notSaved = false;
+    return true;
 }
 
 bool SystemCfgManager::init() {
-    if (isOpen()) return KORVO_FAIL(__func__, "SystemCfgManager already initialized");
-    initialized = false;
-    changed = false;
-    if (!configuration::acquireLock(*mutex, __func__)) return false;
-    // Also when memory runs out while reading.
+    if (!begin(__func__)) return false;
+    if (!configuration::acquireLock(*mutex, __func__, &lastFailure)) return false;
+    // Releases the lock if reading throws.
     const auto giveBack = [](InterProcessMutex* held) { (void)held->release(); };
     std::unique_ptr<InterProcessMutex, decltype(giveBack)> lock(mutex.get(), giveBack);
     if (!read()) {
@@ -229,70 +270,90 @@ bool SystemCfgManager::init() {
         return KORVO_FAIL(__func__, "Failed to read system.cfg into variant");
     }
     (void)lock.release();
-    openedBy = thisProcess();
     initialized = true;
-    return true;
+    return succeed();
+}
+
+bool SystemCfgManager::initReadOnly() {
+    if (!begin(__func__)) return false;
+    if (!read()) return KORVO_FAIL(__func__, "Failed to read system.cfg into variant");
+    readOnly = true;
+    return succeed();
 }
 
 bool SystemCfgManager::read() {
     std::string text;
-    if (!configuration::readFile(text, __func__)) return false;
-    configuration::toTreeText(text, escapeIndexKeys);
-    emptiedByRead = true;  // also when memory runs out
-    variant->Reset();
-    if (!variant->FromKVP(text, true, valuesAsStrings, fromKvpFlag))
+    if (!configuration::readFile(text, __func__, &lastFailure)) return false;
+    const std::string treeText = configuration::treeText(text, escapeIndexKeys);
+    // A reader keeps what it has until the new text is loaded.
+    Variant loaded;
+    Variant& tree = readOnly ? loaded : *variant;
+    emptiedByRead = !readOnly;  // also when memory runs out
+    tree.Reset();
+    if (!tree.FromKVP(treeText, true, valuesAsStrings, fromKvpFlag)) {
+        // A maker's FromKVP() may refuse what load() accepts.
+        if (configuration::loads(text, configuration::path(), &lastFailure))
+            lastFailure = {Step::Load, 0, configuration::path(), 0, "it is no key=value text"};
         return KORVO_FAIL(__func__, "Failed to deserialize system.cfg file");
+    }
+    if (readOnly) *variant = std::move(loaded);
     emptiedByRead = false;
-    return true;
+    return succeed();
 }
 
 bool SystemCfgManager::write() {
-    return checkWritable(__func__) && writeTree(*variant, escapeIndexKeys, *mutex);
+    return checkWritable(__func__) && writeTree(*variant, escapeIndexKeys, *mutex, textSize, &lastFailure) &&
+           succeed();
 }
 
 bool SystemCfgManager::getVariant(Variant& out) {
     if (!checkOpen(__func__)) return false;
     out = *variant;
-    return true;
+    return succeed();
 }
 
 void SystemCfgManager::markChanged() {
-    if (!checkOpen(__func__)) return;
+    if (!checkLocked(__func__)) return;
     changed = true;
     if (variant != &ownTree) emptiedByRead = false;  // the host has filled its tree again
+    (void)succeed();
 }
 
 void SystemCfgManager::getLastNode(const std::string& key, Variant*& node, std::string& lastKey) {
-    node = makeParent(*variant, escapeIndexKeys, key, lastKey);
+    node = makeParent(*variant, escapeIndexKeys, key, lastKey, &lastFailure);
+    if (node == nullptr)
+        lastKey.clear();
+    else
+        (void)succeed();
 }
 
 bool SystemCfgManager::getSystemCfgValue(const std::string& key, VariantType type, Variant** value) {
     Variant* found = nullptr;
-    const bool accepted = findValue(*variant, key, type, found);
+    const bool accepted = findValue(*variant, key, type, found, &lastFailure);
     if (value != nullptr) *value = found;
-    return accepted;
+    return accepted && succeed();
 }
 
 bool SystemCfgManager::get(const std::string& key, int* value, bool* notFound) {
     if (!checkOpen(__func__)) return false;
     if (value != nullptr) *value = -1;
     Variant* node = nullptr;
-    if (!findValue(*variant, key, integerType(valuesAsStrings), node))
+    if (!findValue(*variant, key, integerType(valuesAsStrings), node, &lastFailure))
         return KORVO_FAIL(__func__, "Failed to get system.cfg key %s", key.c_str());
     if (notFound != nullptr) *notFound = node == nullptr;
     if (value != nullptr && node != nullptr) *value = toInt(*node);
-    return true;
+    return succeed();
 }
 
 bool SystemCfgManager::get(const std::string& key, std::string* value, bool* notFound) {
     if (!checkOpen(__func__)) return false;
     Variant* node = nullptr;
-    const bool accepted = findValue(*variant, key, TypeString, node) ||
+    const bool accepted = findValue(*variant, key, TypeString, node, &lastFailure) ||
                           KORVO_FAIL(__func__, "Failed to get system.cfg key %s", key.c_str());
-    // Only now, because the key may be the very text that receives the value.
+    // Last: `key` may be `*value`.
     if (value != nullptr) *value = node != nullptr ? static_cast<const std::string&>(*node) : std::string();
     if (accepted && notFound != nullptr) *notFound = node == nullptr;
-    return accepted;
+    return accepted && succeed();
 }
 
 bool SystemCfgManager::set(const std::string& key, int value, bool* valueChanged) {
@@ -308,7 +369,7 @@ template <class Value>
 bool SystemCfgManager::setValue(const std::string& key, const Value& value, bool* valueChanged) {
     if (!checkWritable("set")) return false;
     bool differs = false;
-    if (!storeValue(*variant, escapeIndexKeys, key, value, differs))
+    if (!storeValue(*variant, escapeIndexKeys, key, value, differs, &lastFailure))
         return KORVO_FAIL("set", "Failed to set system.cfg key %s", key.c_str());
     changed = changed || differs;
     if (valueChanged != nullptr) *valueChanged = differs;
@@ -321,33 +382,46 @@ bool SystemCfgManager::apply(const std::vector<Change>& changes, bool* valuesCha
     Variant edited = *variant;
     std::set<std::string_view> keys;
     for (const Change& change : changes) {
-        if (!keys.insert(change.key).second || !makeChange(edited, escapeIndexKeys, change))
+        const bool given = !keys.insert(change.key).second;
+        if (given) lastFailure = {Step::Key, 0, change.key, 0, "it is given twice"};
+        if (given || !makeChange(edited, escapeIndexKeys, change, &lastFailure))
             return KORVO_FAIL(__func__, "Failed to set system.cfg key %s", change.key.c_str());
     }
     // By what they come to in the end: to remove a group and store it anew need not wear the flash.
     const bool differs = !sameLines(*variant, edited);
-    if (!writeTree(edited, escapeIndexKeys, *mutex)) return false;
+    if (!writeTree(edited, escapeIndexKeys, *mutex, textSize, &lastFailure)) return false;
     *variant = std::move(edited);
-    changed = changed || differs;
+    notSaved = notSaved || differs;
     if (valuesChanged != nullptr) *valuesChanged = differs;
-    return true;
+    return succeed();
 }
 
 bool SystemCfgManager::close(bool saveToFlash, bool forceSave) {
     if (!checkOpen(__func__)) return false;
-    const bool save = forceSave || (changed && saveToFlash);
+    if (readOnly) {
+        const bool done = !forceSave || checkLocked(__func__);
+        readOnly = false;
+        return done && succeed();
+    }
+    // What apply() changed is in the file; storing the count writes it again.
+    const bool toWrite = forceSave || changed;
+    const bool save = forceSave || (saveToFlash && (changed || notSaved));
     if (save && !countFlashWrite()) return KORVO_FAIL(__func__, "Failed to read flash write cycles");
-    if ((save || changed) && !write()) return KORVO_FAIL(__func__, "Failed to write system.cfg from variant");
-    if (save && !utils::saveToFlashRaw(false)) return KORVO_FAIL(__func__, "Failed to save to flash");
+    if (toWrite && !write()) return KORVO_FAIL(__func__, "Failed to write system.cfg from variant");
+    if (save && !utils::saveToFlashRaw(false))
+        return fail(&lastFailure, {Step::Save, errno, utils::flashCopyPath(), 0, ""}) ||
+               KORVO_FAIL(__func__, "Failed to save to flash");
     initialized = false;
     const int result = mutex->release();
-    return result == 0 || KORVO_FAIL(__func__, "Failed to release system.cfg mutex, res=%d", result);
+    if (result == 0) return succeed();
+    return fail(&lastFailure, {Step::Unlock, result, configuration::lockPath(), 0, ""}) ||
+           KORVO_FAIL(__func__, "Failed to release system.cfg mutex, res=%d", result);
 }
 
 bool SystemCfgManager::countFlashWrite() {
     Variant* stored = nullptr;
-    (void)findValue(*variant, configuration::flashCyclesKey, integerType(valuesAsStrings),
-                    stored);  // the key is well-formed
+    (void)findValue(*variant, configuration::flashCyclesKey, integerType(valuesAsStrings), stored,
+                    &lastFailure);  // the key is well-formed
     const int count = stored != nullptr ? toCount(*stored) : 0;
     return set(configuration::flashCyclesKey, std::min(count, INT_MAX - 1) + 1, nullptr);
 }
