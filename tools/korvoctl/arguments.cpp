@@ -1,5 +1,8 @@
 #include "arguments.h"
 
+#include <algorithm>
+#include <string_view>
+
 #include "commands.h"
 #include "korvo/variant_utils/commandline.h"
 
@@ -8,43 +11,34 @@ namespace {
 
 using korvo::variant::Variant;
 
-/** What stands after an option's "=". */
-enum class Takes { Nothing, File, Folder, Name };
-
 struct Option {
     char shortName;
     const char* longName;
-    Takes takes;
+    const char* value;  ///< what stands after "="; null for an option without a value
     const char* description;
 };
 
 constexpr Option allOptions[] = {
-    {'S', "save", Takes::Nothing, "Save to flash too, unless the flash copy holds the same values"},
-    {'f', "force", Takes::Nothing, "Do it also where that loses a group of keys or a working copy"},
-    {'D', "defaults", Takes::File, "File of the factory settings"},
-    {'j', "json", Takes::Nothing, "Print JSON"},
-    {'r', "resolve", Takes::Nothing, "Look up the host's address too"},
-    {'b', "base", Takes::Nothing, "Print the URI of the document's folder instead"},
-    {'d', "derive", Takes::Name, "Print the URI of this document in the same folder instead"},
-    {'w', "with-parameters", Takes::Nothing, "With --derive: append the parameters of the URI"},
-    {'P', "show-password", Takes::Nothing, "Print the password instead of ***"},
-    {'R', "root", Takes::Folder, "Use the device tree in this folder, such as a mounted image"},
-    {'h', "help", Takes::Nothing, "Explain the command"},
-    {'V', "version", Takes::Nothing, "Print the version"},
+    {'S', "save", nullptr, "Save to flash too, unless the flash copy holds the same values"},
+    {'f', "force", nullptr, "Proceed even if this discards a group of keys or a working copy"},
+    {'D', "defaults", "FILE", "File of the factory settings"},
+    {'j', "json", nullptr, "Print JSON"},
+    {'r', "resolve", nullptr, "Look up the host's address too"},
+    {'b', "base", nullptr, "Print the URI of the document's directory instead"},
+    {'d', "derive", "NAME", "Print the URI of this document in the same directory instead"},
+    {'w', "with-parameters", nullptr, "With --derive: append the parameters of the URI"},
+    {'P', "show-password", nullptr, "Print the password instead of ***"},
+    {'R', "root", "DIR", "Use the device tree in this directory, such as a mounted image"},
+    {'h', "help", nullptr, "Explain the command"},
+    {'V', "version", nullptr, "Print the version"},
 };
 
-/** Whether an option goes with a command; those about korvoctl itself go with every command. */
-bool goesWith(const std::string& option, const Command& command) {
-    const std::string options = std::string(" ") + command.options + ' ';
-    return option == "root" || option == "help" || options.find(' ' + option + ' ') != std::string::npos;
-}
-
-std::string missingValue(const Option& option) {
-    const std::string name = std::string("--") + option.longName;
-    const char* const value = option.takes == Takes::File     ? "FILE"
-                              : option.takes == Takes::Folder ? "DIR"
-                                                              : "NAME";
-    return name + " needs a value, as in " + name + '=' + value;
+/** Whether a command accepts an option; a null command is `korvoctl` alone. */
+bool accepts(const Command* command, const std::string& option) {
+    if (option == "root" || option == "help") return true;
+    if (command == nullptr) return option == "version";
+    const std::string options = std::string(" ") + command->options + ' ';
+    return options.find(' ' + option + ' ') != std::string::npos;
 }
 
 /** False, for the caller to return. */
@@ -53,91 +47,96 @@ std::string missingValue(const Option& option) {
     return false;
 }
 
-[[nodiscard]] bool refuseOption(const std::string& word) { return refuse("there is no option " + word); }
+/** The name of an option without its value, which a message does not repeat: it may be a secret. */
+std::string optionName(const std::string& word) { return word.substr(0, word.find('=')); }
+
+/** Nor is what follows a colon: the word may be a URI. */
+[[nodiscard]] bool refuseOption(const std::string& word) {
+    return refuse("unknown option " + word.substr(0, word.find_first_of("=:")));
+}
 
 }  // namespace
 
-void declareOptions(const Command* command, Variant& definitions) {
+void describeOptions(const Command& command, Variant& definitions) {
     for (const Option& option : allOptions) {
-        if (command == nullptr || goesWith(option.longName, *command))
-            AddParameter(definitions, option.shortName, option.longName, option.description, Variant());
+        if (!accepts(&command, option.longName)) continue;
+        const std::string value = option.value != nullptr ? std::string("=") + option.value : "";
+        AddParameter(definitions, option.shortName, (option.longName + value).c_str(), option.description,
+                     Variant());
     }
 }
 
 Arguments::Arguments(int argc, const char** argv) {
+    const char** const end = argv + argc;
+    const char** const optionsEnd = std::find(argv, end, std::string_view("--"));
+    std::vector<std::string> rest;
+    if (!parse(static_cast<int>(optionsEnd - argv), argv, rest)) return;
+    if (optionsEnd != end) rest.insert(rest.end(), optionsEnd + 1, end);
+    valid = check(rest);
+}
+
+/** Takes the options from the words before a "--"; the others are the rest. */
+bool Arguments::parse(int argc, const char** argv, std::vector<std::string>& rest) {
     Variant definitions;
     Variant parsed;
-    declareOptions(nullptr, definitions);
+    for (const Option& option : allOptions)
+        AddParameter(definitions, option.shortName, option.longName, option.description, Variant());
     for (int i = 1; i < argc; ++i) {
-        const std::string word = argv[i];
-        const std::string name = word.substr(0, word.find('='));
+        const std::string name = optionName(argv[i]);
         // The parser takes such a name for a path into the declarations, where "[save]" is "save" too.
-        if (name.size() > 1 && name.front() == '-' && name.find_first_of("[/") != std::string::npos) {
-            (void)refuseOption(word);
-            return;
-        }
+        if (name.size() > 1 && name.front() == '-' && name.find_first_of("[/") != std::string::npos)
+            return refuseOption(name);
     }
     ParseCommandLine(argc, argv, definitions, parsed);
     for (const Option& option : allOptions) {
         const std::vector<std::string> texts = OptionTexts(argc, argv, definitions, option.longName);
-        if (texts.size() > 1) {
-            (void)refuse(std::string("--") + option.longName + " is given twice");
-            return;
-        }
+        if (texts.size() > 1) return refuse(std::string("--") + option.longName + " given twice");
         if (!texts.empty()) given[option.longName] = texts.front();
     }
-    std::vector<std::string> rest;
     Variant& unknown = parsed["unknownParameters"];
-    for (auto word = unknown.num_begin(); word != unknown.num_end(); ++word)
-        rest.push_back(static_cast<const std::string&>(word->second));
-    valid = check(rest);
-}
-
-/** Checks what is left when the options are taken away: the command and its operands. */
-bool Arguments::check(const std::vector<std::string>& rest) {
-    for (const std::string& word : rest) {
+    for (auto unparsed = unknown.num_begin(); unparsed != unknown.num_end(); ++unparsed) {
+        const std::string& word = unparsed->second;
         // A bare dash is the name of standard input.
         if (word.size() > 1 && word.front() == '-') return refuseOption(word);
-    }
-    if (rest.empty()) {
-        if (!has("help") && !has("version")) return refuse("a command is missing");
-        return checkOptions();
-    }
-    chosen = findCommand(rest.front());
-    if (chosen == nullptr) return refuse("there is no command '" + rest.front() + "'");
-    words.assign(rest.begin() + 1, rest.end());
-    return checkOptions() && (has("help") || checkCommand());
-}
-
-bool Arguments::checkOptions() {
-    for (const Option& option : allOptions) {
-        const auto found = given.find(option.longName);
-        if (found == given.end()) continue;
-        const std::string name = found->first;
-        const bool hasValue = !found->second.empty();
-        if (option.takes == Takes::Nothing && hasValue)
-            return refuse("--" + name + " takes no value", chosen);
-        if (option.takes != Takes::Nothing && !hasValue) return refuse(missingValue(option), chosen);
-        if (chosen == nullptr && name != "help" && name != "version" && name != "root")
-            return refuse("a command is missing");
-        if (chosen != nullptr && !goesWith(name, *chosen))
-            return refuse("--" + name + " does not go with " + chosen->name, chosen);
+        rest.push_back(word);
     }
     return true;
 }
 
-bool Arguments::checkCommand() {
+/** Checks what remains without the options: the command and its operands. */
+bool Arguments::check(const std::vector<std::string>& rest) {
+    if (rest.empty()) return has("help") || has("version") ? checkOptions() : refuse("missing command");
+    chosen = findCommand(rest.front());
+    if (chosen == nullptr) return refuse("unknown command '" + rest.front() + "'");
+    words.assign(rest.begin() + 1, rest.end());
+    return checkOptions() && (has("help") || checkOperands());
+}
+
+bool Arguments::checkOptions() {
+    for (const Option& option : allOptions) {
+        if (!has(option.longName)) continue;
+        const std::string name = std::string("--") + option.longName;
+        const bool hasValue = !text(option.longName).empty();
+        if (option.value == nullptr && hasValue) return refuse(name + " takes no value", chosen);
+        if (option.value != nullptr && !hasValue)
+            return refuse(name + ": expects " + option.value + " after '='", chosen);
+        if (accepts(chosen, option.longName)) continue;
+        return refuse(chosen == nullptr ? "missing command" : chosen->name + (" does not accept " + name),
+                      chosen);
+    }
+    return true;
+}
+
+bool Arguments::checkOperands() {
     const std::string name = chosen->name;
-    if (words.size() < chosen->least) return refuse(name + " needs " + chosen->operands, chosen);
-    if (words.size() > chosen->most) {
-        if (chosen->most == 0) return refuse(name + " takes no operand, but got '" + words[0] + "'", chosen);
-        std::string kind = chosen->operands;
-        if (kind[0] == '[') kind = kind.substr(1, kind.size() - 2);
-        return refuse(name + " takes only one " + kind + ", but got '" + words[1] + "' too", chosen);
-    }
-    for (const std::string& word : words) {
-        if (word.empty()) return refuse(name + " got an empty operand", chosen);
-    }
+    const std::string operands = chosen->operands;
+    if (words.size() < chosen->least)
+        return refuse(name + ": missing " + operands.substr(0, operands.find("...")), chosen);
+    if (words.size() > chosen->most) return refuse(name + ": too many arguments", chosen);
+    // An empty key has a message of its own.
+    const bool mayBeEmpty = operands.find("KEY") != std::string::npos;
+    if (!mayBeEmpty && std::find(words.begin(), words.end(), "") != words.end())
+        return refuse(name + ": empty argument", chosen);
     return true;
 }
 

@@ -1,4 +1,4 @@
-/** @file What stands on korvoctl's command line: one command, its operands, and options between them. */
+/** @file korvoctl's command line: one command, its operands, and options between them up to a "--". */
 #pragma once
 
 #include <cstddef>
@@ -15,7 +15,7 @@ struct Command;
 /** The parsed and checked command line. */
 class Arguments {
   public:
-    /** Parses and checks. What is wrong is told on standard error; ok() is then false. */
+    /** Parses and checks. Prints what is wrong to standard error; ok() is then false. */
     Arguments(int argc, const char** argv);
 
     [[nodiscard]] bool ok() const { return valid; }
@@ -23,7 +23,7 @@ class Arguments {
     /** What is to be done; null for --help or --version alone. */
     const Command* command() const { return chosen; }
 
-    /** What stands after the command and is no option. */
+    /** The words after the command that are no options. */
     const std::vector<std::string>& operands() const { return words; }
 
     /** The first operand; empty when there is none. */
@@ -36,9 +36,10 @@ class Arguments {
     std::string text(const char* option) const;
 
   private:
+    [[nodiscard]] bool parse(int argc, const char** argv, std::vector<std::string>& rest);
     [[nodiscard]] bool check(const std::vector<std::string>& rest);
     [[nodiscard]] bool checkOptions();
-    [[nodiscard]] bool checkCommand();
+    [[nodiscard]] bool checkOperands();
 
     std::map<std::string, std::string> given;  ///< the options and their values as typed
     std::vector<std::string> words;
@@ -46,10 +47,7 @@ class Arguments {
     bool valid = false;
 };
 
-/**
- * Adds the options that go with a command to the declarations of a command line; all of them for a null
- * command.
- */
-void declareOptions(const Command* command, korvo::variant::Variant& definitions);
+/** Adds the options that a command accepts to the declarations that a help text is printed from. */
+void describeOptions(const Command& command, korvo::variant::Variant& definitions);
 
 }  // namespace korvoctl

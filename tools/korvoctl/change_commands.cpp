@@ -1,9 +1,11 @@
-// What changes something works under the configuration's lock: all of it or nothing.
+// These commands work under the configuration's lock, and do everything or nothing.
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <set>
 #include <string>
 #include <vector>
@@ -12,8 +14,8 @@
 #include "commands.h"
 #include "configuration.h"
 #include "korvo/utils/device_root.h"
-#include "korvo/utils/file.h"
 #include "korvo/utils/flash.h"
+#include "output.h"
 #include "waiting.h"
 
 namespace korvoctl {
@@ -21,48 +23,77 @@ namespace {
 
 using Change = SystemCfgManager::Change;
 
-/** @param already  what has been done before, for the message about a failure */
-[[nodiscard]] bool open(SystemCfgManager& store, const std::string& already = "") {
-    const WaitNotice notice;
-    if (store.init()) return true;
-    tell(already + libraryFailure());
-    return false;
+/** Begins the message where a change has been made, and saving it failed. */
+const char notSaved[] = "changed the working copy, but did not save it: ";
+
+/** What came of work under the lock, to be printed afterwards: a stopped terminal must stop no other writer. */
+struct Outcome {
+    ExitStatus status = Done;
+    std::string message = {};  ///< why it is not Done
+};
+
+/** Prints what is wrong. To be called once the lock is free. */
+ExitStatus report(const Outcome& outcome) {
+    if (outcome.status != Done) tell(outcome.message);
+    return outcome.status;
 }
 
-/** Whether the flash copy loads as the same values as the working copy. */
-bool flashHoldsTheSame() {
+/** What is to be changed. */
+struct Request {
+    std::vector<Change> changes;
+    std::string file = {};  ///< that it is from; empty for the command line
+    std::string text = {};  ///< of the file
+    bool force = false;     ///< to discard groups
+};
+
+/** Whether the flash copy loads, which fills @p flash, as the same values as the working copy. */
+bool flashHoldsTheSame(korvo::variant::Variant& flash) {
     std::string text;
-    korvo::variant::Variant flash;
     korvo::variant::Variant working;
     if (!korvo::utils::loadFromFlashRaw(text) || !SystemCfgManager::load(text, flash, nullptr)) return false;
-    return korvo::utils::File::ReadStringAll(workingCopyPath(), text) &&
-           SystemCfgManager::load(text, working, nullptr) && flash == working;
+    return readCopy(workingCopyPath(), text) && SystemCfgManager::load(text, working, nullptr) &&
+           flash == working;
+}
+
+/** Raises the count of flash writes to the flash copy's, in the tree alone: what saves it writes it. */
+void raiseFlashWrites(SystemCfgManager& store, const korvo::variant::Variant& flash) {
+    const std::string key = "system.flash.cycles";
+    const Values saved = part(valuesOf(flash), key);
+    korvo::variant::Variant* parent = nullptr;
+    std::string name;
+    int count = 0;
+    if (saved.count(key) == 0 || !store.get(key, &count, nullptr)) return;
+    if (std::strtoll(saved.at(key).c_str(), nullptr, 10) <= count) return;
+    store.getLastNode(key, parent, name);
+    if (parent != nullptr) (*parent)[name] = saved.at(key);
 }
 
 /** Makes the name of the flash copy durable: whoever saved it may have been killed before doing so. */
-[[nodiscard]] bool syncFlashFolder() {
+[[nodiscard]] bool syncFlashDirectory() {
     const std::string path = flashCopyPath();
-    const int folder = ::open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder < 0) return false;
-    const bool synced = ::fsync(folder) == 0 || errno == EINVAL || errno == EROFS;
-    (void)::close(folder);
+    const int directory = ::open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory < 0) return false;
+    const bool synced = ::fsync(directory) == 0 || errno == EINVAL || errno == EROFS;
+    (void)::close(directory);
     return synced;
 }
 
 /**
- * Ends the use of the store. What is saved is decided by what flash holds, not by what this call changed.
- * @param state  what the working copy is when saving fails: "changed" or "kept"
+ * Ends the use of the store. What flash holds decides what is saved, not what this call changed.
+ * @param already  what has been done before, for the message of a failure to save
+ * @param changed  whether this call has changed values, so that the store need not be forced to save
  */
-ExitStatus close(SystemCfgManager& store, bool saveToFlash, const std::string& state) {
-    if (!saveToFlash) return store.close(false, false) ? Done : failed(libraryFailure());
-    const std::string notSaved = "the working copy is " + state + ", but not saved: ";
-    if (!flashHoldsTheSame()) {
-        const WaitNotice notice(korvo::utils::flashLock, "is saving the configuration");
-        return store.close(true, true) ? Done : failed(notSaved + libraryFailure());
+Outcome close(SystemCfgManager& store, bool saveToFlash, const std::string& already, bool changed) {
+    korvo::variant::Variant flash;
+    if (saveToFlash && !flashHoldsTheSame(flash)) {
+        raiseFlashWrites(store, flash);
+        if (store.close(true, !changed)) return {};
+        return {Failed, already + describe(store.failure())};
     }
-    if (!syncFlashFolder())
-        return failed(notSaved + "cannot make " + flashCopyPath() + " durable: " + systemError(errno));
-    return store.close(false, false) ? Done : failed(libraryFailure());
+    if (saveToFlash && !syncFlashDirectory())
+        return {Failed, already + "cannot sync " + flashCopyPath() + ": " + systemError(errno)};
+    if (store.close(false, false)) return {};
+    return {Failed, describe(store.failure())};
 }
 
 /** The first of a key's parents that has a value; empty when none has. */
@@ -74,54 +105,88 @@ std::string parentWithValue(const Values& values, const std::string& key) {
     return {};
 }
 
-/** Why a key cannot be given a value, or be removed for a change without one; empty when it can. */
-std::string refusal(const Values& values, const Change& change, bool force) {
-    const std::string& key = change.key;
-    if (const char* fault = SystemCfgManager::keyFault(key))
-        return "the key '" + key + "' is refused: " + fault;
-    if (change.value) {
-        if (const char* fault = SystemCfgManager::valueFault(*change.value))
-            return "the value of " + key + " is refused: " + fault;
-        const std::string parent = parentWithValue(values, key);
-        if (!parent.empty()) return parent + " has a value, so there can be no key " + key;
+/** Why a change cannot be made in these values; empty when it can. */
+std::string obstacle(const Values& values, const Change& change, bool force) {
+    const std::string parent = change.value ? parentWithValue(values, change.key) : "";
+    if (!parent.empty()) return "cannot set " + change.key + ": " + parent + " has a value";
+    if (!isGroup(values, change.key) || force) return {};
+    return change.key + " is a group of keys; use --force to " + (change.value ? "replace" : "remove") +
+           " it";
+}
+
+/** Why a change is refused, with the line that it is from: the last one of its key. */
+std::string located(const Request& request, const std::string& key, const std::string& reason) {
+    if (request.file.empty()) return reason;
+    const std::size_t begin = ('\n' + request.text).rfind('\n' + key + '=');
+    const auto linesBefore = std::count(request.text.data(), request.text.data() + begin, '\n');
+    return describe(request.file, {static_cast<std::size_t>(linesBefore) + 1, reason});
+}
+
+/** Tries changes on values. Not Done where one of them is refused. */
+Outcome tryOut(const Values& before, const Request& request) {
+    Values values = before;
+    for (const Change& change : request.changes) {
+        const std::string reason = obstacle(values, change, request.force);
+        if (!reason.empty()) return {Failed, located(request, change.key, reason)};
+        // A key that went with a group before it counts as found.
+        if (!change.value && !isThere(before, change.key)) return {No, "no such key '" + change.key + "'"};
+        remove(values, change.key);
+        if (change.value) values[change.key] = *change.value;
     }
-    if (isGroup(values, key) && !force)
-        return key + " is a group of keys, which only --force " + (change.value ? "replaces" : "removes");
     return {};
 }
 
-/** Applies changes to values. Not Done, with the reason told, where one of them is refused. */
-ExitStatus tryOut(const Values& before, const std::vector<Change>& changes, bool force) {
-    Values values = before;
-    for (const Change& change : changes) {
-        const std::string reason = refusal(values, change, force);
-        if (!reason.empty()) return failed(reason);
-        // A key that has gone with a group before it was there all the same.
-        if (!change.value && part(before, change.key).empty())
-            return answerNo("there is no key " + change.key);
-        for (const auto& value : part(values, change.key)) values.erase(value.first);
-        if (change.value) values[change.key] = *change.value;
-    }
-    return Done;
-}
-
-ExitStatus makeChanges(const std::vector<Change>& changes, const Arguments& arguments) {
-    SystemCfgManager store;
+/** Makes the changes, in the open store. @p changed receives whether any value is another one. */
+Outcome change(SystemCfgManager& store, const Request& request, bool& changed) {
     korvo::variant::Variant tree;
-    if (!open(store)) return Failed;
-    if (!store.getVariant(tree)) return failed(libraryFailure());
-    const ExitStatus status = tryOut(valuesOf(tree), changes, arguments.has("force"));
-    if (status != Done) return status;
-    if (!store.apply(changes, nullptr)) return failed(libraryFailure());
-    return close(store, arguments.has("save"), "changed");
+    if (!store.getVariant(tree)) return {Failed, describe(store.failure())};
+    Outcome outcome = tryOut(valuesOf(tree), request);
+    if (outcome.status == Done && !store.apply(request.changes, &changed))
+        outcome = {Failed, describe(store.failure())};
+    return outcome;
 }
 
-/** Whether no key is given twice; tells the first that is. */
+/**
+ * Opens the store, makes changes and saves, all under the lock.
+ * @param already  what has been done before, for the message of a failure
+ */
+Outcome useStore(const Request& request, bool saveToFlash, const char* already = "") {
+    announceWait();
+    // Early, although the flash copy's lock is taken last: once the store is open nothing is printed.
+    if (saveToFlash) announceWait(korvo::utils::flashLock, "save the configuration");
+    SystemCfgManager store;
+    if (!store.init()) return {Failed, already + describe(store.failure())};
+    bool changed = false;
+    Outcome outcome = request.changes.empty() ? Outcome{} : change(store, request, changed);
+    if (outcome.status != Done) return outcome;
+    return close(store, saveToFlash, request.changes.empty() ? already : notSaved, changed);
+}
+
+/** Warns of values that load as others. */
+void warnOfBooleanWords(const std::vector<Change>& changes) {
+    for (const Change& change : changes) {
+        korvo::variant::Variant tree;
+        if (!change.value || !SystemCfgManager::load("value=" + *change.value, tree, nullptr)) continue;
+        const std::string& loaded = tree["value"];
+        if (loaded != *change.value)
+            tell("warning: " + change.key + " will be read as " + loaded +
+                 ": words such as on and off load as numbers");
+    }
+}
+
+ExitStatus makeChanges(Request request, const Arguments& arguments) {
+    request.force = arguments.has("force");
+    const ExitStatus status = report(useStore(request, arguments.has("save")));
+    if (status == Done) warnOfBooleanWords(request.changes);
+    return status;
+}
+
+/** Whether no key is given twice; prints the first that is. */
 [[nodiscard]] bool eachOnce(const std::vector<Change>& changes, const char* command) {
     std::set<std::string> keys;
     for (const Change& change : changes) {
         if (keys.insert(change.key).second) continue;
-        (void)wrongUsage("the key " + change.key + " is given twice", command);
+        (void)wrongUsage("key '" + change.key + "' given twice", command);
         return false;
     }
     return true;
@@ -133,57 +198,71 @@ ExitStatus setValues(const Arguments& arguments) {
     std::vector<Change> changes;
     for (const std::string& pair : arguments.operands()) {
         const std::size_t equals = pair.find('=');
-        if (equals == std::string::npos) return wrongUsage("'" + pair + "' is no KEY=VALUE", "set");
+        const char* const hint = changes.empty() ? "" : "; quote a value that has blanks";
+        if (equals == std::string::npos)
+            return wrongUsage("expected KEY=VALUE, got '" + pair + "'" + hint, "set");
         changes.push_back({pair.substr(0, equals), pair.substr(equals + 1)});
     }
-    return eachOnce(changes, "set") ? makeChanges(changes, arguments) : WrongUsage;
+    if (!eachOnce(changes, "set")) return WrongUsage;
+    for (const Change& change : changes) {
+        if (const char* const fault = SystemCfgManager::keyFault(change.key))
+            return failed(describe({korvo::Step::Key, 0, change.key, 0, fault}));
+        if (const char* const fault = SystemCfgManager::valueFault(*change.value))
+            return failed(describe({korvo::Step::Value, 0, change.key, 0, fault}));
+    }
+    return makeChanges({changes}, arguments);
 }
 
 ExitStatus unsetKeys(const Arguments& arguments) {
     std::vector<Change> changes;
     for (const std::string& key : arguments.operands()) changes.push_back({key, std::nullopt});
-    return eachOnce(changes, "unset") ? makeChanges(changes, arguments) : WrongUsage;
+    return eachOnce(changes, "unset") ? makeChanges({changes}, arguments) : WrongUsage;
 }
 
 ExitStatus applyFile(const Arguments& arguments) {
-    const std::string name = arguments.operand();
-    std::string text;
-    std::vector<Change> changes;
+    Request request;
+    request.file = arguments.operand();
     std::vector<SystemCfgManager::Fault> faults;
-    if (!readWhole(name, text)) return failed("cannot read " + shownName(name) + ": " + systemError(errno));
-    if (!SystemCfgManager::parse(text, changes, &faults)) return failed(describe(name, faults.front()));
-    return eachOnce(changes, "apply") ? makeChanges(changes, arguments) : WrongUsage;
+    if (!readWhole(request.file, request.text)) return failed(describeRead(request.file));
+    if (SystemCfgManager::parse(request.text, request.changes, &faults))
+        return makeChanges(request, arguments);
+    for (const SystemCfgManager::Fault& fault : faults) tell(describe(request.file, fault));
+    return Failed;
 }
 
-ExitStatus save(const Arguments&) {
-    SystemCfgManager store;
-    return open(store) ? close(store, true, "kept") : Failed;
-}
+ExitStatus save(const Arguments&) { return report(useStore({}, true)); }
 
 ExitStatus restore(const Arguments& arguments) {
+    using Restored = SystemCfgManager::Restored;
     const std::string defaults = arguments.text("defaults");
-    {
-        const WaitNotice notice;
-        if (!SystemCfgManager::restore(defaults, arguments.has("force"))) return failed(libraryFailure());
-    }
-    // Or nobody would know why the services run with other settings than before the power cut.
-    if (tookDefaults()) tell(firstFault(flashCopyPath()) + "; " + defaults + " has been taken instead");
+    Restored restored{};
+    korvo::Failure flashCopy;
+    korvo::Failure failure;
+    announceWait();
+    const bool done =
+        SystemCfgManager::restore(defaults, arguments.has("force"), &restored, &flashCopy, &failure);
+    const bool flashFailed = flashCopy.step != korvo::Step::None;
+    if (!done)
+        return failed((flashFailed ? describe(flashCopy) + "; " : "") +
+                      (flashFailed && defaults.empty() ? "no --defaults given" : describe(failure)));
+    const bool isFirstStart = flashCopy.error == ENOENT && flashCopy.reason.empty();
+    if (flashFailed && !isFirstStart) tell(describe(flashCopy));
+    printLine(restored == Restored::Flash      ? "restored the flash copy"
+              : restored == Restored::Defaults ? "restored the factory settings " + defaults
+                                               : "kept the working copy");
+    // The next power-up may need what this one did not: loadFile() tells what is wrong with it.
+    Values unused;
+    if (!defaults.empty()) (void)loadFile(defaults, unused);
     return Done;
 }
 
 ExitStatus reset(const Arguments& arguments) {
     const std::string defaults = arguments.text("defaults");
-    if (defaults.empty()) return wrongUsage("reset needs --defaults=FILE", "reset");
-    bool done = false;
-    {
-        const WaitNotice notice;
-        done = SystemCfgManager::reset(defaults);
-    }
-    if (!done) return failed(libraryFailure());
-    if (!arguments.has("save")) return Done;
-    SystemCfgManager store;
-    const bool opened = open(store, "the working copy is changed, but not saved: ");
-    return opened ? close(store, true, "changed") : Failed;
+    if (defaults.empty()) return wrongUsage("reset: missing --defaults=FILE", "reset");
+    korvo::Failure failure;
+    announceWait();
+    if (!SystemCfgManager::reset(defaults, &failure)) return failed(describe(failure));
+    return arguments.has("save") ? report(useStore({}, true, notSaved)) : Done;
 }
 
 }  // namespace korvoctl

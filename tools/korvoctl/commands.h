@@ -15,7 +15,7 @@ struct Command {
     const char* name;
     const char* operands;     ///< as the help shows them
     std::size_t least, most;  ///< so many operands it takes
-    const char* options;      ///< the long names of those that go with it, with blanks between them
+    const char* options;      ///< the long names of those it accepts, with blanks between them
     const char* summary;      ///< one line
     const char* description;  ///< the rest of its help
     ExitStatus (*perform)(const Arguments& arguments);
@@ -28,7 +28,7 @@ const Command* findCommand(const std::string& name);
 const std::vector<Command>& allCommands();
 
 /** @name What the commands do
- * Each returns the exit status, after telling what is wrong.
+ * Each returns the exit status, after printing what is wrong.
  * @{ */
 ExitStatus getValues(const Arguments& arguments);
 ExitStatus dump(const Arguments& arguments);

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <memory>
 #include <vector>
 
 #include "korvo/utils/device_root.h"
@@ -15,6 +14,9 @@ namespace {
 
 using korvo::variant::Variant;
 using korvo::variant::VariantType;
+
+/** Sorts behind the keys of a group, which go on with a dot. */
+constexpr char afterDot = '.' + 1;
 
 /** Nests no deeper than key=value text may. */
 void collect(const Variant& tree, const std::string& prefix, Values& values) {
@@ -29,55 +31,54 @@ void collect(const Variant& tree, const std::string& prefix, Values& values) {
     }
 }
 
-[[nodiscard]] bool load(const std::string& path, Variant& tree, std::string& reason) {
-    std::string text;
-    if (!korvo::utils::File::ReadStringAll(path, text)) {
-        reason = "cannot read " + path + ": " + systemError(errno);
-        return false;
-    }
-    std::vector<SystemCfgManager::Fault> faults;
-    if (SystemCfgManager::load(text, tree, &faults)) return true;
-    reason = describe(path, faults.front());
-    return false;
-}
+/** The name of a file as messages have it. */
+std::string shownName(const std::string& name) { return name == "-" ? "standard input" : name; }
 
 }  // namespace
 
 std::string workingCopyPath() { return korvo::utils::devicePath(korvo::utils::configurationPath); }
 
+bool readCopy(const std::string& path, std::string& text) {
+    korvo::utils::File file;
+    return file.Initialize(path, korvo::utils::FILE_OPEN_MODE_READ_NOFOLLOW) && file.ReadStringAll(text);
+}
+
 bool readWhole(const std::string& name, std::string& text) {
-    const auto close = [](std::FILE* open) { return std::fclose(open); };
-    std::unique_ptr<std::FILE, decltype(close)> opened(nullptr, close);
-    if (name != "-") {
-        opened.reset(std::fopen(name.c_str(), "re"));
-        if (opened == nullptr) return false;
-    }
-    std::FILE* const file = opened != nullptr ? opened.get() : stdin;
+    std::FILE* const file = name == "-" ? stdin : std::fopen(name.c_str(), "re");
+    if (file == nullptr) return false;
     text.clear();
     char block[4096];
     std::size_t length = 0;
     while ((length = std::fread(block, 1, sizeof block, file)) > 0) text.append(block, length);
-    return std::ferror(file) == 0;
+    const int error = std::ferror(file) != 0 ? errno : 0;
+    if (file != stdin) (void)std::fclose(file);
+    errno = error;
+    return error == 0;
 }
 
-std::string shownName(const std::string& name) { return name == "-" ? "standard input" : name; }
+std::string describeRead(const std::string& name) {
+    return describe({korvo::Step::Read, errno, shownName(name), 0, ""});
+}
 
 std::string describe(const std::string& name, const SystemCfgManager::Fault& fault) {
-    return shownName(name) + ':' + (fault.line != 0 ? std::to_string(fault.line) + ": " : " ") + fault.reason;
+    return describe({korvo::Step::Load, 0, shownName(name), fault.line, fault.reason});
 }
 
-std::string firstFault(const std::string& path) {
-    Variant tree;
-    std::string reason;
-    if (!load(path, tree, reason)) return reason;
-    return path + (valuesOf(tree).empty() ? ": it holds no KEY=VALUE" : ": it loads by now");
+std::string keyRefusal(const std::string& key) {
+    SystemCfgManager store;  // takes some keys that keyFault() does not
+    return store.getSystemCfgValue(key, korvo::variant::TypeAny, nullptr) ? "" : describe(store.failure());
 }
 
 bool loadFile(const std::string& path, Values& values) {
+    std::string text;
     Variant tree;
-    std::string reason;
-    if (!load(path, tree, reason)) {
-        tell(reason);
+    std::vector<SystemCfgManager::Fault> faults;
+    const bool isCopy = path == workingCopyPath() || path == flashCopyPath();
+    bool read = isCopy && readCopy(path, text);
+    // A copy that came by a hard link keeps its other name for a moment, which harms nobody who only looks.
+    if (!isCopy || (!read && errno == EMLINK)) read = korvo::utils::File::ReadStringAll(path, text);
+    if (!read || !SystemCfgManager::load(text, tree, &faults)) {
+        tell(read ? describe(path, faults.front()) : describeRead(path));
         return false;
     }
     values = valuesOf(tree);
@@ -105,19 +106,23 @@ Variant nested(const Values& values) {
 }
 
 bool isGroup(const Values& values, const std::string& key) {
-    const auto next = values.lower_bound(key + '.');
-    return next != values.end() && next->first.compare(0, key.size() + 1, key + '.') == 0;
+    return values.lower_bound(key + '.') != values.lower_bound(key + afterDot);
+}
+
+bool isThere(const Values& values, const std::string& key) {
+    return values.count(key) != 0 || isGroup(values, key);
+}
+
+void remove(Values& values, const std::string& key) {
+    values.erase(key);
+    values.erase(values.lower_bound(key + '.'), values.lower_bound(key + afterDot));
 }
 
 Values part(const Values& values, const std::string& key) {
     if (key.empty()) return values;
-    Values found;
+    Values found(values.lower_bound(key + '.'), values.lower_bound(key + afterDot));
     const auto value = values.find(key);
     if (value != values.end()) found.insert(*value);
-    const std::string group = key + '.';
-    for (auto member = values.lower_bound(group);
-         member != values.end() && member->first.compare(0, group.size(), group) == 0; ++member)
-        found.insert(found.end(), *member);
     return found;
 }
 

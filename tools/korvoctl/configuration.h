@@ -18,26 +18,27 @@ std::string workingCopyPath();
 using korvo::utils::flashCopyPath;
 
 /**
+ * Reads the working copy or the flash copy as the store does, through no link and by one name only.
+ * @return false, with errno set, when it cannot be read
+ */
+[[nodiscard]] bool readCopy(const std::string& path, std::string& text);
+
+/**
  * Reads a whole file, which may be a pipe; "-" means standard input.
  * @return false, with errno set, when it cannot be read
  */
 [[nodiscard]] bool readWhole(const std::string& name, std::string& text);
 
-/** The name of a file as messages have it: "-" is standard input. */
-std::string shownName(const std::string& name);
+/** Why a file cannot be read, from errno; "-" is standard input. */
+std::string describeRead(const std::string& name);
 
-/** A fault as compilers tell it: `FILE:LINE: REASON`. */
+/** A fault as compilers print it: `FILE:LINE: REASON`. */
 std::string describe(const std::string& name, const SystemCfgManager::Fault& fault);
 
-/**
- * Why the configuration in a file cannot be used: the reason that it cannot be read, its first fault, or that
- * it holds no values.
- */
-std::string firstFault(const std::string& path);
+/** Why a key names no value that can be got; empty when it may. */
+std::string keyRefusal(const std::string& key);
 
-/**
- * Loads the configuration in a file as the store does. False, with the reason told, when it does not load.
- */
+/** Loads the configuration in a file as the store does. False, with the reason printed, when it does not load. */
 [[nodiscard]] bool loadFile(const std::string& path, Values& values);
 
 /** The values of a tree of strings. */
@@ -48,6 +49,12 @@ korvo::variant::Variant nested(const Values& values);
 
 /** Whether there are values below a key. */
 bool isGroup(const Values& values, const std::string& key);
+
+/** Whether there is a value under a key or below it. */
+bool isThere(const Values& values, const std::string& key);
+
+/** Removes what is under a key and below it. */
+void remove(Values& values, const std::string& key);
 
 /** The part of the values that has this key or is below it; all for the empty key. */
 Values part(const Values& values, const std::string& key);

@@ -12,7 +12,7 @@ ExitStatus explain(const Command& command) {
     const std::string synopsis =
         std::string("korvoctl ") + command.name + (*command.operands != '\0' ? " " : "") + command.operands;
     korvo::variant::Variant options;
-    declareOptions(&command, options);
+    describeOptions(command, options);
     PrintHelp(synopsis.c_str(), options);
     std::printf("%s.\n%s%s", command.summary, command.description, *command.description != '\0' ? "\n" : "");
     return Done;
@@ -22,12 +22,11 @@ ExitStatus explain(const Command& command) {
 
 ExitStatus help(const Arguments& arguments) {
     // `korvoctl get --help` asks for the same as `korvoctl help get`.
-    const bool byOption = arguments.has("help") && arguments.command() != nullptr;
-    if (byOption) return explain(*arguments.command());
+    if (arguments.has("help") && arguments.command() != nullptr) return explain(*arguments.command());
     if (!arguments.operands().empty()) {
         const Command* command = findCommand(arguments.operand());
         return command != nullptr ? explain(*command)
-                                  : wrongUsage("there is no command '" + arguments.operand() + "'", "");
+                                  : wrongUsage("unknown command '" + arguments.operand() + "'", "");
     }
     std::printf("korvoctl COMMAND [OPTION]...: a camera's configuration, device information and URIs\n\n");
     for (const Command& command : allCommands()) {
@@ -35,10 +34,9 @@ ExitStatus help(const Arguments& arguments) {
         std::printf("  %-21s %s\n", synopsis.c_str(), command.summary);
     }
     std::printf(
-        "\n--root=DIR goes with every command: it uses the device tree in that folder. 'korvoctl help "
-        "COMMAND'\n"
-        "explains a command and its options. Exit status: 0 done; 1 the answer is no; 2 wrong usage; 3 "
-        "failed.\n");
+        "\nEvery command accepts --root=DIR, to use the device tree in that directory.\n"
+        "'korvoctl help COMMAND' explains a command and its options. -- ends the options.\n"
+        "Exit status: 0 done; 1 the answer is no; 2 wrong usage; 3 failed.\n");
     return Done;
 }
 

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "text.h"
+#include "korvo/logger/logger.h"
 
 namespace korvoctl {
 namespace {
@@ -15,10 +15,10 @@ void appendText(std::string& out, std::string_view text) {
     out += '"';
     while (!text.empty()) {
         char32_t code = 0;
-        const std::size_t length = utf8Character(text, code);
+        const std::size_t length = korvo::logger::utf8Character(text, code);
         if (length == 0) {
             out += "\xef\xbf\xbd";  // U+FFFD
-        } else if (isControl(code)) {
+        } else if (korvo::logger::isControl(code)) {
             char escape[8];
             std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(code));
             out += escape;
@@ -63,11 +63,11 @@ void append(std::string& out, const Variant& value, std::size_t level) {
 }  // namespace
 
 std::string scalarText(const Variant& value) {
-    Variant line;
-    line[""] = value;
+    Variant named;
+    named["value"] = value;
     std::string text;
-    (void)line.ToKVP(text, "", "");
-    return text;
+    (void)named.ToKVP(text, "=", "");
+    return text.substr(text.find('=') + 1);
 }
 
 std::string json(const Variant& value) {

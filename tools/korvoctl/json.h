@@ -7,7 +7,7 @@
 
 namespace korvoctl {
 
-/** A number or a boolean as it is written in key=value text. For numbers that is how JSON has them too. */
+/** A number or a boolean as key=value text has it. For numbers, JSON has the same. */
 std::string scalarText(const korvo::variant::Variant& value);
 
 /**

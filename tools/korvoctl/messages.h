@@ -1,7 +1,9 @@
-/** @file What korvoctl tells its user beside results: why something failed, in the operator's words. */
+/** @file Messages of korvoctl: what is wrong, in the operator's words. */
 #pragma once
 
 #include <string>
+
+#include "korvo/variant_utils/failure.h"
 
 namespace korvoctl {
 
@@ -13,7 +15,7 @@ enum ExitStatus {
     Failed = 3
 };
 
-/** Prints one line to standard error, with control characters escaped. */
+/** Prints one line to standard error, escaped. */
 void tell(const std::string& message);
 
 /** Tells a message; returns Failed. */
@@ -28,16 +30,7 @@ void tell(const std::string& message);
 /** What an errno value means. */
 std::string systemError(int number);
 
-/** Keeps the library's messages, which are for developers, instead of letting it print them. */
-void captureLibraryMessages();
-
-/**
- * Why the library failed: its first error, which is where the failure was found, in the operator's words. It
- * tells of errors only when it fails, and a command ends at the first failure.
- */
-std::string libraryFailure();
-
-/** Whether it took the defaults in place of a flash copy that is there. */
-bool tookDefaults();
+/** Why the library failed. */
+std::string describe(const korvo::Failure& failure);
 
 }  // namespace korvoctl

@@ -6,7 +6,8 @@
 #include <map>
 
 #include "json.h"
-#include "text.h"
+#include "korvo/logger/logger.h"
+#include "korvo/utils/text.h"
 
 namespace korvoctl {
 namespace {
@@ -14,12 +15,19 @@ namespace {
 using korvo::variant::Variant;
 using korvo::variant::VariantType;
 
+/** A text escaped, and with a doubled backslash, so that the reader can tell what has been escaped. */
+std::string onOneLine(std::string text) {
+    korvo::utils::replaceAll(text, "\\", "\\\\");
+    return korvo::logger::escaped(text);
+}
+
 /** Nests no deeper than key=value text may, of which all maps are made: none has indices. */
 void flatten(const Variant& value, const std::string& key, std::map<std::string, std::string>& lines) {
     const VariantType type = value;
     if (type == korvo::variant::TypeMap) {
         const std::string prefix = key.empty() ? key : key + '.';
-        for (const auto& member : value) flatten(member.second, prefix + onOneLine(member.first), lines);
+        for (const auto& member : value)
+            flatten(member.second, prefix + onOneLine(std::string(member.first)), lines);
     } else if (type == korvo::variant::TypeString) {
         lines[key] = onOneLine(static_cast<const std::string&>(value));
     } else {
@@ -45,16 +53,11 @@ void printLine(const std::string& text) { std::printf("%s\n", onOneLine(text).c_
 
 void printJson(const Variant& value) { std::fputs(json(value).c_str(), stdout); }
 
-void printRecord(const Variant& record, bool asJson) {
-    const bool isEmpty = static_cast<VariantType>(record) == korvo::variant::TypeNull;
-    if (asJson) {
-        Variant object;
-        object.IsArray(false);
-        printJson(isEmpty ? object : record);
-        return;
-    }
+void printRecord(Variant record, bool asJson) {
+    record.IsArray(false);
+    if (asJson) return printJson(record);
     std::map<std::string, std::string> lines;
-    if (!isEmpty) flatten(record, "", lines);
+    flatten(record, "", lines);
     for (const auto& [key, value] : lines) std::printf("%s=%s\n", key.c_str(), value.c_str());
 }
 

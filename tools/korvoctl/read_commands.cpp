@@ -1,7 +1,6 @@
-// What only looks takes no lock and writes nothing, so that it works for other users, on a read-only image,
+// These commands take no lock and write nothing, so that they work for other users, on a read-only image,
 // beside a writer and into a pipe that nobody reads for a while.
 
-#include <cerrno>
 #include <set>
 #include <string>
 #include <vector>
@@ -9,7 +8,6 @@
 #include "arguments.h"
 #include "commands.h"
 #include "configuration.h"
-#include "korvo/utils/file.h"
 #include "output.h"
 
 namespace korvoctl {
@@ -21,11 +19,7 @@ std::string pairLines(const Values& values) {
     return lines;
 }
 
-ExitStatus groupInstead(const std::string& key) {
-    return answerNo(key + " is a group of keys; 'korvoctl dump " + key + "' prints it");
-}
-
-/** The values under the keys; missing ones are told and make the status No. */
+/** The values under the keys; prints the missing ones, which make the status No. */
 ExitStatus select(const Values& all, const std::vector<std::string>& keys, Values& found) {
     ExitStatus status = Done;
     for (const std::string& key : keys) {
@@ -33,9 +27,9 @@ ExitStatus select(const Values& all, const std::vector<std::string>& keys, Value
         if (value != all.end()) {
             found.insert(*value);
         } else if (isGroup(all, key)) {
-            status = groupInstead(key);
+            status = answerNo(key + " is a group of keys; use 'korvoctl dump'");
         } else {
-            status = answerNo("there is no value under the key " + key);
+            status = answerNo("no such key '" + key + "'");
         }
     }
     return status;
@@ -47,11 +41,11 @@ ExitStatus getValues(const Arguments& arguments) {
     const std::vector<std::string>& keys = arguments.operands();
     std::set<std::string> once;
     for (const std::string& key : keys) {
-        if (!once.insert(key).second) return wrongUsage("the key " + key + " is given twice", "get");
+        if (!once.insert(key).second) return wrongUsage("key '" + key + "' given twice", "get");
     }
     for (const std::string& key : keys) {
-        const char* const fault = SystemCfgManager::keyFault(key);
-        if (fault != nullptr) return failed("the key '" + key + "' is refused: " + fault);
+        const std::string refusal = keyRefusal(key);
+        if (!refusal.empty()) return failed(refusal);
     }
     Values all;
     Values found;
@@ -71,11 +65,13 @@ ExitStatus getValues(const Arguments& arguments) {
 }
 
 ExitStatus dump(const Arguments& arguments) {
+    const std::string refusal = arguments.operands().empty() ? "" : keyRefusal(arguments.operand());
+    if (!refusal.empty()) return failed(refusal);
     Values values;
     if (!loadFile(workingCopyPath(), values)) return Failed;
     values = part(values, arguments.operand());
     if (values.empty() && !arguments.operand().empty())
-        return answerNo("there is nothing under the key " + arguments.operand());
+        return answerNo("no such key '" + arguments.operand() + "'");
     if (arguments.has("json")) {
         printJson(nested(values));
     } else {
@@ -104,12 +100,12 @@ ExitStatus check(const Arguments& arguments) {
     const bool named = !arguments.operands().empty();
     const std::string name = named ? arguments.operand() : workingCopyPath();
     std::string text;
-    korvo::variant::Variant tree;
+    std::vector<SystemCfgManager::Change> unused;
     std::vector<SystemCfgManager::Fault> faults;
-    // What stands in the working copy's place may be a pipe that nobody writes to; a named one is asked for.
-    const bool read = named ? readWhole(name, text) : korvo::utils::File::ReadStringAll(name, text);
-    if (!read) return failed("cannot read " + shownName(name) + ": " + systemError(errno));
-    if (SystemCfgManager::load(text, tree, &faults)) return Done;
+    // A pipe may be given by name; in the working copy's place, one would block forever.
+    const bool read = named ? readWhole(name, text) : readCopy(name, text);
+    if (!read) return failed(describeRead(name));
+    if (SystemCfgManager::parse(text, unused, &faults)) return Done;
     for (const SystemCfgManager::Fault& fault : faults) printLine(describe(name, fault));
     return No;
 }

@@ -1,9 +1,8 @@
 #include "waiting.h"
 
 #include <chrono>
-#include <new>
 #include <string>
-#include <system_error>
+#include <thread>
 
 #include "korvo/utils/file.h"
 #include "korvo/utils/inter_process_mutex.h"
@@ -12,45 +11,22 @@
 
 namespace korvoctl {
 
-WaitNotice::WaitNotice(const char* name, const char* holds) : lock(name), deed(holds) {
-    try {
-        watcher = std::thread([this] { watch(); });
-    } catch (const std::system_error&) {
-        // Where no thread can be started the waiting goes on without a word.
+void announceWait(const char* name, const char* until) {
+    const InterProcessMutex lock(name, true);
+    pid_t holder = lock.holder();
+    for (int tries = 0; holder != 0 && tries < 100; ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        holder = lock.holder();
     }
-}
-
-WaitNotice::~WaitNotice() {
-    {
-        const std::lock_guard<std::mutex> guard(mutex);
-        over = true;
+    if (holder == 0) return;
+    std::string who = "a program without a process id";
+    if (holder > 0) {
+        std::string program;
+        (void)korvo::utils::File::ReadStringAll("/proc/" + std::to_string(holder) + "/comm", program);
+        korvo::utils::trim(program);
+        who = "process " + std::to_string(holder) + (program.empty() ? "" : " (" + program + ')');
     }
-    ended.notify_one();
-    if (watcher.joinable()) watcher.join();
-}
-
-void WaitNotice::watch() {
-    std::unique_lock<std::mutex> guard(mutex);
-    // Whoever holds the lock at one moment may be between two others that keep it for long.
-    while (!ended.wait_for(guard, std::chrono::seconds(1), [this] { return over; })) {
-        try {
-            if (tellHolder()) return;
-        } catch (const std::bad_alloc&) {
-            return;  // likewise without a word
-        }
-    }
-}
-
-/** Tells who holds the lock; false when nobody is to be seen. */
-bool WaitNotice::tellHolder() const {
-    const pid_t holder = InterProcessMutex(lock, true).holder();
-    if (holder == 0) return false;
-    std::string name;
-    (void)korvo::utils::File::ReadStringAll("/proc/" + std::to_string(holder) + "/comm", name);
-    korvo::utils::trim(name);
-    tell("waiting for process " + std::to_string(holder) + (name.empty() ? "" : " (" + name + ')') +
-         ", which " + deed);
-    return true;
+    tell("waiting for " + who + " to " + until);
 }
 
 }  // namespace korvoctl
