@@ -19,7 +19,7 @@ class Model {
     bool set(const std::string& key, const std::string& value) {
         const bool breaksLine = value.find_first_of(std::string("\n\0", 2)) != std::string::npos ||
                                 (!value.empty() && value.back() == '\r');
-        if (!isAcceptable(key) || breaksLine) return false;
+        if (!isAcceptable(key) || looksMistyped(key) || breaksLine) return false;
         for (std::size_t dot = key.find('.'); dot != std::string::npos; dot = key.find('.', dot + 1)) {
             if (values.count(key.substr(0, dot)) != 0) return false;
         }
@@ -37,6 +37,13 @@ class Model {
         return std::none_of(key.begin(), key.end(), isControl) &&
                key.find_first_of("/[]=") == std::string::npos && dotted.find("..") == std::string::npos &&
                dotted.find(".#") == std::string::npos && std::count(key.begin(), key.end(), '.') < 64;
+    }
+
+    /** Keys that are read but not set. */
+    static bool looksMistyped(const std::string& key) {
+        const std::string dotted = '.' + key + '.';
+        if (dotted.find(". ") != std::string::npos || dotted.find(" .") != std::string::npos) return true;
+        return key.compare(0, 3, "\xef\xbb\xbf") == 0;
     }
 
     /** Loading takes whole boolean words for digits. */
