@@ -6,6 +6,19 @@ if(KORVO_INSTALL)
   include(CMakePackageConfigHelpers)
 endif()
 
+# cpack archives what is installed, or by CPackSourceConfig.cmake the sources, without builds and history.
+if(KORVO_TOP_LEVEL)
+  set(CPACK_GENERATOR TGZ)
+  set(CPACK_SYSTEM_NAME ${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR})
+  set(CPACK_SOURCE_GENERATOR TGZ)
+  set(CPACK_SOURCE_PACKAGE_FILE_NAME ${PROJECT_NAME}-${PROJECT_VERSION})
+  # Regular expressions, in which a folder's name may hold any character.
+  string(REGEX REPLACE "([][+.*()^$?|\\])" "\\\\\\1" folder "${PROJECT_SOURCE_DIR}")
+  set(CPACK_SOURCE_IGNORE_FILES "^${folder}/build(/|$)" "^${folder}/\\.git(/|$)")
+  set(CPACK_VERBATIM_VARIABLES ON)
+  include(CPack)
+endif()
+
 # korvo_install_package(PACKAGE LIBRARIES ...)
 # Makes the libraries the CMake package PACKAGE, whose find_package reads cmake/PACKAGE-config.cmake.in, and gives each
 # its pkg-config file.

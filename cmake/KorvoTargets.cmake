@@ -21,8 +21,38 @@ function(korvo_check_links variable program)
   check_cxx_source_compiles("${program}" ${variable} ${warning})
 endfunction()
 
-# Hardening that the toolchain at hand may lack: the program has what each flag looks after.
+# What the build around us says in flags of its own.
+set(said ${CMAKE_CXX_COMPILER_ARG1})
+foreach(property COMPILE_OPTIONS COMPILE_DEFINITIONS LINK_OPTIONS)
+  get_directory_property(value ${property})
+  list(APPEND said ${value})
+endforeach()
+foreach(flags CXX_FLAGS EXE_LINKER_FLAGS SHARED_LINKER_FLAGS)
+  list(APPEND said ${CMAKE_${flags}})
+  foreach(config ${CMAKE_BUILD_TYPE} ${CMAKE_CONFIGURATION_TYPES})
+    string(TOUPPER ${config} config)
+    list(APPEND said ${CMAKE_${flags}_${config}})
+  endforeach()
+endforeach()
+
+# korvo_harden(LIST SUBJECT FLAG...): adds the flags to the list, unless the build around us has said something that
+# matches the subject, a regular expression.
+macro(korvo_harden list subject)
+  if(KORVO_HARDENING AND NOT said MATCHES "${subject}")
+    list(APPEND ${list} ${ARGN})
+  endif()
+endmacro()
+
+# Fortification needs an optimised build, and sanitizers bring their own checks.
 set(KORVO_HARDENING_FLAGS)
+korvo_harden(KORVO_HARDENING_FLAGS "_FORTIFY_SOURCE|-fsanitize"
+  $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+set(KORVO_HARDENING_LINK_FLAGS)
+korvo_harden(KORVO_HARDENING_LINK_FLAGS "relro" -Wl,-z,relro)
+korvo_harden(KORVO_HARDENING_LINK_FLAGS "-z[, ;](now|lazy)" -Wl,-z,now)
+korvo_harden(KORVO_HARDENING_LINK_FLAGS "execstack" -Wl,-z,noexecstack)
+
+# The toolchain at hand may lack these: the program has what each flag looks after.
 foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection)
   string(MAKE_C_IDENTIFIER "KORVO_HAS${flag}" has)
   korvo_check_links(${has} "
@@ -32,15 +62,10 @@ foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection)
       return std::snprintf(text, sizeof text, \"%s\", arguments[count - 1]);
     }" ${flag})
   if(${has})
-    list(APPEND KORVO_HARDENING_FLAGS ${flag})
+    string(REGEX REPLACE "^-f|-strong$" "" subject ${flag})
+    korvo_harden(KORVO_HARDENING_FLAGS ${subject} ${flag})
   endif()
 endforeach()
-
-korvo_check_links(KORVO_HAS_fno_semantic_interposition "int main() { return 0; }" -fno-semantic-interposition)
-set(KORVO_SIZE_FLAGS -ffunction-sections -fdata-sections)
-if(KORVO_HAS_fno_semantic_interposition)
-  list(APPEND KORVO_SIZE_FLAGS -fno-semantic-interposition)
-endif()
 
 korvo_check_links(KORVO_HAS_FLOATING_POINT_CHARCONV "
   #include <charconv>
@@ -75,15 +100,10 @@ function(korvo_build_settings target)
   # 64-bit time_t needs 64-bit file offsets, and a C library that has no such choice ignores both.
   target_compile_definitions(${target} PRIVATE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wconversion -Wshadow ${KORVO_HARDENING_FLAGS})
-  if(KORVO_WARNINGS_AS_ERRORS)
-    target_compile_options(${target} PRIVATE -Werror)
-  endif()
-  # Fortification needs an optimised build, and sanitizers bring their own checks.
   if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
-    target_compile_options(${target} PRIVATE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
     target_link_options(${target} PRIVATE -Wl,-z,defs)
   endif()
-  target_link_options(${target} PRIVATE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
+  target_link_options(${target} PRIVATE ${KORVO_HARDENING_LINK_FLAGS} -Wl,--as-needed)
 endfunction()
 
 # korvo_add_library(NAME DESCRIPTION ... SOURCES ... [PUBLIC_LINK ...] [PRIVATE_LINK ...])
@@ -107,6 +127,6 @@ function(korvo_add_library name)
   set_property(TARGET ${target} PROPERTY LINK_DEPENDS ${exports})
   # Smaller: what nothing calls is left out, also of a host that links statically and says --gc-sections; a library's
   # calls of its own functions go straight there.
-  target_compile_options(${target} PRIVATE ${KORVO_SIZE_FLAGS})
+  target_compile_options(${target} PRIVATE -ffunction-sections -fdata-sections -fno-semantic-interposition)
   target_link_options(${target} PRIVATE -Wl,--gc-sections -Wl,-Bsymbolic-functions)
 endfunction()

@@ -27,6 +27,7 @@ InterProcessMutex::InterProcessMutex(const char*, bool) {}
 InterProcessMutex::~InterProcessMutex() = default;
 int InterProcessMutex::acquire() { return 0; }
 int InterProcessMutex::release() { return 0; }
+bool InterProcessMutex::acquired() const { return true; }
 bool InterProcessMutex::held() const { return true; }
 
 namespace korvo::utils {
@@ -64,17 +65,28 @@ double toDouble(const char* text, const char** end) {
 }
 std::string getHostByName(const std::string& name) { return name; }
 std::string devicePath(const char* path) { return deviceRoot + path; }
+std::string flashCopyPath() { return devicePath("/flash/system.cfg"); }
 bool saveToFlashRaw(bool) { return true; }
 bool loadFromFlashRaw(std::string&) {
     errno = ENOENT;
     return false;
+}
+bool loadFromFlashRaw(std::string& text, FileAccess&) { return loadFromFlashRaw(text); }
+bool loadDamagedFlashCopy(std::string& text) { return loadFromFlashRaw(text); }
+bool setFlashCopyAside() {
+    errno = ENOENT;
+    return false;
+}
+bool storeOwner(uid_t& owner, gid_t& group) {
+    owner = group = 0;
+    return true;
 }
 
 struct File::Content : std::fstream {};
 File::File() : content(new Content) {}
 File::~File() { delete content; }
 bool File::Initialize(const std::string& path, FILE_OPEN_MODE mode) {
-    content->open(path, mode == FILE_OPEN_MODE_READ ? std::ios::in : std::ios::out);
+    content->open(path, mode == FILE_OPEN_MODE_TRUNCATE ? std::ios::out : std::ios::in);
     return content->is_open();
 }
 bool File::ReadStringAll(std::string& text) {
@@ -87,6 +99,8 @@ bool File::ReadStringAll(const std::string& path, std::string& text) {
     return file.Initialize(path, FILE_OPEN_MODE_READ) && file.ReadStringAll(text);
 }
 bool File::WriteString(const std::string& text) { return (*content << text).good(); }
+FileAccess File::Access() const { return {0, 0, 0600}; }
+bool File::SetAccess(const FileAccess&) { return true; }
 bool File::CopyAccess(const std::string&) { return true; }
 bool File::Close() {
     content->close();
@@ -200,10 +214,6 @@ bool Variant::FromKVP(const std::string& text, bool, bool, bool) {
         *node = line.substr(line.find('=') + 1);
     }
     return true;
-}
-bool Variant::FromKVPFile(const std::string& path, bool a, bool b, bool c) {
-    std::string text;
-    return utils::File::ReadStringAll(path, text) && FromKVP(text, a, b, c);
 }
 bool Variant::ToKVP(std::string& text, const std::string& equals, const std::string& lineEnd) const {
     text.clear();
