@@ -47,7 +47,7 @@ bool readWhole(const std::string& name, std::string& text) {
     std::FILE* const file = name == "-" ? stdin : std::fopen(name.c_str(), "re");
     if (file == nullptr) return false;
     text.clear();
-    char block[4096];
+    char block[2048];
     std::size_t length = 0;
     while ((length = std::fread(block, 1, sizeof block, file)) > 0) text.append(block, length);
     const int error = std::ferror(file) != 0 ? errno : 0;
