@@ -1,9 +1,7 @@
 # 32-bit ARM with uClibc, the C library of many cameras: the toolchain that scripts/uclibc-toolchain builds. What is built
 # runs here under qemu-user. For the toolchain of a camera's maker, copy this file and name its compiler and its sysroot.
 
-set(KORVO_UCLIBC none CACHE STRING "Whether the C library has locales: none or locale")
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KORVO_UCLIBC)
-get_filename_component(toolchain "${CMAKE_CURRENT_LIST_DIR}/../../build/toolchains/uclibc-${KORVO_UCLIBC}" ABSOLUTE)
+get_filename_component(toolchain "${CMAKE_CURRENT_LIST_DIR}/../../build/toolchains/uclibc" ABSOLUTE)
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
