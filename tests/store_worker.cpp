@@ -28,13 +28,11 @@ pid_t InterProcessMutex::holder() const { return 0; }
 int main(int /*count*/, char** arguments) {
     const std::string root = arguments[1];
     korvo::utils::setDeviceRoot(root);
-    const int journal = ::open((root + "/journal").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    const int file = ::open((root + "/journal").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     const auto stopped = [stop = root + "/stop"] { return ::access(stop.c_str(), F_OK) == 0; };
     const auto require = [](bool succeeded) { succeeded ? void() : ::_exit(1); };
     // One call a line, so that the lines of several processes do not mix.
-    const auto note = [&](const std::string& line) {
-        require(::write(journal, line.data(), line.size()) > 0);
-    };
+    const auto note = [&](const std::string& line) { require(::write(file, line.data(), line.size()) > 0); };
     std::atomic<unsigned> number{0};
     const auto count = [&](unsigned long turns) {
         for (; turns > 0 && !stopped(); --turns) {
@@ -45,8 +43,7 @@ int main(int /*count*/, char** arguments) {
                 require(store.init() && store.get("count", &value, nullptr) &&
                         store.get("system.flash.cycles", &saves, nullptr));
                 const bool save = value % 4 == 0;
-                note("begin " + id + ' ' + std::to_string(value) + ' ' + std::to_string(saves) +
-                     (save ? " 1\n" : " 0\n"));
+                note("begin " + id + ' ' + std::to_string(value) + ' ' + std::to_string(saves) + '\n');
                 require(store.set("count", value + 1, nullptr));
                 note("set " + id + '\n');
                 require(!save || store.close(true, false));  // without a save the destructor closes
