@@ -1,20 +1,20 @@
-# What `cmake --install` puts in place: libraries, headers and what find_package and pkg-config read. Without
-# KORVO_INSTALL that is nothing, and the folders of an installation are left for the parent project to choose.
+# What `cmake --install` installs: libraries, headers and what find_package and pkg-config read. Without KORVO_INSTALL that is
+# nothing, and the parent project chooses the directories of an installation.
 
 if(KORVO_INSTALL)
   include(GNUInstallDirs)
   include(CMakePackageConfigHelpers)
 endif()
 
-# cpack archives what is installed, or by CPackSourceConfig.cmake the sources, without builds and history.
+# The targets package and package_source archive what is installed, and the sources without builds and history.
 if(KORVO_TOP_LEVEL)
   set(CPACK_GENERATOR TGZ)
   set(CPACK_SYSTEM_NAME ${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR})
   set(CPACK_SOURCE_GENERATOR TGZ)
   set(CPACK_SOURCE_PACKAGE_FILE_NAME ${PROJECT_NAME}-${PROJECT_VERSION})
-  # Regular expressions, in which a folder's name may hold any character.
-  string(REGEX REPLACE "([][+.*()^$?|\\])" "\\\\\\1" folder "${PROJECT_SOURCE_DIR}")
-  set(CPACK_SOURCE_IGNORE_FILES "^${folder}/build(/|$)" "^${folder}/\\.git(/|$)")
+  # Regular expressions; the name of the directory may contain any character.
+  string(REGEX REPLACE "([][+.*()^$?|\\])" "\\\\\\1" directory "${PROJECT_SOURCE_DIR}")
+  set(CPACK_SOURCE_IGNORE_FILES "^${directory}/build(/|$)" "^${directory}/\\.git(/|$)")
   set(CPACK_VERBATIM_VARIABLES ON)
   include(CPack)
 endif()
@@ -36,7 +36,7 @@ function(korvo_install_package package)
   foreach(library ${arg_LIBRARIES})
     get_target_property(source_dir ${library} SOURCE_DIR)
     get_target_property(binary_dir ${library} BINARY_DIR)
-    # The headers as they are, and those that were made from the version.
+    # The headers, and the one that configure_file() makes.
     install(DIRECTORY ${source_dir}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
       COMPONENT development FILES_MATCHING PATTERN "*.h")
     if(EXISTS ${binary_dir}/include)
@@ -58,8 +58,8 @@ function(korvo_install_package package)
     COMPONENT development)
 endfunction()
 
-# korvo_install_pkgconfig(LIBRARY): LIBRARY.pc, which requires what the library is linked with. It finds the prefix from
-# where it stands, so that it stays right in a staging folder and in a device's root file system.
+# korvo_install_pkgconfig(LIBRARY): LIBRARY.pc, which requires what the library links. It derives the prefix from its own
+# place, so that it is right in a staging directory and in a device's root file system.
 function(korvo_install_pkgconfig library)
   get_target_property(description ${library} KORVO_DESCRIPTION)
   get_target_property(links ${library} LINK_LIBRARIES)
@@ -79,7 +79,7 @@ function(korvo_install_pkgconfig library)
   endforeach()
   list(JOIN requires " " requires)
   list(JOIN requires_private " " requires_private)
-  # The linker must see the shared libraries that a shared library needs, though the host does not name them.
+  # The linker must find the shared libraries that a shared library needs, though the host does not name them.
   set(libs_more)
   if(BUILD_SHARED_LIBS)
     set(libs_more " -Wl,-rpath-link,\${libdir}")

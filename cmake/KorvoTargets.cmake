@@ -3,14 +3,14 @@
 include(CheckCXXSourceCompiles)
 include(CheckPIESupported)
 
-# Programs are linked as position-independent where the linker can; without the check CMake only compiles them so.
-# It tells for the whole build, which a parent project decides for itself.
+# Without this check CMake compiles programs as position-independent, but does not link them so. It applies to the whole
+# build, so a parent project decides for itself.
 if(KORVO_TOP_LEVEL)
   check_pie_supported(LANGUAGES CXX)
 endif()
 
-# korvo_check_links(VARIABLE PROGRAM [FLAG]): whether the toolchain builds the program, and takes the flag without a warning.
-# What it says of itself, its name and its version, tells less: it may take a flag and lack the function that this calls.
+# korvo_check_links(VARIABLE PROGRAM [FLAG]): whether the toolchain links the program, and accepts the flag without a warning.
+# Its name and version would not do: it may accept a flag but lack the function that the flag calls.
 function(korvo_check_links variable program)
   set(CMAKE_CXX_STANDARD 17)
   set(CMAKE_REQUIRED_FLAGS ${ARGN})
@@ -21,7 +21,7 @@ function(korvo_check_links variable program)
   check_cxx_source_compiles("${program}" ${variable} ${warning})
 endfunction()
 
-# What the build around us says in flags of its own.
+# The flags that the user, the toolchain or a parent project has set.
 set(said ${CMAKE_CXX_COMPILER_ARG1})
 foreach(property COMPILE_OPTIONS COMPILE_DEFINITIONS LINK_OPTIONS)
   get_directory_property(value ${property})
@@ -35,8 +35,8 @@ foreach(flags CXX_FLAGS EXE_LINKER_FLAGS SHARED_LINKER_FLAGS)
   endforeach()
 endforeach()
 
-# korvo_harden(LIST SUBJECT FLAG...): adds the flags to the list, unless the build around us has said something that
-# matches the subject, a regular expression.
+# korvo_harden(LIST SUBJECT FLAG...): adds the flags to the list, unless one of those already set matches SUBJECT, a regular
+# expression.
 macro(korvo_harden list subject)
   if(KORVO_HARDENING AND NOT said MATCHES "${subject}")
     list(APPEND ${list} ${ARGN})
@@ -52,15 +52,15 @@ korvo_harden(KORVO_HARDENING_LINK_FLAGS "relro" -Wl,-z,relro)
 korvo_harden(KORVO_HARDENING_LINK_FLAGS "-z[, ;](now|lazy)" -Wl,-z,now)
 korvo_harden(KORVO_HARDENING_LINK_FLAGS "execstack" -Wl,-z,noexecstack)
 
-# For 32-bit ARM, GCC's -fstack-clash-protection only touches the end of every frame. No frame here reaches a page, so that
-# none can step over the guard page: the flag would protect nothing, for 3,685 bytes of the libraries' 121,377.
+# For 32-bit ARM, GCC's -fstack-clash-protection only touches the end of every frame. No frame here reaches a page, so
+# none can step over the guard page: the flag would protect nothing, at 3,685 bytes.
 set(KORVO_FRAME_FLAGS)
 korvo_harden(KORVO_FRAME_FLAGS "-fsanitize" -Wframe-larger-than=4095)
 set(flags -fstack-protector-strong -fstack-clash-protection -fcf-protection)
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm" AND CMAKE_SIZEOF_VOID_P EQUAL 4)
   list(REMOVE_ITEM flags -fstack-clash-protection)
 endif()
-# The toolchain at hand may lack these: the program has what each flag looks after.
+# The toolchain may lack these. The program contains what each flag protects.
 foreach(flag ${flags})
   string(MAKE_C_IDENTIFIER "KORVO_HAS${flag}" has)
   korvo_check_links(${has} "
@@ -83,20 +83,20 @@ korvo_check_links(KORVO_HAS_FLOATING_POINT_CHARCONV "
     return std::to_chars(arguments[0], arguments[0] + 1, number).ptr == nullptr;
   }")
 if(NOT KORVO_HAS_FLOATING_POINT_CHARCONV)
-  message(FATAL_ERROR "A standard library with std::from_chars and std::to_chars of double is needed: GCC's has them since "
-    "GCC 11, and on a C library without locale objects, as uClibc mostly is, since GCC 12.")
+  message(FATAL_ERROR "The standard library lacks std::from_chars and std::to_chars of double. GCC has them since GCC 11; with a "
+    "C library without locale objects, such as most builds of uClibc, since GCC 12.")
 endif()
 
 # korvo_build_settings(TARGET): language level, warnings, hardening and 64-bit file offsets of one target.
 function(korvo_build_settings target)
   target_compile_features(${target} PUBLIC cxx_std_17)
-  # Said twice: the feature is for those who link the target, the standard puts a flag on every command line, which
-  # tools that read the compilation database need. Who asks for a later one gets it.
+  # The feature is for those who link the target. The standard puts a flag on every command line, which tools that read the
+  # compilation database need; a later standard that the user sets stays.
   if(NOT CMAKE_CXX_STANDARD)
     set_property(TARGET ${target} PROPERTY CXX_STANDARD 17)
   endif()
-  # With the folder's name in it, the same sources would make another build identifier in every folder. Not every
-  # loader knows it, so a toolchain may set CMAKE_BUILD_RPATH_USE_ORIGIN.
+  # An absolute path would give the same sources another build identifier in every directory. A toolchain whose loader does
+  # not know $ORIGIN sets CMAKE_BUILD_RPATH_USE_ORIGIN to OFF.
   if(NOT DEFINED CMAKE_BUILD_RPATH_USE_ORIGIN)
     set_property(TARGET ${target} PROPERTY BUILD_RPATH_USE_ORIGIN ON)
   endif()
@@ -105,7 +105,7 @@ function(korvo_build_settings target)
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON
     POSITION_INDEPENDENT_CODE ON)
-  # 64-bit time_t needs 64-bit file offsets, and a C library that has no such choice ignores both.
+  # 64-bit time_t needs 64-bit file offsets. A C library without that choice ignores both.
   target_compile_definitions(${target} PRIVATE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wconversion -Wshadow ${KORVO_HARDENING_FLAGS})
   if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
@@ -115,7 +115,7 @@ function(korvo_build_settings target)
 endfunction()
 
 # korvo_add_library(NAME DESCRIPTION ... SOURCES ... [PUBLIC_LINK ...] [PRIVATE_LINK ...])
-# The library libkorvo_NAME with the target korvo::NAME; its public headers stand under include/ of its folder.
+# The library libkorvo_NAME with the target korvo::NAME; its public headers are in include/ of its directory.
 function(korvo_add_library name)
   cmake_parse_arguments(arg "" "DESCRIPTION" "SOURCES;PUBLIC_LINK;PRIVATE_LINK" ${ARGN})
   set(target korvo_${name})
@@ -129,12 +129,12 @@ function(korvo_add_library name)
     SOVERSION ${PROJECT_VERSION_MAJOR})
   target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>)
   target_link_libraries(${target} PUBLIC ${arg_PUBLIC_LINK} PRIVATE ${arg_PRIVATE_LINK})
-  # Instances of standard templates are visible whatever visibility we ask for.
+  # Instances of standard templates are visible whatever the visibility preset.
   set(exports ${PROJECT_SOURCE_DIR}/cmake/exports.map)
   target_link_options(${target} PRIVATE -Wl,--version-script=${exports})
   set_property(TARGET ${target} PROPERTY LINK_DEPENDS ${exports})
-  # Smaller: what nothing calls is left out, also of a host that links statically and says --gc-sections; a library's
-  # calls of its own functions go straight there.
+  # Smaller code: the linker drops what nothing calls, even from a host that links statically with --gc-sections, and a
+  # library calls its own functions directly.
   target_compile_options(${target} PRIVATE -ffunction-sections -fdata-sections -fno-semantic-interposition)
   target_link_options(${target} PRIVATE -Wl,--gc-sections -Wl,-Bsymbolic-functions)
   target_compile_options(${target} PRIVATE ${KORVO_FRAME_FLAGS})

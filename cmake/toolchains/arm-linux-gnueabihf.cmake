@@ -1,10 +1,10 @@
-# 32-bit ARM with Debian's cross compiler; what is built runs here under qemu-user.
+# 32-bit ARM with Debian's cross compiler; qemu-user runs the programs.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
-# Says for every vector how compilers before GCC 7.1 passed it; none of those built anything used here.
+# GCC would note at every vector that compilers before 7.1 passed it otherwise; none of those built anything used here.
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 
 # The device's libraries and headers only, but this machine's programs.

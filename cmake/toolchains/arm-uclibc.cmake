@@ -1,5 +1,5 @@
-# 32-bit ARM with uClibc, the C library of many cameras: the toolchain that scripts/uclibc-toolchain builds. What is built
-# runs here under qemu-user. For the toolchain of a camera's maker, copy this file and name its compiler and its sysroot.
+# 32-bit ARM with uClibc, the C library of many cameras, by the toolchain that scripts/uclibc-toolchain builds; qemu-user runs
+# the programs. For the toolchain of a camera's maker, copy this file and name its compiler and sysroot.
 
 get_filename_component(toolchain "${CMAKE_CURRENT_LIST_DIR}/../../build/toolchains/uclibc" ABSOLUTE)
 
@@ -7,10 +7,10 @@ set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_C_COMPILER ${toolchain}/bin/arm-uclibc-gcc)
 set(CMAKE_CXX_COMPILER ${toolchain}/bin/arm-uclibc-g++)
-# Says for every vector how compilers before GCC 7.1 passed it; none of those built anything used here.
+# GCC would note at every vector that compilers before 7.1 passed it otherwise; none of those built anything used here.
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 
-# Its loader knows no $ORIGIN.
+# Its loader does not know $ORIGIN.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN OFF)
 
 # The device's libraries and headers only, but this machine's programs.
