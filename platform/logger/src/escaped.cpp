@@ -1,3 +1,5 @@
+#include <cstdio>
+
 #include "korvo/logger/logger.h"
 
 namespace korvo::logger {
@@ -22,25 +24,26 @@ std::size_t utf8Character(std::string_view text, char32_t& code) {
 bool isControl(char32_t code) { return code < 0x20 || (code >= 0x7f && code < 0xa0); }
 
 std::string escaped(std::string_view text) {
-    static const char hex[] = "0123456789abcdef";
     std::string line;
     while (!text.empty()) {
         char32_t code = 0;
         const std::size_t length = utf8Character(text, code);
+        const char first = text[0];
         const std::string_view character = text.substr(0, length != 0 ? length : 1);
         text.remove_prefix(character.size());
-        if (character == "\n") {
-            line += "\\n";
-        } else if (character == "\r") {
-            line += "\\r";
-        } else if (character == "\t") {
-            line += "\\t";
-        } else if (length != 0 && !isControl(code)) {
+        if (length != 0 && !isControl(code)) {
             line += character;
+        } else if (first == '\n') {
+            line += "\\n";
+        } else if (first == '\r') {
+            line += "\\r";
+        } else if (first == '\t') {
+            line += "\\t";
         } else {
-            for (const char each : character) {
-                const auto byte = static_cast<unsigned char>(each);
-                line += {'\\', 'x', hex[byte >> 4], hex[byte & 0xf]};
+            for (const char byte : character) {
+                char hex[5];
+                (void)std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(byte));
+                line += hex;
             }
         }
     }

@@ -28,8 +28,7 @@ class CancellationShield {
 };
 
 const char* levelName(int level) {
-    static const char* const names[] = {"emerg",   "alert",  "crit", "error",
-                                        "warning", "notice", "info", "debug"};
+    static const char names[][8] = {"emerg", "alert", "crit", "error", "warning", "notice", "info", "debug"};
     return level >= 0 && level < 8 ? names[level] : "unknown";
 }
 
@@ -49,13 +48,17 @@ std::string formatMessage(const char* format, va_list arguments) {
 Sink setSink(Sink sink) { return currentSink.exchange(sink != nullptr ? sink : standardErrorSink); }
 
 void standardErrorSink(const Record& record) {
-    std::string line = std::string(levelName(record.level)) + ' ' + record.module + ' ' + record.sourceFile +
-                       ':' + std::to_string(record.line) + ' ' + record.function + ": " + record.message;
-    if (record.errorCode != 0) line += " (error " + std::to_string(record.errorCode) + ')';
-    line += '\n';
+    char line[16], error[32] = "";
+    (void)std::snprintf(line, sizeof line, ":%d ", record.line);
+    if (record.errorCode != 0) (void)std::snprintf(error, sizeof error, " (error %d)", record.errorCode);
+    const char* const parts[] = {
+        levelName(record.level), " ",   record.module, " ", record.sourceFile, line, record.function, ": ",
+        record.message,          error, "\n"};
+    std::string text;
+    for (const char* part : parts) text += part;
     // One write, not a stream: lines of several threads and processes must not mix. A line that cannot be
     // written has nowhere else to go.
-    (void)!::write(STDERR_FILENO, line.data(), line.size());
+    (void)!::write(STDERR_FILENO, text.data(), text.size());
 }
 
 void syslogSink(const Record& record) {
