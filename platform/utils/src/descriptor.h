@@ -28,7 +28,7 @@ class CancellationShield {
 
 /** Repeats a system call for as long as a signal interrupts it. */
 template <class Call>
-auto uninterrupted(Call call) {
+auto uninterrupted(Call call) noexcept {
     const CancellationShield shield;
     auto result = call();
     while (result == -1 && errno == EINTR) result = call();

@@ -15,11 +15,6 @@ namespace {
 constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
 constexpr mode_t permissionBits = S_IRWXU | S_IRWXG | S_IRWXO;
 
-bool refuseAsTooLarge() {
-    errno = EFBIG;
-    return false;
-}
-
 /** Opens a regular file for reading; -1 with errno set. */
 int openForReading(const char* path, bool anyLink, struct stat& status) {
     // Without waiting for the writer of a pipe, and without becoming the session of a terminal.
@@ -33,29 +28,18 @@ int openForReading(const char* path, bool anyLink, struct stat& status) {
 }
 
 /** Makes a file that nobody else can have open, in place of what has the name; -1 with errno set. */
-int createAnew(const char* path) {
+int openForWriting(const char* path, struct stat& status) {
     // Another user may put something there again; retry, since he cannot win every race.
-    constexpr int attempts = 1000;
-    for (int attempt = 0; attempt < attempts; ++attempt) {
-        const int descriptor = openFile(path, O_WRONLY | O_CREAT | O_EXCL, ownerOnly);
-        if (descriptor >= 0 || errno != EEXIST) return descriptor;
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        Descriptor file(openFile(path, O_WRONLY | O_CREAT | O_EXCL, ownerOnly));
+        // The umask may have taken away even what the owner needs.
+        if (file && ::fchmod(file.get(), ownerOnly) == 0 && ::fstat(file.get(), &status) == 0)
+            return file.release();
+        if (file) keepingErrno([&] { (void)::unlink(path); });
+        if (file || errno != EEXIST) return -1;
         if (::unlink(path) != 0 && errno != ENOENT) return -1;
     }
     errno = EEXIST;
-    return -1;
-}
-
-/** Opens a new file for writing; -1 with errno set. */
-int openForWriting(const char* path, struct stat& status) {
-    Descriptor file(createAnew(path));
-    if (!file) return -1;
-    if (::fstat(file.get(), &status) == 0) {
-        // The umask may have taken away even what the owner needs.
-        if ((status.st_mode & permissionBits) == ownerOnly) return file.release();
-        status.st_mode = ownerOnly;
-        if (::fchmod(file.get(), ownerOnly) == 0) return file.release();
-    }
-    keepingErrno([&] { (void)::unlink(path); });
     return -1;
 }
 
@@ -96,29 +80,36 @@ bool File::Initialize(const std::string& path, FILE_OPEN_MODE openMode) {
 bool File::ReadStringAll(std::string& text) {
     struct stat status {};
     if (::fstat(descriptor, &status) != 0) return false;
-    // A 32-bit device has files larger than any text. Half of the largest can still be doubled.
-    const std::size_t limit = text.max_size() / 2;
-    if (status.st_size >= static_cast<off_t>(limit)) return refuseAsTooLarge();
-    // One byte more than the file claims, so that the end is seen without growing the buffer.
-    std::string content(status.st_size > 0 ? static_cast<std::size_t>(status.st_size) + 1 : 4096, '\0');
+    std::string content;
     std::size_t length = 0;
-    for (;;) {
-        if (length > limit) return refuseAsTooLarge();
-        if (length == content.size()) content.resize(content.size() * 2);
-        const ssize_t got =
-            uninterrupted([&] { return ::read(descriptor, &content[length], content.size() - length); });
-        if (got < 0) return false;
-        if (got == 0) break;
-        length += static_cast<std::size_t>(got);
+    for (off_t expected = status.st_size > 0 ? status.st_size : 4095;; expected *= 2) {
+        // A 32-bit device has files larger than any text.
+        if (expected >= static_cast<off_t>(content.max_size() / 2)) {
+            errno = EFBIG;
+            return false;
+        }
+        // One byte more, so that the end is seen without growing the buffer.
+        content.resize(static_cast<std::size_t>(expected) + 1);
+        while (length < content.size()) {
+            const ssize_t got =
+                uninterrupted([&] { return ::read(descriptor, &content[length], content.size() - length); });
+            if (got < 0) return false;
+            if (got == 0) {
+                content.resize(length);
+                text = std::move(content);
+                return true;
+            }
+            length += static_cast<std::size_t>(got);
+        }
     }
-    content.resize(length);
-    text = std::move(content);
-    return true;
 }
 
-bool File::ReadStringAll(const std::string& path, std::string& text) {
+bool File::ReadStringAll(const std::string& path, std::string& text, FILE_OPEN_MODE openMode,
+                         FileAccess* access) {
     File file;
-    return file.Initialize(path, FILE_OPEN_MODE_READ) && file.ReadStringAll(text);
+    if (!file.Initialize(path, openMode) || !file.ReadStringAll(text)) return false;
+    if (access != nullptr) *access = file.access;
+    return true;
 }
 
 bool File::WriteString(const std::string& text) {

@@ -18,18 +18,16 @@
 namespace korvo::utils {
 namespace {
 
-constexpr mode_t folderMode = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
-
-/** Makes a folder and what is missing of its parents. */
-[[nodiscard]] bool makeFolders(const std::string& path) {
+/** Makes a directory and what is missing of its parents. */
+[[nodiscard]] bool makeDirectories(const std::string& path) {
+    constexpr mode_t mode = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
     for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
-        const std::string folder = path.substr(0, end);
-        if (::mkdir(folder.c_str(), folderMode) == 0) {
+        const std::string directory = path.substr(0, end);
+        if (::mkdir(directory.c_str(), mode) == 0) {
             // The umask may have taken away even what the owner needs.
             struct stat status {};
-            if (::stat(folder.c_str(), &status) != 0) return false;
-            if ((status.st_mode & S_IRWXU) != S_IRWXU && ::chmod(folder.c_str(), folderMode) != 0)
-                return false;
+            if (::stat(directory.c_str(), &status) != 0) return false;
+            if ((status.st_mode & S_IRWXU) != S_IRWXU && ::chmod(directory.c_str(), mode) != 0) return false;
         } else if (errno != EEXIST) {
             return false;
         }
@@ -37,58 +35,38 @@ constexpr mode_t folderMode = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
     }
 }
 
-Descriptor openFolder(const char* path, int above = AT_FDCWD) {
+Descriptor openDirectory(const char* path, int above = AT_FDCWD) {
     return Descriptor(openFile(path, O_RDONLY | O_DIRECTORY, 0, above));
 }
 
-/** Opens a folder, which is made when it is missing. */
-Descriptor openOrMakeFolder(const std::string& path) {
-    Descriptor folder = openFolder(path.c_str());
-    if (!folder && errno == ENOENT && makeFolders(path)) folder = openFolder(path.c_str());
-    return folder;
-}
-
-/** Waits until the names in a folder have reached the storage device. */
-[[nodiscard]] bool syncFolder(const Descriptor& folder) {
-    if (uninterrupted([&] { return ::fsync(folder.get()); }) == 0) return true;
+/** Waits until the names in a directory have reached the storage device. */
+[[nodiscard]] bool syncDirectory(const Descriptor& directory) {
+    if (uninterrupted([&] { return ::fsync(directory.get()); }) == 0) return true;
     return errno == EINVAL || errno == EROFS;  // it cannot be waited for there, or nothing can have changed
 }
 
 /**
- * Makes the names of a folder and of all folders above it durable, up to where its file system begins: nobody
- * knows which of them a save that was killed has left new.
+ * Makes the names of a directory and of all above it durable, up to the root of its file system: a killed save
+ * may have left any of them new.
  */
-[[nodiscard]] bool syncFoldersAbove(const Descriptor& folder) {
+[[nodiscard]] bool syncDirectoriesAbove(const Descriptor& directory) {
     struct stat below {};
-    if (::fstat(folder.get(), &below) != 0) return false;
+    if (::fstat(directory.get(), &below) != 0) return false;
     Descriptor current;
-    for (int number = folder.get();; number = current.get()) {
-        Descriptor above = openFolder("..", number);
+    for (int number = directory.get();; number = current.get()) {
+        Descriptor above = openDirectory("..", number);
         if (!above && errno == EACCES) {
-            ::sync();  // a folder that others keep closed can only be waited for together with all else
+            ::sync();  // a directory that this process may not open can only be synced with everything else
             return true;
         }
         struct stat status {};
         if (!above || ::fstat(above.get(), &status) != 0) return false;
         const bool isTop = status.st_dev != below.st_dev || status.st_ino == below.st_ino;
         if (isTop) return true;
-        if (!syncFolder(above)) return false;
+        if (!syncDirectory(above)) return false;
         below = status;
         current = std::move(above);
     }
-}
-
-[[nodiscard]] bool read(const std::string& path, std::string& text, FileAccess& access) {
-    File file;
-    if (!file.Initialize(path, FILE_OPEN_MODE_READ_NOFOLLOW) || !file.ReadStringAll(text)) return false;
-    access = file.Access();
-    return true;
-}
-
-[[nodiscard]] bool writeDurably(const std::string& path, const std::string& text, const FileAccess& access) {
-    File file;
-    return file.Initialize(path, FILE_OPEN_MODE_TRUNCATE) && file.WriteString(text) &&
-           file.SetAccess(access) && file.Sync() && file.Close();
 }
 
 /** Waits for a lock; false with errno set. */
@@ -119,34 +97,38 @@ bool saveToFlashRaw(bool /*reserved*/) {
     InterProcessMutex lock(flashLock, true);
     std::string text;
     FileAccess access;
-    if (!acquire(lock) || !read(devicePath(configurationPath), text, access)) return false;
-
-    const Descriptor folder = openOrMakeFolder(flashDirectory());
-    if (!folder || !syncFoldersAbove(folder)) return false;
+    if (!acquire(lock) ||
+        !File::ReadStringAll(devicePath(configurationPath), text, FILE_OPEN_MODE_READ_NOFOLLOW, &access))
+        return false;
+    const std::string path = flashDirectory();
+    if (!makeDirectories(path)) return false;
+    const Descriptor directory = openDirectory(path.c_str());
     uid_t owner = 0;
     gid_t group = 0;
-    if (!storeOwner(owner, group)) return false;
+    if (!directory || !syncDirectoriesAbove(directory) || !storeOwner(owner, group)) return false;
     if (access.owner != 0) access.owner = owner;
 
     const std::string copy = flashCopyPath();
     // One name for all, so that power cuts cannot fill the flash.
     const std::string temporary = copy + ".tmp";
-    if (!writeDurably(temporary, text, access) || !renameUnder(lock, temporary, copy)) {
-        // Without the lock, somebody else may be writing the file of that name by now.
-        keepingErrno([&] {
-            if (lock.held()) (void)::unlink(temporary.c_str());
-        });
-        return false;
-    }
-    return syncFolder(folder);
+    File file;
+    const bool isWritten = file.Initialize(temporary, FILE_OPEN_MODE_TRUNCATE) && file.WriteString(text) &&
+                           file.SetAccess(access) && file.Sync() && file.Close();
+    if (isWritten && renameUnder(lock, temporary, copy)) return syncDirectory(directory);
+    // Without the lock, the file of that name may be another process's by now.
+    keepingErrno([&] {
+        if (lock.held()) (void)::unlink(temporary.c_str());
+    });
+    return false;
 }
 
 bool loadFromFlashRaw(std::string& text) {
-    FileAccess access;
-    return loadFromFlashRaw(text, access);
+    return File::ReadStringAll(flashCopyPath(), text, FILE_OPEN_MODE_READ_NOFOLLOW);
 }
 
-bool loadFromFlashRaw(std::string& text, FileAccess& access) { return read(flashCopyPath(), text, access); }
+bool loadFromFlashRaw(std::string& text, FileAccess& access) {
+    return File::ReadStringAll(flashCopyPath(), text, FILE_OPEN_MODE_READ_NOFOLLOW, &access);
+}
 
 bool storeOwner(uid_t& owner, gid_t& group) {
     struct stat status {};  // of root's, unless told otherwise
@@ -160,13 +142,12 @@ bool storeOwner(uid_t& owner, gid_t& group) {
 bool setFlashCopyAside() {
     InterProcessMutex lock(flashLock, true);
     if (!acquire(lock)) return false;
-    const Descriptor folder = openFolder(flashDirectory().c_str());
-    return folder && renameUnder(lock, flashCopyPath(), damagedCopyPath()) && syncFolder(folder);
+    const Descriptor directory = openDirectory(flashDirectory().c_str());
+    return directory && renameUnder(lock, flashCopyPath(), damagedCopyPath()) && syncDirectory(directory);
 }
 
 bool loadDamagedFlashCopy(std::string& text) {
-    FileAccess access;
-    return read(damagedCopyPath(), text, access);
+    return File::ReadStringAll(damagedCopyPath(), text, FILE_OPEN_MODE_READ_NOFOLLOW);
 }
 
 }  // namespace korvo::utils

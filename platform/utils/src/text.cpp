@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <limits>
 #include <new>
 #include <string_view>
+#include <utility>
 
 namespace korvo::utils {
 namespace {
@@ -27,11 +27,11 @@ void split(const std::string& text, const std::string& separator, std::vector<st
     while (!separator.empty()) {
         const std::size_t end = text.find(separator, begin);
         if (end == std::string::npos) break;
-        found.emplace_back(text, begin, end - begin);
+        found.push_back(text.substr(begin, end - begin));
         begin = end + separator.size();
     }
-    found.emplace_back(text, begin);
-    pieces.insert(pieces.end(), std::make_move_iterator(found.begin()), std::make_move_iterator(found.end()));
+    found.push_back(text.substr(begin));
+    for (std::string& piece : found) pieces.push_back(std::move(piece));
 }
 
 void trim(std::string& text) {

@@ -67,8 +67,15 @@ class KORVO_UTILS_EXPORT File {
      */
     [[nodiscard]] bool ReadStringAll(std::string& text);
 
-    /** Reads the whole file at @p path into @p text. On failure @p text is left as it was. */
-    [[nodiscard]] static bool ReadStringAll(const std::string& path, std::string& text);
+    /**
+     * Reads the whole file at @p path.
+     * @param text      receives the content; left as it was on failure
+     * @param openMode  one of the two for reading
+     * @param access    if not null, receives the access of the very file that was read
+     */
+    [[nodiscard]] static bool ReadStringAll(const std::string& path, std::string& text,
+                                            FILE_OPEN_MODE openMode = FILE_OPEN_MODE_READ,
+                                            FileAccess* access = nullptr);
 
     /** Writes all of @p text at the current position. After a failure part of it may have been written. */
     [[nodiscard]] bool WriteString(const std::string& text);
