@@ -5,14 +5,13 @@
 namespace korvo::utils {
 namespace {
 
-// A pointer, which is there before any other static object and outlives them all.
+// A pointer: it exists before any other static object, and outlives them all.
 const std::string* deviceRoot = nullptr;
 
 }  // namespace
 
-void setDeviceRoot(const std::string& folder) {
-    std::string root = folder;
-    while (!root.empty() && root.back() == '/') root.pop_back();
+void setDeviceRoot(const std::string& directory) {
+    const std::string root = directory.substr(0, directory.find_last_not_of("/") + 1);
     delete std::exchange(deviceRoot, root.empty() ? nullptr : new std::string(root));
 }
 

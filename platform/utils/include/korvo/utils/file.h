@@ -18,7 +18,7 @@ enum FILE_OPEN_MODE {
     FILE_OPEN_MODE_READ = 0,
     /** The same, but refuses a symbolic link (ELOOP) and a file with a second name (EMLINK). */
     FILE_OPEN_MODE_READ_NOFOLLOW = 1,
-    /** A new and empty file of mode 0600, for writing, in place of what there was. */
+    /** A new, empty file of mode 0600, for writing, in place of what has the name. */
     FILE_OPEN_MODE_TRUNCATE = 2
 };
 
@@ -30,16 +30,15 @@ struct FileAccess {
 };
 
 /**
- * One open file.
+ * One open file, for one thread at a time.
  *
- * An object owns its descriptor, which no program started later inherits, and closes it when destroyed. The
- * descriptor never keeps the number of a standard stream, also where the host has closed some, so that
- * nothing the host prints gets into the file; only a child forked while the file is being opened may print
- * there. Reads and writes that are interrupted or come short are carried on. No operation is a cancellation
- * point. Failures are reported as false, with errno set. An object must not be used by two threads at once.
+ * An object owns its descriptor, which is close-on-exec, and closes it when destroyed. The descriptor never keeps
+ * the number of a standard stream, even if the host has closed some, so nothing the host prints gets into the
+ * file; only a child forked while the file is being opened may print there. Interrupted and short reads and
+ * writes continue. No operation is a cancellation point. A failure is false, with errno set.
  *
- * What the system does to a process that writes is the host's to decide: a file that outgrows RLIMIT_FSIZE
- * raises SIGXFSZ, which ends the process unless it is ignored; then the write fails.
+ * Signals are the host's affair: a file that outgrows RLIMIT_FSIZE raises SIGXFSZ, which ends the process unless
+ * it is ignored; then the write fails.
  */
 class KORVO_UTILS_EXPORT File {
   public:
@@ -51,13 +50,13 @@ class KORVO_UTILS_EXPORT File {
     /**
      * Opens @p path, after closing what was open.
      *
-     * For reading it must be a regular file; anything else is refused at once, a directory with EISDIR, the
-     * rest (pipes, devices) with ENOTSUP.
+     * For reading it must be a regular file; anything else is refused at once, a directory with EISDIR, the rest
+     * (pipes, devices) with ENOTSUP.
      *
-     * For writing, what has the name is removed and a new file made, so that a name that can be guessed in a
-     * folder open to all is safe to write: a link that somebody planted there is not followed, and a file
-     * that somebody still has open is not written to. What cannot be removed (a folder, or another user's
-     * file in a sticky folder) is refused and left alone. The mode is 0600 whatever the umask.
+     * For writing, what has the name is removed and a new file created, of mode 0600 whatever the umask. So a
+     * guessable name in a world-writable directory is safe: a planted link is not followed, and a file that
+     * somebody has open is not written to. What cannot be removed (a directory, or another user's file in a
+     * sticky directory) is refused and left alone.
      */
     [[nodiscard]] bool Initialize(const std::string& path, FILE_OPEN_MODE openMode);
 
@@ -77,31 +76,29 @@ class KORVO_UTILS_EXPORT File {
                                             FILE_OPEN_MODE openMode = FILE_OPEN_MODE_READ,
                                             FileAccess* access = nullptr);
 
-    /** Writes all of @p text at the current position. After a failure part of it may have been written. */
+    /** Writes all of @p text at the current position. A failure may leave part of it written. */
     [[nodiscard]] bool WriteString(const std::string& text);
 
-    /** Who may access the file that was opened last: as it was then, or as SetAccess() left it. */
+    /** Who may access the file opened last: as of then, or as SetAccess() left it. */
     FileAccess Access() const { return access; }
 
     /**
-     * Gives the open file @p wanted: the permission bits, the group where the process may, and the owner where
-     * the process may. Where the group is refused, the group that the file has instead gets no more access
-     * than @p wanted gives to everybody. For a file opened for writing. Works on the open file, so no link
-     * planted at its name is followed.
-     * @return false when the permission bits cannot be set
+     * Gives a file open for writing the permission bits of @p wanted, and its owner and group where the process
+     * may. Where the group is refused, the file's group gets no more access than @p wanted gives to everybody.
+     * @return false if the permission bits cannot be set
      */
     [[nodiscard]] bool SetAccess(const FileAccess& wanted);
 
     /**
-     * SetAccess() of the file at @p path. Does nothing when that is missing, or is anything other than a
-     * regular file with one name: a link could lend the access of any file.
+     * SetAccess() as the file at @p path has it. Does nothing if that is missing or anything but a regular file
+     * with one name: a link could lend the access of any file.
      */
     [[nodiscard]] bool CopyAccess(const std::string& path);
 
-    /** Waits until everything written has reached the storage device. The file's name is not part of that. */
+    /** Waits until everything written has reached the storage device; that excludes the file's name. */
     [[nodiscard]] bool Sync();
 
-    /** Closes the file. False when the system reports only now that something written was lost. */
+    /** Closes the file. False if the system reports only now that something written was lost. */
     [[nodiscard]] bool Close();
 
   private:

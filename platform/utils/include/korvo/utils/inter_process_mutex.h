@@ -13,38 +13,35 @@ struct NamedLock;
 }
 
 /**
- * One claim on a named lock; all objects made with the same name, in whatever process, contend for it.
+ * One claim on a named lock. All objects of one name contend for it, in whatever process they are.
  *
- * The lock is a record lock on the file "/tmp/<name>.lock", which is made with mode 0600 when it is missing
- * and never removed. The kernel gives the lock back when the process that holds it ends, however it ends. A
- * child made by fork holds nothing, whatever its parent held, and cannot give back what the parent holds; a
- * program started with exec holds nothing.
+ * The lock is a record lock on the file "/tmp/<name>.lock", which is created with mode 0600 and never removed.
+ * The kernel releases it when the process that holds it ends, however it ends. A forked child and a program
+ * started with exec hold nothing, and cannot release what the parent holds.
  *
- * Root and the store's owner (storeOwner() of flash.h) exclude one another, whoever comes first. The lock file
- * must be a regular file with one name, without access for group and others, and owned by root, by the caller
- * or, for root, by the store's owner, so that nobody else can hold it. Root gives an empty lock file of its own
- * to the store's owner, who tries again for a second where he meets one that root has not given yet; he is
- * locked out where root cannot give it, or was killed in that moment, until root's next use. Root replaces what
- * is no such file, its own that is not empty, and a directory only when it is empty; for everyone else
- * acquire() fails. All other users of one lock run as one user.
+ * Root and the store's owner (storeOwner() of flash.h) exclude one another, whoever comes first; all other
+ * users of one lock must run as one user. A lock file is a regular file with one name, without access for group
+ * and others, and owned by root, by the caller or, for root, by the store's owner, so nobody else can hold it.
+ * Root gives its own empty lock file to the store's owner. An owner who comes before that retries for a second;
+ * where root cannot give it, or was killed just then, it fails until root's next use. Root replaces any other
+ * file, its own with content, and an empty directory; for everyone else acquire() fails.
  *
- * Not defended: where fs.protected_hardlinks is 0, whoever may write to "/tmp" can give the lock file a second
- * name, and so end the holder's exclusion, which held() then tells.
+ * The lock is lost when somebody removes, moves or replaces the lock file, or when the host closes the library's
+ * descriptor of it, as daemons do. held() reports this; a waiter or the next acquire() opens the file anew, and
+ * the number of the closed descriptor is left alone.
  *
- * The lock is lost when somebody removes the lock file, or when the host closes the library's descriptor of
- * it, as daemons do that close all they have. held() tells; a waiter or a later acquire() opens the file
- * anew, and a descriptor that is no longer the library's is left alone. One thing nobody can notice: when the
- * host opens and closes the lock file by itself, the rules of record locks give the lock back.
+ * Two things go beyond it. A host that opens and closes the lock file itself releases the lock, unnoticed: such
+ * are the rules of record locks. And where fs.protected_hardlinks is 0, whoever may write to "/tmp" can give the
+ * lock file a second name, and have root replace it.
  *
- * Threads: all operations may be called from any thread. A lock belongs to the object that acquired it, not
- * to the thread: another thread may release it. Threads that wait for one name get it in the order in which
- * they came. Objects of one name share one open file, which closes with the last of them. No operation is a
- * cancellation point: a thread that is cancelled while it waits ends once it has the lock, at the next
- * cancellation point of the host. A signal handler must not call fork(): it waits forever for what the thread
- * that it interrupted holds here.
+ * Threads: call all operations from any thread. The lock belongs to the object that acquired it, not to the
+ * thread, so another thread may release it. Threads waiting for one name get it in order of arrival. Objects of
+ * one name share an open file, which closes at the latest with the last of them. No operation is a cancellation
+ * point: a thread cancelled while it waits ends once it has the lock. A signal handler must not call fork():
+ * it may wait forever for the thread that it interrupted.
  *
- * Results are 0 or an errno value. Nothing is thrown but std::bad_alloc, by the constructor and, for root, by
- * acquire() and holder().
+ * Results are 0 or an errno value. The constructor and, for root, acquire() and holder() may throw
+ * std::bad_alloc; nothing else is thrown.
  */
 class KORVO_UTILS_EXPORT InterProcessMutex {
   public:
@@ -57,49 +54,46 @@ class KORVO_UTILS_EXPORT InterProcessMutex {
     InterProcessMutex(const InterProcessMutex&) = delete;
     InterProcessMutex& operator=(const InterProcessMutex&) = delete;
 
-    /** Gives the lock back when this object holds it. No thread may be inside a call on this object. */
+    /** Releases the lock if this object holds it. No thread may be inside a call on this object. */
     ~InterProcessMutex();
 
     /**
-     * Waits, through signals too and without a time limit, until the lock is held. Two names that two threads
-     * or processes take in opposite order make them wait for one another forever, as with any lock.
-     * @return 0; EDEADLK when waiting could not end because the calling thread acquired this name before,
-     *         through this or another object, and has not released it; EINVAL for a refused name; EPERM when
-     *         something other than a lock file as described above has its name; EACCES when root has kept it;
-     *         for root, why the store's owner cannot be told; else why the file cannot be opened or locked
+     * Waits for the lock, through signals and without a time limit. Two threads or processes that take two names
+     * in opposite order wait for one another forever, as with any lock.
+     * @return 0; EDEADLK if the calling thread has acquired this name, through this or another object, and it
+     *         has not been released; EINVAL for a refused name; EPERM if something other than a lock file has
+     *         its name; EACCES if root has kept it; for root, why the store's owner is unknown; else why the file
+     *         cannot be opened or locked
      */
     [[nodiscard]] int acquire();
 
     /**
-     * Gives the lock back.
-     * @return 0, also for a lock on a file that has been removed meanwhile; EPERM when this object does not
-     *         hold the lock in this process, when held() has told that it is lost, or when the host has
-     *         closed the descriptor; EINVAL for a refused name; else why the kernel refused, and the lock is
-     *         still held
+     * Releases the lock.
+     * @return 0, even if the lock file has been removed; EPERM if this object does not hold the lock in this
+     *         process, held() has reported the loss, or the host has closed the descriptor; EINVAL for a refused
+     *         name; else why the kernel refused, and the lock is still held
      */
     [[nodiscard]] int release();
 
     /**
-     * Whether this object has acquired the lock in this process and not released it; false in a child made by
-     * fork. Does not look at the file, so that it is cheap and does not notice that the lock is lost.
+     * Whether this object has acquired the lock in this process, and not released it; false in a forked child.
+     * Cheap: it does not look at the file, so it does not notice a lost lock.
      */
     [[nodiscard]] bool acquired() const;
 
     /**
-     * Whether this object still holds the lock in this process, and nobody has removed, moved or replaced the
-     * file. Ask it right before anything that must not happen without the lock; it takes two system calls. A
-     * lock that is lost stays lost.
+     * Whether this object still holds the lock in this process, and the file still has its name. Ask right
+     * before anything that must not happen without the lock; it takes two system calls. A lost lock stays lost.
      */
     [[nodiscard]] bool held() const;
 
     /**
-     * The process that holds the lock, when it is another one; -1 when the holder has no process id, because
-     * another program holds it by an open file description lock; 0 when there is none, when it is in another
-     * pid namespace, or when the file cannot be opened. May be asked while another thread waits in acquire(),
-     * to tell an operator what he waits for.
+     * The other process that holds the lock, for messages to an operator, even while a thread waits in
+     * acquire(). 0 if there is none, it is in another pid namespace, or the file cannot be opened; -1 for an
+     * open file description lock of another program, which has no process id.
      */
     pid_t holder() const;
 
   private:
-    korvo::utils::NamedLock* lock;  ///< what all objects of the name have in common; null for a refused name
+    korvo::utils::NamedLock* lock;  ///< shared by all objects of the name; null for a refused name
 };
