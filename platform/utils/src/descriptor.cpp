@@ -2,8 +2,8 @@
 
 namespace korvo::utils {
 
-int openFile(const char* path, int flags, mode_t mode, int folder) {
-    const int opened = uninterrupted([&] { return ::openat(folder, path, flags | O_CLOEXEC, mode); });
+int openFile(const char* path, int flags, mode_t mode, int directory) {
+    const int opened = uninterrupted([&] { return ::openat(directory, path, flags | O_CLOEXEC, mode); });
     if (opened < 0 || opened > STDERR_FILENO) return opened;
 
     Descriptor moved(::fcntl(opened, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
@@ -15,7 +15,7 @@ int openFile(const char* path, int flags, mode_t mode, int folder) {
         (void)::lseek(moved.get(), 0, SEEK_SET);
         if (!isNew || uninterrupted([&] { return ::ftruncate(moved.get(), 0); }) == 0) return moved.release();
     }
-    if (isNew) keepingErrno([&] { (void)::unlinkat(folder, path, 0); });
+    if (isNew) keepingErrno([&] { (void)::unlinkat(directory, path, 0); });
     return -1;
 }
 

@@ -11,10 +11,7 @@
 
 namespace korvo::utils {
 
-/**
- * While one exists, its thread cannot be cancelled. No function of this library is a cancellation point, so
- * that none leaves a lock, a descriptor or a file behind half done: what may wait does so under one of these.
- */
+/** While one exists, its thread cannot be cancelled: a cancelled one would leave locks, descriptors and files. */
 class CancellationShield {
   public:
     CancellationShield() { (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before); }
@@ -26,7 +23,7 @@ class CancellationShield {
     int before = PTHREAD_CANCEL_ENABLE;
 };
 
-/** Repeats a system call for as long as a signal interrupts it. */
+/** Repeats a system call while signals interrupt it. */
 template <class Call>
 auto uninterrupted(Call call) noexcept {
     const CancellationShield shield;
@@ -35,16 +32,13 @@ auto uninterrupted(Call call) noexcept {
     return result;
 }
 
-/**
- * close(2), which is not repeated after a signal: the descriptor is gone either way, and another thread may
- * have its number by then. False when the system reports only now that something written was lost.
- */
+/** close(2), not repeated after a signal: the descriptor is gone, and another thread may have its number. */
 [[nodiscard]] inline bool closeFile(int descriptor) {
     const CancellationShield shield;
     return ::close(descriptor) == 0 || errno == EINTR;
 }
 
-/** Does what is to be done on the way out of a failure, and keeps errno. */
+/** Cleans up after a failure, and keeps its errno. */
 template <class CleanUp>
 void keepingErrno(CleanUp cleanUp) {
     const int error = errno;
@@ -53,14 +47,12 @@ void keepingErrno(CleanUp cleanUp) {
 }
 
 /**
- * openat(2) through signals, close-on-exec, and never with the number of a standard stream; -1 with errno
- * set.
+ * openat(2) through signals, close-on-exec, and never with the number of a standard stream; -1 with errno set.
  *
- * In a host that has closed one, the file has its number for a moment, and what the host prints goes into the
- * file. A new file (O_EXCL) is empty again when this returns. An existing one is not emptied, because it may
- * be anybody's: the caller decides once it knows the file.
+ * In a host that has closed one, the file has its number for a moment, and receives what the host prints. This
+ * empties a new file (O_EXCL) again, but no other, which may be anybody's: the caller does, once it knows it.
  */
-[[nodiscard]] int openFile(const char* path, int flags, mode_t mode = 0, int folder = AT_FDCWD);
+[[nodiscard]] int openFile(const char* path, int flags, mode_t mode = 0, int directory = AT_FDCWD);
 
 /** Owns an open descriptor, or none. */
 class Descriptor {

@@ -63,15 +63,14 @@ File::~File() {
 
 bool File::Initialize(const std::string& path, FILE_OPEN_MODE openMode) {
     (void)Close();
-    const bool isForReading = openMode == FILE_OPEN_MODE_READ || openMode == FILE_OPEN_MODE_READ_NOFOLLOW;
-    const bool knownMode = isForReading || openMode == FILE_OPEN_MODE_TRUNCATE;
-    if (!knownMode || path.find('\0') != std::string::npos) {
+    if (path.find('\0') != std::string::npos) {
         errno = EINVAL;
         return false;
     }
     struct stat status {};
-    descriptor = isForReading ? openForReading(path.c_str(), openMode == FILE_OPEN_MODE_READ, status)
-                              : openForWriting(path.c_str(), status);
+    descriptor = openMode == FILE_OPEN_MODE_TRUNCATE
+                     ? openForWriting(path.c_str(), status)
+                     : openForReading(path.c_str(), openMode == FILE_OPEN_MODE_READ, status);
     if (descriptor < 0) return false;
     access = accessOf(status);
     return true;
@@ -82,26 +81,26 @@ bool File::ReadStringAll(std::string& text) {
     if (::fstat(descriptor, &status) != 0) return false;
     std::string content;
     std::size_t length = 0;
-    for (off_t expected = status.st_size > 0 ? status.st_size : 4095;; expected *= 2) {
-        // A 32-bit device has files larger than any text.
-        if (expected >= static_cast<off_t>(content.max_size() / 2)) {
-            errno = EFBIG;
-            return false;
-        }
-        // One byte more, so that the end is seen without growing the buffer.
-        content.resize(static_cast<std::size_t>(expected) + 1);
-        while (length < content.size()) {
-            const ssize_t got =
-                uninterrupted([&] { return ::read(descriptor, &content[length], content.size() - length); });
-            if (got < 0) return false;
-            if (got == 0) {
-                content.resize(length);
-                text = std::move(content);
-                return true;
+    ssize_t got = 0;
+    off_t expected = status.st_size > 0 ? status.st_size : 4095;
+    do {
+        if (length == content.size()) {
+            // A 32-bit device has files larger than any text.
+            if (expected >= static_cast<off_t>(content.max_size() / 2)) {
+                errno = EFBIG;
+                return false;
             }
-            length += static_cast<std::size_t>(got);
+            // One byte more, so that the end is seen without growing again.
+            content.resize(static_cast<std::size_t>(expected) + 1);
+            expected *= 2;
         }
-    }
+        got = uninterrupted([&] { return ::read(descriptor, &content[length], content.size() - length); });
+        if (got < 0) return false;
+        length += static_cast<std::size_t>(got);
+    } while (got > 0);
+    content.resize(length);
+    text = std::move(content);
+    return true;
 }
 
 bool File::ReadStringAll(const std::string& path, std::string& text, FILE_OPEN_MODE openMode,

@@ -23,16 +23,10 @@
 #include "korvo/utils/device_root.h"
 #include "korvo/utils/flash.h"
 
+namespace korvo::utils {
 namespace {
 
-using korvo::utils::CancellationShield;
-using korvo::utils::closeFile;
-using korvo::utils::Descriptor;
-using korvo::utils::openFile;
-using korvo::utils::uninterrupted;
-
 constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
-
 constexpr long millisecond = 1000000;
 
 void sleepFor(long nanoseconds) {
@@ -44,7 +38,7 @@ void sleepFor(long nanoseconds) {
 int findOwner(uid_t& owner) {
     owner = ::geteuid();
     gid_t group = 0;
-    return owner != 0 || korvo::utils::storeOwner(owner, group) ? 0 : errno;
+    return owner != 0 || storeOwner(owner, group) ? 0 : errno;
 }
 
 /** Whether only root and @p owner can lock the file, or ever reach it by another name. */
@@ -55,38 +49,28 @@ bool isTrusted(const struct stat& status, uid_t owner) {
            (isRoots || status.st_uid == owner);
 }
 
-/** The open file's descriptor if the file is trusted; else -1 with errno set. */
-int releaseTrusted(Descriptor& file, uid_t owner) {
-    struct stat status {};
+/** Opens the lock file, or creates it; -1 with errno set, EPERM if it is not trusted. */
+int openTrusted(const char* path, uid_t owner, bool create, struct stat& status) {
+    // O_CREAT only if it is missing: in a world-writable directory the kernel refuses that for another user's file.
+    Descriptor file(
+        openFile(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK | (create ? O_CREAT | O_EXCL : 0), ownerOnly));
+    if (!file) {
+        const int error = errno;
+        // A link, a directory, a socket and another user's file cannot be opened to be judged.
+        const bool isRefused = error != ENOENT && ::lstat(path, &status) == 0 && !isTrusted(status, owner);
+        errno = isRefused ? EPERM : error;
+        return -1;
+    }
+    // The umask may have taken away even what the owner needs.
+    if (create && ::fchmod(file.get(), ownerOnly) != 0) return -1;
     if (::fstat(file.get(), &status) != 0) return -1;
     if (!isTrusted(status, owner)) {
-        errno = status.st_nlink == 0 ? EEXIST : EPERM;  // EEXIST: it was removed meanwhile; try again
+        errno = status.st_nlink == 0 ? EEXIST : EPERM;  // EEXIST: another process has just removed it
         return -1;
     }
     // A host with closed standard streams may have printed into it while it was opened.
     if (status.st_size > 0) (void)uninterrupted([&] { return ::ftruncate(file.get(), 0); });
     return file.release();
-}
-
-/** Makes a lock file; -1 with errno set. */
-int createLockFile(const char* path, uid_t owner) {
-    Descriptor file(openFile(path, O_RDWR | O_CREAT | O_EXCL, ownerOnly));
-    // The umask may have taken away even what the owner needs.
-    if (!file || ::fchmod(file.get(), ownerOnly) != 0) return -1;
-    return releaseTrusted(file, owner);
-}
-
-/** Opens a lock file that exists; -1 with errno set, EPERM if it is not trusted. */
-int openTrusted(const char* path, uid_t owner) {
-    // Without O_CREAT: in a directory open to all the kernel refuses that for another user's file.
-    Descriptor file(openFile(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK));
-    if (file) return releaseTrusted(file, owner);
-    const int error = errno;
-    struct stat status {};
-    // A link, a directory, a socket and another user's file cannot be opened to be judged.
-    const bool isRefused = error != ENOENT && ::lstat(path, &status) == 0 && !isTrusted(status, owner);
-    errno = isRefused ? EPERM : error;
-    return -1;
 }
 
 /** Removes what stands where the lock file belongs; false if this process may not. */
@@ -102,15 +86,15 @@ int openTrusted(const char* path, uid_t owner) {
     return ::unlink(path) == 0 || ::rmdir(path) == 0 || errno == ENOENT;
 }
 
-/** Opens the lock file, or makes it; -1 with errno set. */
-int openOrMake(const char* path, uid_t owner) {
+/** Opens the lock file, or creates it, whatever stands in its place; -1 with errno set. */
+int openOrCreate(const char* path, uid_t owner, struct stat& status) {
     // Another user may put something there again; retry, since he cannot win every race.
     for (int attempt = 0; attempt < 1000; ++attempt) {
-        int descriptor = openTrusted(path, owner);
-        if (descriptor < 0 && errno == ENOENT) descriptor = createLockFile(path, owner);
+        int descriptor = openTrusted(path, owner, false, status);
+        if (descriptor < 0 && errno == ENOENT) descriptor = openTrusted(path, owner, true, status);
         if (descriptor >= 0) return descriptor;
         const int error = errno;
-        // EEXIST: another process has made or removed it between two calls.
+        // EEXIST: another process has created or removed it between two calls.
         if (error == EEXIST || clearTheWay(path, owner, error)) continue;
         errno = error;
         return -1;
@@ -127,16 +111,16 @@ class LockFile {
     LockFile& operator=(const LockFile&) = delete;
     ~LockFile() { close(); }
 
-    const std::string& name() const { return path; }
+    const std::string path;
 
     /** Opens the file, unless it is open already; 0 or an errno value. */
-    int open(uid_t owner, bool mayMake) {
+    int open(uid_t owner, bool mayCreate) {
         if (check() == 0) return 0;
         close();
-        Descriptor opened(mayMake ? openOrMake(path.c_str(), owner) : openTrusted(path.c_str(), owner));
         struct stat status {};
-        if (!opened || ::fstat(opened.get(), &status) != 0) return errno;
-        descriptor = opened.release();
+        descriptor = mayCreate ? openOrCreate(path.c_str(), owner, status)
+                               : openTrusted(path.c_str(), owner, false, status);
+        if (descriptor < 0) return errno;
         device = status.st_dev;
         inode = status.st_ino;
         return 0;
@@ -213,15 +197,12 @@ class LockFile {
         return request;
     }
 
-    const std::string path;
     int descriptor = -1;
     dev_t device = 0;
     ino_t inode = 0;
 };
 
 }  // namespace
-
-namespace korvo::utils {
 
 /** What all objects of one name have in common. */
 struct NamedLock {
@@ -256,9 +237,6 @@ struct NamedLock {
             if (error != ESTALE && error != EBADF) return error;
         }
     }
-
-    /** Whether any thread holds the lock or waits for it. */
-    bool isUsed() const { return servedTicket != nextTicket; }
 
     void endTurn() {
         holder = nullptr;
@@ -305,22 +283,22 @@ const int forkHandlers =
 /** Where the list has the pointer to the lock of that path, or a null one at its end. */
 NamedLock** find(const std::string& path) {
     NamedLock** place = &firstLock;
-    while (*place != nullptr && (*place)->file.name() != path) place = &(*place)->next;
+    while (*place != nullptr && (*place)->file.path != path) place = &(*place)->next;
     return place;
 }
 
 }  // namespace
 }  // namespace korvo::utils
 
-using korvo::utils::tableMutex;
+using namespace korvo::utils;
 
 InterProcessMutex::InterProcessMutex(const char* name, bool /*reserved*/) : lock(nullptr) {
     if (name == nullptr || *name == '\0' || std::strchr(name, '/') != nullptr) return;
-    const std::string path = korvo::utils::devicePath((std::string("/tmp/") + name + ".lock").c_str());
-    if (korvo::utils::forkHandlers != 0) throw std::bad_alloc();
+    const std::string path = devicePath((std::string("/tmp/") + name + ".lock").c_str());
+    if (forkHandlers != 0) throw std::bad_alloc();
     const std::lock_guard<std::mutex> guard(tableMutex);
-    korvo::utils::NamedLock*& found = *korvo::utils::find(path);
-    if (found == nullptr) found = new korvo::utils::NamedLock(path);
+    NamedLock*& found = *find(path);
+    if (found == nullptr) found = new NamedLock(path);
     lock = found;
     ++lock->users;
 }
@@ -333,7 +311,7 @@ InterProcessMutex::~InterProcessMutex() {
         lock->endTurn();
     }
     if (--lock->users > 0) return;
-    *korvo::utils::find(lock->file.name()) = lock->next;
+    *find(lock->file.path) = lock->next;
     delete lock;
 }
 
@@ -344,7 +322,7 @@ int InterProcessMutex::acquire() {
     int error = findOwner(owner);  // before there is a turn, since it may throw
     if (error != 0) return error;
     std::unique_lock<std::mutex> guard(tableMutex);
-    const unsigned long long thread = korvo::utils::callingThread();
+    const unsigned long long thread = callingThread();
     if (lock->holder != nullptr && lock->thread == thread) return EDEADLK;
     const unsigned ticket = lock->nextTicket++;
     lock->turn.wait(guard, [&] { return lock->servedTicket == ticket; });
@@ -390,6 +368,7 @@ pid_t InterProcessMutex::holder() const {
     if (lock == nullptr || findOwner(owner) != 0) return 0;
     const std::lock_guard<std::mutex> guard(tableMutex);
     // Asking neither closes the file of a thread that holds or awaits the lock, nor brings a lost lock back.
-    const bool isKnown = lock->isUsed() ? lock->file.isOpen() : lock->file.open(owner, false) == 0;
-    return isKnown ? lock->file.holder() : 0;
+    const bool isUsed = lock->servedTicket != lock->nextTicket;
+    const bool isOpen = isUsed ? lock->file.isOpen() : lock->file.open(owner, false) == 0;
+    return isOpen ? lock->file.holder() : 0;
 }
