@@ -94,9 +94,11 @@ bool File::ReadStringAll(std::string& text) {
     text = (all << content->rdbuf(), all.str());
     return content->good();
 }
-bool File::ReadStringAll(const std::string& path, std::string& text) {
+bool File::ReadStringAll(const std::string& path, std::string& text, FILE_OPEN_MODE mode,
+                         FileAccess* access) {
     File file;
-    return file.Initialize(path, FILE_OPEN_MODE_READ) && file.ReadStringAll(text);
+    if (access != nullptr) *access = file.Access();
+    return file.Initialize(path, mode) && file.ReadStringAll(text);
 }
 bool File::WriteString(const std::string& text) { return (*content << text).good(); }
 FileAccess File::Access() const { return {0, 0, 0600}; }
