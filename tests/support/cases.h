@@ -1,11 +1,14 @@
 /**
  * @file
- * Tables of cases: lines `input => expected` with C escapes; blank ones and # comments apart. A line indented
- * by four blanks goes on with the case before: on a new line, or as the expectation where only that lacks.
+ * Tables of cases: lines `input => expected` with C escapes; blank ones and # comments apart. A line indented by four
+ * blanks continues the case before: on a new line, or as the expectation if only that is missing.
  */
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <fstream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -25,29 +28,55 @@ inline std::string unescaped(const std::string& text) {
     return result;
 }
 
-/** The cases of tests/data/NAME, of which there must be some, so that no test runs empty. */
-inline std::vector<std::pair<std::string, std::string>> readCases(const std::string& name) {
-    std::vector<std::string> rows;
-    std::ifstream file(TEST_DATA "/" + name);
-    for (std::string line; std::getline(file, line);) {
-        if (line.empty() || line[0] == '#') continue;
-        if (line.compare(0, 4, "    ") != 0) {
-            rows.push_back(line);
-        } else {
-            std::string& row = rows.at(rows.size() - 1);
-            const bool endsWithArrow = row.size() > 3 && row.compare(row.size() - 3, 3, " =>") == 0;
-            row += (endsWithArrow ? ' ' : '\n') + line.substr(4);
+/** Pairs of input and expectation. While a loop is at a case, every failure names its file, line and input. */
+class Cases : public std::vector<std::pair<std::string, std::string>> {
+  public:
+    struct Iterator {
+        const Cases& cases;
+        std::size_t index;
+        std::optional<testing::ScopedTrace> trace;
+
+        bool operator!=(const Iterator& end) const { return index != end.index; }
+        void operator++() { ++index; }
+        const auto& operator*() {
+            const bool isAdded = index >= cases.lines.size();
+            trace.emplace(cases.file.c_str(), isAdded ? 0 : cases.lines[index], cases[index].first);
+            return cases[index];
         }
+    };
+
+    explicit Cases(const std::string& name) : file(TEST_DATA "/" + name) {
+        std::vector<std::string> rows;
+        std::ifstream input(file);
+        int number = 1;
+        for (std::string line; std::getline(input, line); ++number) {
+            if (line.empty() || line[0] == '#') continue;
+            if (line.compare(0, 4, "    ") != 0) {
+                rows.push_back(line);
+                lines.push_back(number);
+            } else {
+                std::string& row = rows.at(rows.size() - 1);
+                const bool endsWithArrow = row.size() > 3 && row.compare(row.size() - 3, 3, " =>") == 0;
+                row += (endsWithArrow ? ' ' : '\n') + line.substr(4);
+            }
+        }
+        for (const std::string& row : rows) {
+            const std::size_t arrow = row.find(" => ");
+            if (arrow == std::string::npos) throw std::runtime_error("no case: " + row);
+            emplace_back(unescaped(row.substr(0, arrow)), unescaped(row.substr(arrow + 4)));
+        }
+        if (empty()) throw std::runtime_error("no cases in " + name);
     }
-    std::vector<std::pair<std::string, std::string>> cases;
-    for (const std::string& row : rows) {
-        const std::size_t arrow = row.find(" => ");
-        if (arrow == std::string::npos) throw std::runtime_error("no case: " + row);
-        cases.emplace_back(unescaped(row.substr(0, arrow)), unescaped(row.substr(arrow + 4)));
-    }
-    if (cases.empty()) throw std::runtime_error("no cases in " + name);
-    return cases;
-}
+    Iterator begin() const { return {*this, 0, {}}; }
+    Iterator end() const { return {*this, size(), {}}; }
+
+  private:
+    const std::string file;
+    std::vector<int> lines;
+};
+
+/** The cases of tests/data/NAME, of which there must be some. */
+inline Cases readCases(const std::string& name) { return Cases(name); }
 
 /** The fields of an input or an expectation, which "|" separates. */
 inline std::vector<std::string> fields(const std::string& text) {

@@ -22,12 +22,12 @@ inline void becomeOtherUser(gid_t more = otherUser) {
 
 class ChildProcess {
   public:
-    /** Runs `int body(const ChildProcess& self)`, whose result is the exit status. */
+    /** Runs `int body(const ChildProcess& self)`, whose result is the exit status, for a minute at most. */
     template <class Body>
     explicit ChildProcess(Body body) {
         if (::pipe(channel) != 0 || (process = ::fork()) < 0) throw std::runtime_error("fork failed");
         if (process == 0) {
-            ::alarm(60);  // a child that hangs dies of it
+            ::alarm(60);
             ::_exit(body(*this));
         }
         ::close(channel[1]);
@@ -43,13 +43,13 @@ class ChildProcess {
     /** Sends a number to the parent. */
     void tell(int number) const { (void)!::write(channel[1], &number, sizeof number); }
 
-    /** Waits for the child's next number; -1 when it ends without one. */
+    /** Waits for the child's next number; -1 if it ends without one. */
     int hear() const {
         int number = -1;
         return ::read(channel[0], &number, sizeof number) == ssize_t{sizeof number} ? number : -1;
     }
 
-    /** Waits for the end; the exit status, or minus the signal that ended it. To be called once. */
+    /** Waits for the end, once; the exit status, or minus the signal that ended it. */
     int exitStatus() {
         int ended = 0;
         if (::waitpid(std::exchange(process, 0), &ended, 0) < 0) return -1;

@@ -1,4 +1,4 @@
-/** @file Collects what is logged while an object lives, which only one may do at a time. */
+/** @file Collects what is logged while an object lives, only one at a time. */
 #pragma once
 
 #include <string>
