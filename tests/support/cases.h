@@ -1,7 +1,7 @@
 /**
  * @file
- * Tables of cases: lines `input => expected` with C escapes; blank ones and # comments apart. A line indented by four
- * blanks continues the case before: on a new line, or as the expectation if only that is missing.
+ * Tables of cases: lines `input => expected` with C escapes; blank ones and # comments apart. A line indented
+ * by four blanks continues the case before: on a new line, or as the expectation if only that is missing.
  */
 #pragma once
 
@@ -28,7 +28,7 @@ inline std::string unescaped(const std::string& text) {
     return result;
 }
 
-/** Pairs of input and expectation. While a loop is at a case, every failure names its file, line and input. */
+/** Pairs of input and expectation. While a loop is at one, every failure names its file, line and input. */
 class Cases : public std::vector<std::pair<std::string, std::string>> {
   public:
     struct Iterator {

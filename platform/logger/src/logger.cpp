@@ -15,7 +15,7 @@ namespace {
 
 std::atomic<Sink> currentSink{standardErrorSink};
 
-/** While one exists, its thread cannot be cancelled: whoever logs a failure still has to clean up. */
+/** While one exists, its thread cannot be cancelled: a caller that logs a failure still has to clean up. */
 class CancellationShield {
   public:
     CancellationShield() { (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before); }
@@ -56,8 +56,7 @@ void standardErrorSink(const Record& record) {
         record.message,          error, "\n"};
     std::string text;
     for (const char* part : parts) text += part;
-    // One write, not a stream: lines of several threads and processes must not mix. A line that cannot be
-    // written has nowhere else to go.
+    // One write, not a stream, so lines of several threads and processes do not mix.
     (void)!::write(STDERR_FILENO, text.data(), text.size());
 }
 

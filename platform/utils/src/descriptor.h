@@ -1,4 +1,4 @@
-/** @file How this library opens files and keeps them open; not part of its interface. */
+/** @file How this library opens files and keeps them open; private. */
 #pragma once
 
 #include <fcntl.h>
@@ -11,7 +11,7 @@
 
 namespace korvo::utils {
 
-/** While one exists, its thread cannot be cancelled: a cancelled one would leave locks, descriptors and files. */
+/** While one exists, its thread cannot be cancelled, so it leaves no lock, descriptor or file behind. */
 class CancellationShield {
   public:
     CancellationShield() { (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before); }
@@ -47,10 +47,12 @@ void keepingErrno(CleanUp cleanUp) {
 }
 
 /**
- * openat(2) through signals, close-on-exec, and never with the number of a standard stream; -1 with errno set.
+ * openat(2) through signals, close-on-exec, and never with the number of a standard stream; -1 with errno
+ * set.
  *
- * In a host that has closed one, the file has its number for a moment, and receives what the host prints. This
- * empties a new file (O_EXCL) again, but no other, which may be anybody's: the caller does, once it knows it.
+ * In a host that has closed one, the file has its number for a moment, and receives what the host prints.
+ * This empties a new file (O_EXCL) again, but no other, which may be anybody's: the caller does, once it
+ * knows it.
  */
 [[nodiscard]] int openFile(const char* path, int flags, mode_t mode = 0, int directory = AT_FDCWD);
 

@@ -17,17 +17,17 @@ constexpr mode_t permissionBits = S_IRWXU | S_IRWXG | S_IRWXO;
 
 /** Opens a regular file for reading; -1 with errno set. */
 int openForReading(const char* path, bool anyLink, struct stat& status) {
-    // Without waiting for the writer of a pipe, and without becoming the session of a terminal.
+    // Without waiting for the writer of a pipe, and without acquiring a controlling terminal.
     Descriptor file(openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | (anyLink ? 0 : O_NOFOLLOW)));
     if (!file || ::fstat(file.get(), &status) != 0) return -1;
     const bool isRegular = S_ISREG(status.st_mode);
     if (isRegular && (anyLink || status.st_nlink <= 1)) return file.release();
-    // A pipe may never end, and a device may not end before the memory does.
+    // A pipe or a device may never end.
     errno = isRegular ? EMLINK : S_ISDIR(status.st_mode) ? EISDIR : ENOTSUP;
     return -1;
 }
 
-/** Makes a file that nobody else can have open, in place of what has the name; -1 with errno set. */
+/** Creates a file that nobody else has open, in place of what has the name; -1 with errno set. */
 int openForWriting(const char* path, struct stat& status) {
     // Another user may put something there again; retry, since he cannot win every race.
     for (int attempt = 0; attempt < 1000; ++attempt) {

@@ -18,7 +18,7 @@
 namespace korvo::utils {
 namespace {
 
-/** Makes a directory and what is missing of its parents. */
+/** Creates a directory and its missing parents. */
 [[nodiscard]] bool makeDirectories(const std::string& path) {
     constexpr mode_t mode = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
     for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
@@ -42,12 +42,12 @@ Descriptor openDirectory(const char* path, int above = AT_FDCWD) {
 /** Waits until the names in a directory have reached the storage device. */
 [[nodiscard]] bool syncDirectory(const Descriptor& directory) {
     if (uninterrupted([&] { return ::fsync(directory.get()); }) == 0) return true;
-    return errno == EINVAL || errno == EROFS;  // it cannot be waited for there, or nothing can have changed
+    return errno == EINVAL || errno == EROFS;  // it cannot be synced, or nothing can have changed
 }
 
 /**
- * Makes the names of a directory and of all above it durable, up to the root of its file system: a killed save
- * may have left any of them new.
+ * Makes the names of a directory and of all above it durable, up to the root of its file system: a killed
+ * save may have left any of them new.
  */
 [[nodiscard]] bool syncDirectoriesAbove(const Descriptor& directory) {
     struct stat below {};
@@ -69,7 +69,7 @@ Descriptor openDirectory(const char* path, int above = AT_FDCWD) {
     }
 }
 
-/** Waits for a lock; false with errno set. */
+/** Acquires a lock; false with errno set. */
 [[nodiscard]] bool acquire(InterProcessMutex& lock) {
     const int error = lock.acquire();
     if (error != 0) errno = error;
@@ -131,7 +131,7 @@ bool loadFromFlashRaw(std::string& text, FileAccess& access) {
 }
 
 bool storeOwner(uid_t& owner, gid_t& group) {
-    struct stat status {};  // of root's, unless told otherwise
+    struct stat status {};  // root's
     const bool isMissing = ::stat(flashDirectory().c_str(), &status) != 0;
     if (isMissing && errno != ENOENT && errno != ENOTDIR) return false;
     owner = status.st_uid;

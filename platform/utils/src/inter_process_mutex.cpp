@@ -1,6 +1,5 @@
-// Record locks belong to the process: they exclude no other thread of it, and the first close of any
-// descriptor of the file gives them back. So a process opens each lock file once, and its threads queue up
-// before they lock it.
+// Record locks belong to the process: they exclude none of its threads, and closing any descriptor of the
+// file releases them. So a process opens each lock file once, and its threads queue up before they lock it.
 
 #include "korvo/utils/inter_process_mutex.h"
 
@@ -34,7 +33,7 @@ void sleepFor(long nanoseconds) {
     (void)uninterrupted([&] { return ::nanosleep(&pause, &pause); });
 }
 
-/** Who may own a lock file beside root: the caller, for root the store's owner. 0 or an errno value. */
+/** Who may own a lock file, apart from root: the caller; for root, the store's owner. 0 or an errno value. */
 int findOwner(uid_t& owner) {
     owner = ::geteuid();
     gid_t group = 0;
@@ -51,7 +50,7 @@ bool isTrusted(const struct stat& status, uid_t owner) {
 
 /** Opens the lock file, or creates it; -1 with errno set, EPERM if it is not trusted. */
 int openTrusted(const char* path, uid_t owner, bool create, struct stat& status) {
-    // O_CREAT only if it is missing: in a world-writable directory the kernel refuses that for another user's file.
+    // Only a missing file: in a world-writable directory, O_CREAT may fail on another user's file.
     Descriptor file(
         openFile(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK | (create ? O_CREAT | O_EXCL : 0), ownerOnly));
     if (!file) {
@@ -76,7 +75,7 @@ int openTrusted(const char* path, uid_t owner, bool create, struct stat& status)
 /** Removes what stands where the lock file belongs; false if this process may not. */
 [[nodiscard]] bool clearTheWay(const char* path, uid_t owner, int error) {
     const bool isRoot = ::geteuid() == 0;
-    // Root may replace anything; an owner what it cannot open, which one killed under an odd umask left.
+    // Root may replace anything; an owner, a file of his that an odd umask has left without access.
     if (error != EACCES && !(isRoot && error == EPERM)) return false;
     struct stat status {};
     if (::lstat(path, &status) != 0) return errno == ENOENT;
@@ -103,7 +102,7 @@ int openOrCreate(const char* path, uid_t owner, struct stat& status) {
     return -1;
 }
 
-/** A lock file as this process has it open. */
+/** A lock file in this process, open or not. */
 class LockFile {
   public:
     explicit LockFile(std::string lockPath) : path(std::move(lockPath)) {}
@@ -126,7 +125,7 @@ class LockFile {
         return 0;
     }
 
-    /** Whether the descriptor is still ours: a host may have closed it, and reused its number. */
+    /** Whether the descriptor is still ours: the host may have closed it, and reused its number. */
     bool isOpen() const {
         struct stat status {};
         return descriptor >= 0 && ::fstat(descriptor, &status) == 0 && isThis(status);
@@ -143,7 +142,7 @@ class LockFile {
         return isThis(status) ? 0 : ESTALE;
     }
 
-    /** Gives an empty file of root's to the owner, if the file system and the process can. */
+    /** Gives an empty file of root's to the owner, if possible. */
     void giveTo(uid_t owner) const {
         struct stat status {};
         const bool isRoots = owner != 0 && ::fstat(descriptor, &status) == 0 && status.st_uid == 0;
@@ -155,11 +154,11 @@ class LockFile {
         struct flock request = wholeFile(F_WRLCK);
         for (long pause = millisecond;;) {
             const int error = ::fcntl(descriptor, F_SETLKW, &request) == 0 ? 0 : errno;
-            // The host may have closed the file meanwhile, and must not have its own locked.
+            // The host may have closed the file meanwhile, and opened another under its number.
             const int state = check();
             if (state != 0) return state;
             if (error == EDEADLK) {
-                // The kernel judges whole processes, as if each waited for all that its threads wait for.
+                // The kernel takes a process's locks and waits as one thread's: this is no real deadlock.
                 sleepFor(pause);
                 pause = std::min(pause * 2, 50 * millisecond);
             } else if (error != EINTR) {
@@ -181,7 +180,7 @@ class LockFile {
         return ::fcntl(descriptor, F_GETLK, &request) == 0 && request.l_type != F_UNLCK ? request.l_pid : 0;
     }
 
-    /** Closes the file, which gives the lock back. */
+    /** Closes the file, which releases the lock. */
     void close() {
         if (isOpen()) (void)closeFile(descriptor);
         descriptor = -1;
@@ -211,17 +210,17 @@ struct NamedLock {
     LockFile file;
     NamedLock* next = nullptr;                  ///< of another name
     int users = 0;                              ///< objects of this name
-    unsigned nextTicket = 0;                    ///< of the thread that comes next
+    unsigned nextTicket = 0;                    ///< for the thread that comes next
     unsigned servedTicket = 0;                  ///< of the thread whose turn it is
     const InterProcessMutex* holder = nullptr;  ///< the object that holds the lock
     unsigned long long thread = 0;              ///< that acquired it for the holder
     std::condition_variable turn;
 
-    /** Waits for the kernel's lock on the file that has the name then; 0 or an errno value. */
+    /** Locks the file, opening it anew until it still has its name when locked; 0 or an errno value. */
     int waitForFile(uid_t owner, std::unique_lock<std::mutex>& guard) {
         for (int patience = 100;;) {
             int error = file.open(owner, true);
-            if (error == EACCES && --patience >= 0) {  // root's, who is about to give it to its owner
+            if (error == EACCES && --patience >= 0) {  // root may be about to give it to its owner
                 guard.unlock();
                 sleepFor(10 * millisecond);
                 guard.lock();
@@ -248,9 +247,8 @@ struct NamedLock {
 namespace {
 
 /**
- * Guards all locks of the process and the list of them, but is not held while waiting for the kernel. Files are
- * opened with it held: a fork copies open files and memory at two moments, and would see the one without the
- * other.
+ * Guards the list of locks and what is in it; not held while waiting for the kernel. Files are opened with it
+ * held, because a fork copies descriptors and memory at two different moments.
  */
 std::mutex tableMutex;
 NamedLock* firstLock = nullptr;
@@ -258,29 +256,29 @@ NamedLock* firstLock = nullptr;
 // Objects with static lifetime may use locks after the end of main().
 static_assert(std::is_trivially_destructible_v<std::mutex>);
 
-/** A number that no other thread of this process has or had; the system's thread ids are used again. */
+/** A number that no other thread of this process has ever had; the system reuses thread ids. */
 unsigned long long callingThread() {
     static unsigned long long last = 0;
     thread_local const unsigned long long number = ++last;
     return number;
 }
 
-/** In a forked child, which has inherited neither the record locks nor the threads that wait. */
+/** In a forked child, which inherits neither record locks nor waiting threads. */
 void forgetLocks() {
     for (NamedLock* lock = firstLock; lock != nullptr; lock = lock->next) {
         lock->servedTicket = lock->nextTicket;
         lock->holder = nullptr;
-        // Made anew without being destroyed, which would wait for threads that are not there.
+        // Not destroyed first: that would wait for threads that do not exist here.
         ::new (&lock->turn) std::condition_variable;
     }
     tableMutex.unlock();
 }
 
-/** 0 or an errno value. Installed when the library is loaded, since the first use may meet a fork. */
+/** 0 or an errno value. Installed on loading: another thread may fork during the first use. */
 const int forkHandlers =
     ::pthread_atfork([] { tableMutex.lock(); }, [] { tableMutex.unlock(); }, forgetLocks);
 
-/** Where the list has the pointer to the lock of that path, or a null one at its end. */
+/** The list's pointer to the lock of that path, or the null one at its end. */
 NamedLock** find(const std::string& path) {
     NamedLock** place = &firstLock;
     while (*place != nullptr && (*place)->file.path != path) place = &(*place)->next;
@@ -317,9 +315,9 @@ InterProcessMutex::~InterProcessMutex() {
 
 int InterProcessMutex::acquire() {
     if (lock == nullptr) return EINVAL;
-    const CancellationShield shield;  // a turn that is not ended is never passed on
+    const CancellationShield shield;  // a cancelled thread would keep its turn forever
     uid_t owner = 0;
-    int error = findOwner(owner);  // before there is a turn, since it may throw
+    int error = findOwner(owner);  // may throw, so it comes before there is a turn to end
     if (error != 0) return error;
     std::unique_lock<std::mutex> guard(tableMutex);
     const unsigned long long thread = callingThread();
@@ -340,7 +338,7 @@ int InterProcessMutex::release() {
     if (lock == nullptr) return EINVAL;
     const std::lock_guard<std::mutex> guard(tableMutex);
     if (lock->holder != this) return EPERM;
-    // A host that has closed the descriptor has given the lock back.
+    // A host that closed the descriptor has released the lock.
     const bool isOpen = lock->file.isOpen();
     const int error = isOpen ? lock->file.unlock() : EPERM;
     if (!isOpen || error == 0) lock->endTurn();
@@ -367,7 +365,7 @@ pid_t InterProcessMutex::holder() const {
     uid_t owner = 0;
     if (lock == nullptr || findOwner(owner) != 0) return 0;
     const std::lock_guard<std::mutex> guard(tableMutex);
-    // Asking neither closes the file of a thread that holds or awaits the lock, nor brings a lost lock back.
+    // Asking must not close the file while a thread holds or awaits the lock, nor restore a lost lock.
     const bool isUsed = lock->servedTicket != lock->nextTicket;
     const bool isOpen = isUsed ? lock->file.isOpen() : lock->file.open(owner, false) == 0;
     return isOpen ? lock->file.holder() : 0;

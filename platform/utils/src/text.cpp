@@ -21,7 +21,7 @@ constexpr char whiteSpace[] = " \t\n\v\f\r";
 
 void split(const std::string& text, const std::string& separator, std::vector<std::string>& pieces) {
     if (text.empty()) return;
-    // Collected apart, because the text or the separator may be one of the pieces.
+    // Collected apart: the text or the separator may be one of the pieces.
     std::vector<std::string> found;
     std::size_t begin = 0;
     while (!separator.empty()) {
@@ -41,7 +41,7 @@ void trim(std::string& text) {
 
 void replaceAll(std::string& text, const std::string& search, const std::string& replacement) {
     if (search.empty()) return;
-    // Built anew instead of replaced in place, which would move the rest of the text once per occurrence.
+    // Built anew: replacing in place would move the rest of the text at each occurrence.
     std::string result;
     std::size_t begin = 0;
     std::size_t found = text.find(search);
@@ -77,28 +77,28 @@ std::string format(const char* format, ...) {
 namespace {
 
 /**
- * Whether a number that no double comes near is too large, not too small: its first digit but zeros stands
- * before the point after the exponent has moved that.
+ * Whether a number outside the range of double is too large, not too small: its first significant digit
+ * stands before the point once the exponent has moved that.
  */
 bool isTooLarge(std::string_view number, bool hexadecimal) {
     const std::string_view digits = number.substr(0, number.find_first_of(hexadecimal ? "pP" : "eE"));
     const auto point = static_cast<long long>(std::min(digits.find('.'), digits.size()));
     const auto first = static_cast<long long>(digits.find_first_not_of("0."));
-    // Negative: so many zeros stand between the point and the first digit, give or take one.
+    // If negative, the number of zeros between the point and the first digit, give or take one.
     const long long digitsBeforePoint = hexadecimal ? 4 * (point - first) : point - first;
     const bool hasExponent = digits.size() < number.size();
     const long long exponent = hasExponent ? std::strtoll(digits.data() + digits.size() + 1, nullptr, 10) : 0;
     return exponent > -digitsBeforePoint;
 }
 
-/** Reads a number without sign and prefix; returns its end, @p text when there is none. */
+/** Reads a number without sign and prefix; returns its end, or @p text if there is none. */
 const char* readNumber(const char* text, const char* end, std::chars_format format, double& value) {
     const bool hexadecimal = format == std::chars_format::hex;
-    // A second sign begins no number, and after a prefix neither do the words for infinity and no number.
+    // No number begins with a second sign, nor "inf" or "nan" after a prefix.
     const bool isDigit = std::isxdigit(static_cast<unsigned char>(*text)) != 0;
     if (*text == '-' || (hexadecimal && !isDigit && *text != '.')) return text;
     const auto [stop, error] = std::from_chars(text, end, value, format);
-    // Some standard libraries copy a text, which may be long.
+    // Some standard libraries copy the text.
     if (error == std::errc::not_enough_memory) throw std::bad_alloc();
     if (error == std::errc::result_out_of_range)
         value = isTooLarge({text, static_cast<std::size_t>(stop - text)}, hexadecimal)

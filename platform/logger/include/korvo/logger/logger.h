@@ -1,9 +1,10 @@
 /**
  * @file
- * The logger: one function that every library of the device calls, and one place that decides where the lines go.
+ * The logger: one function that every library of the device calls, and one place that decides where the lines
+ * go.
  *
- * By default each message becomes one line on standard error. To send messages elsewhere, a host installs a sink
- * before it starts threads or calls a library. All functions may be called from any thread.
+ * By default each message becomes one line on standard error. To send messages elsewhere, a host installs a
+ * sink before it starts threads or calls a library. All functions may be called from any thread.
  */
 #pragma once
 
@@ -31,25 +32,26 @@ struct Record {
 };
 
 /**
- * Where messages go. The thread that logs calls the sink, so several may at once; it must neither log nor throw.
- * The thread may hold the configuration's lock: a sink, or a standard error, that blocks then keeps every other
- * service from changing anything.
+ * Where messages go. The thread that logs calls the sink, so several may at once; it must neither log nor
+ * throw. The thread may hold the configuration's lock: a sink, or a standard error, that blocks then keeps
+ * every other service from changing anything.
  */
 using Sink = void (*)(const Record& record);
 
 /**
- * Sends later messages to @p sink; null means the default, standardErrorSink(). A message being logged meanwhile
- * goes to the old or the new sink, never to both.
+ * Sends later messages to @p sink; null means the default, standardErrorSink(). A message being logged
+ * meanwhile goes to the old or the new sink, never to both.
  * @return the replaced sink, never null
  */
 KORVO_LOGGER_EXPORT Sink setSink(Sink sink);
 
-/** The default sink: writes `LEVEL module sourceFile:line function: message` to standard error, one write each. */
+/** The default: writes `LEVEL module sourceFile:line function: message` to standard error, one write each. */
 KORVO_LOGGER_EXPORT void standardErrorSink(const Record& record);
 
 /**
- * A sink for syslog(3). The host may call openlog() first, to choose name and facility. A host that closes its
- * standard streams calls it before that, with LOG_NDELAY, so syslog's socket does not get the number of one.
+ * A sink for syslog(3). The host may call openlog() first, to choose name and facility. A host that closes
+ * its standard streams calls it before that, with LOG_NDELAY, so syslog's socket does not get the number of
+ * one.
  */
 KORVO_LOGGER_EXPORT void syslogSink(const Record& record);
 
@@ -57,8 +59,9 @@ KORVO_LOGGER_EXPORT void syslogSink(const Record& record);
  * @{ */
 
 /**
- * @p text on one line, unable to steer a terminal: control characters, and bytes that belong to no UTF-8 character,
- * become `\n`, `\r`, `\t` or, byte by byte, `\xNN`. Backslashes stay, so escaping twice changes nothing.
+ * @p text on one line, unable to steer a terminal: control characters, and bytes that belong to no UTF-8
+ * character, become `\n`, `\r`, `\t` or, byte by byte, `\xNN`. Backslashes stay, so escaping twice changes
+ * nothing.
  */
 KORVO_LOGGER_EXPORT std::string escaped(std::string_view text);
 
@@ -76,8 +79,8 @@ KORVO_LOGGER_EXPORT bool isControl(char32_t code);
 }  // namespace korvo::logger
 
 /**
- * Logs one message, formatted as printf does and then escaped(), so no argument can forge a second line or steer a
- * terminal. Leaves errno as it was. No cancellation point, whatever the sink does.
+ * Logs one message, formatted as printf does and then escaped(), so no argument can forge a second line or
+ * steer a terminal. Leaves errno as it was. No cancellation point, whatever the sink does.
  * @param module      the library or program that logs
  * @param sourceFile  the calling source file
  * @param function    the plain name of the calling operation

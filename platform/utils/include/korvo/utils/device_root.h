@@ -1,7 +1,7 @@
 /**
  * @file
- * Where the device's fixed paths are: at "/", or below a directory that holds another device's tree, such as a
- * mounted firmware image or a test's sample device.
+ * Where the device's fixed paths are: at "/", or below a directory that holds another device's tree, such as
+ * a mounted firmware image or a test's sample device.
  */
 #pragma once
 
@@ -19,10 +19,10 @@ inline constexpr char flashLock[] = "system.cfg.flash";         ///< held while 
 /** @} */
 
 /**
- * Puts @p directory in front of every fixed device path; the empty text, the default, means the real paths. Holds
- * for the whole process: call it once, before anything else of these libraries and before starting threads.
- * Absolute links below it are followed on the running system. No environment variable can set it, so no user can
- * redirect a service.
+ * Puts @p directory in front of every fixed device path; the empty text, the default, means the real paths.
+ * Holds for the whole process: call it once, before anything else of these libraries and before starting
+ * threads. Absolute links below it are followed on the running system. No environment variable can set it, so
+ * no user can redirect a service.
  */
 KORVO_UTILS_EXPORT void setDeviceRoot(const std::string& directory);
 

@@ -32,13 +32,13 @@ struct FileAccess {
 /**
  * One open file, for one thread at a time.
  *
- * An object owns its descriptor, which is close-on-exec, and closes it when destroyed. The descriptor never keeps
- * the number of a standard stream, even if the host has closed some, so nothing the host prints gets into the
- * file; only a child forked while the file is being opened may print there. Interrupted and short reads and
- * writes continue. No operation is a cancellation point. A failure is false, with errno set.
+ * An object owns its descriptor, which is close-on-exec, and closes it when destroyed. The descriptor never
+ * keeps the number of a standard stream, even if the host has closed some, so nothing the host prints gets
+ * into the file; only a child forked while the file is being opened may print there. Interrupted and short
+ * reads and writes continue. No operation is a cancellation point. A failure is false, with errno set.
  *
- * Signals are the host's affair: a file that outgrows RLIMIT_FSIZE raises SIGXFSZ, which ends the process unless
- * it is ignored; then the write fails.
+ * Signals are the host's affair: a file that outgrows RLIMIT_FSIZE raises SIGXFSZ, which ends the process
+ * unless it is ignored; then the write fails.
  */
 class KORVO_UTILS_EXPORT File {
   public:
@@ -50,8 +50,8 @@ class KORVO_UTILS_EXPORT File {
     /**
      * Opens @p path, after closing what was open.
      *
-     * For reading it must be a regular file; anything else is refused at once, a directory with EISDIR, the rest
-     * (pipes, devices) with ENOTSUP.
+     * For reading it must be a regular file; anything else is refused at once, a directory with EISDIR, the
+     * rest (pipes, devices) with ENOTSUP.
      *
      * For writing, what has the name is removed and a new file created, of mode 0600 whatever the umask. So a
      * guessable name in a world-writable directory is safe: a planted link is not followed, and a file that
@@ -83,15 +83,16 @@ class KORVO_UTILS_EXPORT File {
     FileAccess Access() const { return access; }
 
     /**
-     * Gives a file open for writing the permission bits of @p wanted, and its owner and group where the process
-     * may. Where the group is refused, the file's group gets no more access than @p wanted gives to everybody.
+     * Gives a file open for writing the permission bits of @p wanted, and its owner and group where the
+     * process may. Where the group is refused, the file's group gets no more access than @p wanted gives to
+     * everybody.
      * @return false if the permission bits cannot be set
      */
     [[nodiscard]] bool SetAccess(const FileAccess& wanted);
 
     /**
-     * SetAccess() as the file at @p path has it. Does nothing if that is missing or anything but a regular file
-     * with one name: a link could lend the access of any file.
+     * SetAccess() as the file at @p path has it. Does nothing if that is missing or anything but a regular
+     * file with one name: a link could lend the access of any file.
      */
     [[nodiscard]] bool CopyAccess(const std::string& path);
 

@@ -15,30 +15,30 @@ struct NamedLock;
 /**
  * One claim on a named lock. All objects of one name contend for it, in whatever process they are.
  *
- * The lock is a record lock on the file "/tmp/<name>.lock", which is created with mode 0600 and never removed.
- * The kernel releases it when the process that holds it ends, however it ends. A forked child and a program
- * started with exec hold nothing, and cannot release what the parent holds.
+ * The lock is a record lock on the file "/tmp/<name>.lock", which is created with mode 0600 and never
+ * removed. The kernel releases it when the process that holds it ends, however it ends. A forked child and a
+ * program started with exec hold nothing, and cannot release what the parent holds.
  *
  * Root and the store's owner (storeOwner() of flash.h) exclude one another, whoever comes first; all other
- * users of one lock must run as one user. A lock file is a regular file with one name, without access for group
- * and others, and owned by root, by the caller or, for root, by the store's owner, so nobody else can hold it.
- * Root gives its own empty lock file to the store's owner. An owner who comes before that retries for a second;
- * where root cannot give it, or was killed just then, it fails until root's next use. Root replaces any other
- * file, its own with content, and an empty directory; for everyone else acquire() fails.
+ * users of one lock must run as one user. A lock file is a regular file with one name, without access for
+ * group and others, and owned by root, by the caller or, for root, by the store's owner, so nobody else can
+ * hold it. Root gives its own empty lock file to the store's owner. An owner who comes before that retries
+ * for a second; where root cannot give it, or was killed just then, it fails until root's next use. Root
+ * replaces any other file, its own with content, and an empty directory; for everyone else acquire() fails.
  *
- * The lock is lost when somebody removes, moves or replaces the lock file, or when the host closes the library's
- * descriptor of it, as daemons do. held() reports this; a waiter or the next acquire() opens the file anew, and
- * the number of the closed descriptor is left alone.
+ * The lock is lost when somebody removes, moves or replaces the lock file, or when the host closes the
+ * library's descriptor of it, as daemons do. held() reports this; a waiter or the next acquire() opens the
+ * file anew, and the number of the closed descriptor is left alone.
  *
- * Two things go beyond it. A host that opens and closes the lock file itself releases the lock, unnoticed: such
- * are the rules of record locks. And where fs.protected_hardlinks is 0, whoever may write to "/tmp" can give the
- * lock file a second name, and have root replace it.
+ * Two things go beyond it. A host that opens and closes the lock file itself releases the lock, unnoticed:
+ * such are the rules of record locks. And where fs.protected_hardlinks is 0, whoever may write to "/tmp" can
+ * give the lock file a second name, and have root replace it.
  *
  * Threads: call all operations from any thread. The lock belongs to the object that acquired it, not to the
- * thread, so another thread may release it. Threads waiting for one name get it in order of arrival. Objects of
- * one name share an open file, which closes at the latest with the last of them. No operation is a cancellation
- * point: a thread cancelled while it waits ends once it has the lock. A signal handler must not call fork():
- * it may wait forever for the thread that it interrupted.
+ * thread, so another thread may release it. Threads waiting for one name get it in order of arrival. Objects
+ * of one name share an open file, which closes at the latest with the last of them. No operation is a
+ * cancellation point: a thread cancelled while it waits ends once it has the lock. A signal handler must not
+ * call fork(): it may wait forever for the thread that it interrupted.
  *
  * Results are 0 or an errno value. The constructor and, for root, acquire() and holder() may throw
  * std::bad_alloc; nothing else is thrown.
@@ -58,32 +58,33 @@ class KORVO_UTILS_EXPORT InterProcessMutex {
     ~InterProcessMutex();
 
     /**
-     * Waits for the lock, through signals and without a time limit. Two threads or processes that take two names
-     * in opposite order wait for one another forever, as with any lock.
+     * Waits for the lock, through signals and without a time limit. Two threads or processes that take two
+     * names in opposite order wait for one another forever, as with any lock.
      * @return 0; EDEADLK if the calling thread has acquired this name, through this or another object, and it
      *         has not been released; EINVAL for a refused name; EPERM if something other than a lock file has
-     *         its name; EACCES if root has kept it; for root, why the store's owner is unknown; else why the file
-     *         cannot be opened or locked
+     *         its name; EACCES if root has kept it; for root, why the store's owner is unknown; else why the
+     *         file cannot be opened or locked
      */
     [[nodiscard]] int acquire();
 
     /**
      * Releases the lock.
      * @return 0, even if the lock file has been removed; EPERM if this object does not hold the lock in this
-     *         process, held() has reported the loss, or the host has closed the descriptor; EINVAL for a refused
-     *         name; else why the kernel refused, and the lock is still held
+     *         process, held() has reported the loss, or the host has closed the descriptor; EINVAL for a
+     *         refused name; else why the kernel refused, and the lock is still held
      */
     [[nodiscard]] int release();
 
     /**
-     * Whether this object has acquired the lock in this process, and not released it; false in a forked child.
-     * Cheap: it does not look at the file, so it does not notice a lost lock.
+     * Whether this object has acquired the lock in this process, and not released it; false in a forked
+     * child. Cheap: it does not look at the file, so it does not notice a lost lock.
      */
     [[nodiscard]] bool acquired() const;
 
     /**
      * Whether this object still holds the lock in this process, and the file still has its name. Ask right
-     * before anything that must not happen without the lock; it takes two system calls. A lost lock stays lost.
+     * before anything that must not happen without the lock; it takes two system calls. A lost lock stays
+     * lost.
      */
     [[nodiscard]] bool held() const;
 

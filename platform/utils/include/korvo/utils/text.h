@@ -1,7 +1,7 @@
 /**
  * @file
- * Text helpers. They work on bytes and treat only ASCII specially, so the locale changes nothing. They keep no
- * state and may be called from any thread.
+ * Text helpers. They work on bytes and treat only ASCII specially, so the locale changes nothing. They keep
+ * no state and may be called from any thread.
  */
 #pragma once
 
@@ -13,13 +13,13 @@
 namespace korvo::utils {
 
 /**
- * Appends the pieces of @p text between occurrences of @p separator to @p pieces, in order, empty ones included:
- * n separators give n + 1 pieces. An empty text gives none; an empty separator, the whole text.
+ * Appends the pieces of @p text between occurrences of @p separator to @p pieces, in order, empty ones
+ * included: n separators give n + 1 pieces. An empty text gives none; an empty separator, the whole text.
  */
 KORVO_UTILS_EXPORT void split(const std::string& text, const std::string& separator,
                               std::vector<std::string>& pieces);
 
-/** Removes ASCII white space (blank, \t, \n, \v, \f, \r) at both ends. */
+/** Removes ASCII white space (blank, tab, line feed, vertical tab, form feed, carriage return) at both ends. */
 KORVO_UTILS_EXPORT void trim(std::string& text);
 
 /**
@@ -37,10 +37,10 @@ KORVO_UTILS_EXPORT std::string format(const char* format, ...) __attribute__((fo
 
 /**
  * strtod() as in the "C" locale, whatever locale the host has set.
- * @param end  if not null, receives the first character that is not part of the number, or @p text if there is
- *             no number
- * @return the number; 0 if there is none, or if it is too small, which with the standard library of GCC 11 begins
- *         at the subnormal numbers; plus or minus infinity if it is too large
+ * @param end  if not null, receives the first character that is not part of the number, or @p text if there
+ *             is no number
+ * @return the number; 0 if there is none, or if it is too small, which with the standard library of GCC 11
+ *         begins at the subnormal numbers; plus or minus infinity if it is too large
  */
 KORVO_UTILS_EXPORT double toDouble(const char* text, const char** end = nullptr);
 
