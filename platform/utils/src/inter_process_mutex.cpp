@@ -128,7 +128,8 @@ class LockFile {
     /** Whether the descriptor is still ours: the host may have closed it, and reused its number. */
     bool isOpen() const {
         struct stat status {};
-        return descriptor >= 0 && ::fstat(descriptor, &status) == 0 && isThis(status);
+        const bool isKnown = ::fstat(descriptor, &status) == 0;
+        return isKnown ? isThis(status) : errno != EBADF;
     }
 
     /**

@@ -17,6 +17,37 @@ namespace {
 
 constexpr char whiteSpace[] = " \t\n\v\f\r";
 
+/**
+ * Whether a number outside the range of double is too large, not too small: its first significant digit
+ * stands before the point once the exponent has moved that.
+ */
+bool isTooLarge(std::string_view number, bool hexadecimal) {
+    const std::string_view digits = number.substr(0, number.find_first_of(hexadecimal ? "pP" : "eE"));
+    const auto point = static_cast<long long>(std::min(digits.find('.'), digits.size()));
+    const auto first = static_cast<long long>(digits.find_first_not_of("0."));
+    // If negative, the number of zeros between the point and the first digit, give or take one.
+    const long long digitsBeforePoint = hexadecimal ? 4 * (point - first) : point - first;
+    const bool hasExponent = digits.size() < number.size();
+    const long long exponent = hasExponent ? std::strtoll(digits.data() + digits.size() + 1, nullptr, 10) : 0;
+    return exponent > -digitsBeforePoint;
+}
+
+/** Reads a number without sign and prefix; returns its end, or @p text if there is none. */
+const char* readNumber(const char* text, const char* end, std::chars_format format, double& value) {
+    const bool hexadecimal = format == std::chars_format::hex;
+    // No number begins with a second sign, nor "inf" or "nan" after a prefix.
+    const bool isDigit = std::isxdigit(static_cast<unsigned char>(*text)) != 0;
+    if (*text == '-' || (hexadecimal && !isDigit && *text != '.')) return text;
+    const auto [stop, error] = std::from_chars(text, end, value, format);
+    // Some standard libraries copy the text.
+    if (error == std::errc::not_enough_memory) throw std::bad_alloc();
+    if (error == std::errc::result_out_of_range)
+        value = isTooLarge({text, static_cast<std::size_t>(stop - text)}, hexadecimal)
+                    ? std::numeric_limits<double>::infinity()
+                    : 0.0;
+    return stop;
+}
+
 }  // namespace
 
 void split(const std::string& text, const std::string& separator, std::vector<std::string>& pieces) {
@@ -73,41 +104,6 @@ std::string format(const char* format, ...) {
     va_end(arguments);
     return result;
 }
-
-namespace {
-
-/**
- * Whether a number outside the range of double is too large, not too small: its first significant digit
- * stands before the point once the exponent has moved that.
- */
-bool isTooLarge(std::string_view number, bool hexadecimal) {
-    const std::string_view digits = number.substr(0, number.find_first_of(hexadecimal ? "pP" : "eE"));
-    const auto point = static_cast<long long>(std::min(digits.find('.'), digits.size()));
-    const auto first = static_cast<long long>(digits.find_first_not_of("0."));
-    // If negative, the number of zeros between the point and the first digit, give or take one.
-    const long long digitsBeforePoint = hexadecimal ? 4 * (point - first) : point - first;
-    const bool hasExponent = digits.size() < number.size();
-    const long long exponent = hasExponent ? std::strtoll(digits.data() + digits.size() + 1, nullptr, 10) : 0;
-    return exponent > -digitsBeforePoint;
-}
-
-/** Reads a number without sign and prefix; returns its end, or @p text if there is none. */
-const char* readNumber(const char* text, const char* end, std::chars_format format, double& value) {
-    const bool hexadecimal = format == std::chars_format::hex;
-    // No number begins with a second sign, nor "inf" or "nan" after a prefix.
-    const bool isDigit = std::isxdigit(static_cast<unsigned char>(*text)) != 0;
-    if (*text == '-' || (hexadecimal && !isDigit && *text != '.')) return text;
-    const auto [stop, error] = std::from_chars(text, end, value, format);
-    // Some standard libraries copy the text.
-    if (error == std::errc::not_enough_memory) throw std::bad_alloc();
-    if (error == std::errc::result_out_of_range)
-        value = isTooLarge({text, static_cast<std::size_t>(stop - text)}, hexadecimal)
-                    ? std::numeric_limits<double>::infinity()
-                    : 0.0;
-    return stop;
-}
-
-}  // namespace
 
 // Not strtod(), which follows the host's locale, and which in small C libraries rounds wrongly.
 double toDouble(const char* text, const char** end) {
