@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <thread>
+#include <tuple>
 
 #include "support/child_process.h"
 #include "support/descriptors.h"
@@ -99,19 +100,13 @@ TEST_F(FlashTest, AFailedSaveHasACauseAndLeavesTheOldCopy) {
 
 TEST_F(FlashTest, TheCopyHasTheAccessOfTheWorkingCopy) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can make files of other users";
-    struct Case {
-        bool byRoot;
-        uid_t owner;  ///< of the working copy
-        gid_t group;
-        mode_t bits;
-        gid_t groupGiven;  ///< to the flash copy
-        mode_t bitsGiven;
-    };
-    const Case cases[] = {{true, 0, 0, 0400, 0, 0400},
-                          {false, user, user, 0640, user, 0640},
-                          {false, user, 0, 0664, user, 0644},
-                          {true, user, 0, 0640, 0, 0640},
-                          {true, user + 1, user, 0640, user, 0640}};
+    // Whether root saves; owner, group and bits of the working copy; group and bits of the flash copy.
+    const std::tuple<bool, uid_t, gid_t, mode_t, gid_t, mode_t> cases[] = {
+        {true, 0, 0, 0400, 0, 0400},
+        {false, user, user, 0640, user, 0640},
+        {false, user, 0, 0664, user, 0644},
+        {true, user, 0, 0640, 0, 0640},
+        {true, user + 1, user, 0640, user, 0640}};
     fs::create_directories(directory);
     ASSERT_EQ(::chown(directory.c_str(), user, user), 0);
     for (const auto& [byRoot, owner, group, bits, groupGiven, bitsGiven] : cases) {

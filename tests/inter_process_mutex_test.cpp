@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <thread>
+#include <tuple>
 
 #include "korvo/utils/file.h"
 #include "support/child_process.h"
@@ -97,13 +98,8 @@ TEST_F(InterProcessMutexTest, RefusesBadNames) {
 
 TEST_F(InterProcessMutexTest, RootAndTheStoresOwnerExcludeOneAnotherWhateverStandsInThePlaceOfTheLockFile) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can have another user beside it";
-    struct Case {
-        const char* what;
-        bool rootFirst;
-        int first;  ///< what acquire() returns to the first
-        std::function<void()> make;
-    };
-    const Case cases[] = {
+    // What stands there, whether root comes first, what acquire() returns to the first, and how it got there.
+    const std::tuple<const char*, bool, int, std::function<void()>> cases[] = {
         {"nothing, root first", true, 0, [] {}},
         {"nothing, the user first", false, 0, [] {}},
         {"his, root first", true, 0, [&] { plant(user, 0600); }},

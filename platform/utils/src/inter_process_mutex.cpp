@@ -127,9 +127,9 @@ class LockFile {
 
     /** Whether the descriptor is still ours: the host may have closed it, and reused its number. */
     bool isOpen() const {
+        if (descriptor < 0) return false;
         struct stat status {};
-        const bool isKnown = ::fstat(descriptor, &status) == 0;
-        return isKnown ? isThis(status) : errno != EBADF;
+        return ::fstat(descriptor, &status) == 0 ? isThis(status) : errno != EBADF;
     }
 
     /**
