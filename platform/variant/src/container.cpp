@@ -1,122 +1,106 @@
 #include "container.h"
 
-#include <endian.h>
-
 #include <algorithm>
 #include <limits>
-#include <memory>
 #include <new>
 
 namespace korvo::variant {
 namespace {
 
-/** The first bytes of a text, most significant first, so that ranks order like texts; zeros after its end. */
+constexpr auto signBit = 1ULL << 63;
+
+/** The first bytes of a text as a number, so that ranks order like texts; zeros after its end. */
 std::uintptr_t rankOf(std::string_view key) {
-    std::uintptr_t bytes = 0;
-    key.copy(reinterpret_cast<char*>(&bytes), sizeof bytes);
-    return sizeof bytes == sizeof(std::uint64_t) ? be64toh(bytes)
-                                                 : be32toh(static_cast<std::uint32_t>(bytes));
+    std::uintptr_t rank = 0;
+    for (std::size_t i = 0; i < sizeof rank; ++i)
+        rank = rank << 8 | (i < key.size() ? static_cast<unsigned char>(key[i]) : 0);
+    return rank;
 }
 
-long long rankOf(long long index) { return index; }
+int compare(const Members::Entry& entry, std::uintptr_t rank, std::string_view key) {
+    if (entry.rank == rank) return entry.member->key().compare(key);
+    return entry.rank < rank ? -1 : 1;
+}
 
 }  // namespace
 
-template <class Key>
-Members<Key>::~Members() {
+IndexKey::IndexKey(long long index) {
+    auto rest = static_cast<unsigned long long>(index) ^ signBit;
+    for (std::size_t i = sizeof bytes; i > 0; rest >>= 8) bytes[--i] = static_cast<char>(rest & 0xff);
+}
+
+long long IndexKey::index(std::string_view key) {
+    unsigned long long index = 0;
+    for (const char byte : key) index = index << 8 | static_cast<unsigned char>(byte);
+    return static_cast<long long>(index ^ signBit);
+}
+
+Members::~Members() {
     for (const Entry& entry : sorted) destroy(entry.member);
 }
 
-template <class Key>
-typename Members<Key>::Member* Members<Key>::create(Key key) {
-    if constexpr (std::is_same<Key, std::string_view>::value) {
-        void* const memory = ::operator new(sizeof(Member) + key.size());
-        char* const text = static_cast<char*>(memory) + sizeof(Member);
-        key.copy(text, key.size());
-        return ::new (memory) Member{Variant(), {text, key.size()}};
-    } else {
-        return ::new (::operator new(sizeof(Member))) Member{Variant(), key};
-    }
+Members::Member* Members::create(std::string_view key) {
+    void* const memory = ::operator new(sizeof(Member) + key.size());
+    key.copy(static_cast<char*>(memory) + sizeof(Member), key.size());
+    return ::new (memory) Member{Variant(), key.size()};
 }
 
-template <class Key>
-void Members<Key>::destroy(Member* member) noexcept {
+void Members::destroy(Member* member) noexcept {
     std::destroy_at(member);
     ::operator delete(member);
 }
 
-template <class Key>
-typename Members<Key>::Place Members<Key>::locate(Key key) const {
-    const auto rank = rankOf(key);
-    const auto end = sorted.end();
-    // Texts and declarations mostly come in order.
-    if (sorted.empty() || isBefore(sorted.back(), rank, key)) return {end, rank, false};
-    const auto ranksBefore = [](const Entry& entry, Rank wanted) { return entry.rank < wanted; };
-    auto position = std::lower_bound(sorted.begin(), end, rank, ranksBefore);
-    if (position->rank != rank) return {position, rank, false};
-    if (position->member->key == key) return {position, rank, true};
-    // Other texts share these first bytes.
-    const auto isLess = [rank](const Entry& entry, Key wanted) { return isBefore(entry, rank, wanted); };
-    position = std::lower_bound(position, end, key, isLess);
-    return {position, rank, position != end && position->member->key == key};
+Members::Place Members::locate(std::string_view key) const {
+    const std::uintptr_t rank = rankOf(key);
+    std::size_t low = 0, high = sorted.size();
+    // The last one first: texts and declarations mostly come in order.
+    for (std::size_t middle = high - 1; low < high; middle = (low + high) / 2) {
+        const int order = compare(sorted[middle], rank, key);
+        if (order == 0) return {middle, sorted[middle]};
+        if (order < 0)
+            low = middle + 1;
+        else
+            high = middle;
+    }
+    return {low, {rank, nullptr}};
 }
 
-template <class Key>
-Variant* Members<Key>::find(Key key) const {
-    const Place place = locate(key);
-    return place.taken ? &place.position->member->value : nullptr;
+Variant* Members::find(std::string_view key) const {
+    Member* const member = locate(key).entry.member;
+    return member != nullptr ? &member->value : nullptr;
 }
 
-template <class Key>
-Variant& Members<Key>::insert(Key key) {
-    // Not one, two and four entries first.
-    if (sorted.capacity() == 0) sorted.reserve(8);
-    const Place place = locate(key);
-    if (place.taken) return place.position->member->value;
-    std::unique_ptr<Member, decltype(&destroy)> member(create(key), &destroy);
-    sorted.insert(place.position, {place.rank, member.get()});
-    return member.release()->value;
+Variant& Members::insert(std::string_view key) {
+    auto [position, entry] = locate(key);
+    if (entry.member != nullptr) return entry.member->value;
+    if (sorted.size() == sorted.capacity()) sorted.reserve(std::max<std::size_t>(8, 2 * sorted.size()));
+    entry.member = create(key);
+    sorted.insert(sorted.begin() + static_cast<std::ptrdiff_t>(position), entry);  // has room: does not throw
+    return entry.member->value;
 }
 
-template <class Key>
-bool Members<Key>::remove(Key key) noexcept {
-    const Place place = locate(key);
-    if (!place.taken) return false;
-    Member* const member = place.position->member;
-    sorted.erase(place.position);
-    destroy(member);
+bool Members::remove(std::string_view key) noexcept {
+    const auto [position, entry] = locate(key);
+    if (entry.member == nullptr) return false;
+    sorted.erase(sorted.begin() + static_cast<std::ptrdiff_t>(position));
+    destroy(entry.member);
     return true;
 }
 
-template <class Key>
-template <class CopyValue>
-void Members<Key>::copyFrom(const Members& source, CopyValue copyValue) {
-    sorted.reserve(source.sorted.size());
-    for (const Entry& entry : source.sorted) {
-        Member* const member = create(entry.member->key);
-        sorted.push_back({entry.rank, member});
-        copyValue(entry.member->value, member->value);
-    }
-}
-
-template class Members<std::string_view>;
-template class Members<long long>;
-
 long long Container::nextIndex() const {
-    if (Indexed::entries().empty()) return 0;
-    const long long last = Indexed::entries().back().rank;
+    if (indexed.entries().empty()) return 0;
+    const long long last = IndexKey::index(indexed.entries().back().member->key());
     if (last == std::numeric_limits<long long>::max()) return last;
     return std::max(last + 1, 0LL);
 }
 
 void Container::destroy(Container* container) noexcept {
-    Container* pending = container;
-    while (pending != nullptr) {
-        Container* current = pending;
-        pending = current->nextToDestroy;
+    for (Container* pending = container; pending != nullptr;) {
+        Container* const current = pending;
+        pending = current->nextPending;
         current->forEachValue([&](Variant& value) {
             if (Container* child = value.members()) {
-                child->nextToDestroy = pending;
+                child->nextPending = pending;
                 pending = child;
                 value.payload.container = nullptr;
             }
@@ -125,17 +109,29 @@ void Container::destroy(Container* container) noexcept {
     }
 }
 
-/** A container that is still to be copied, and the value that is to hold the copy. */
-struct Container::NestedCopy {
-    const Container* source;
-    Variant* target;
-};
+void Container::compact(Container* container) noexcept {
+    for (Container* pending = container; pending != nullptr;) {
+        Container* const current = pending;
+        pending = current->nextPending;
+        current->nextPending = nullptr;
+        current->named.shrink();
+        current->indexed.shrink();
+        current->forEachValue([&](Variant& value) {
+            if (value.type == TypeString) {
+                value.payload.text.shrink_to_fit();
+            } else if (Container* child = value.members()) {
+                child->nextPending = pending;
+                pending = child;
+            }
+        });
+    }
+}
 
 Container* Container::copy(const Container& source) {
-    std::vector<NestedCopy> nested;
+    std::vector<std::pair<const Container*, Variant*>> nested;
     const auto copyValue = [&](const Variant& from, Variant& to) {
         if (const Container* child = from.members()) {
-            nested.push_back({child, &to});
+            nested.emplace_back(child, &to);
             to.type = from.type;
             to.payload.container = nullptr;
         } else {
@@ -143,16 +139,16 @@ Container* Container::copy(const Container& source) {
         }
     };
     const auto copyOneLevel = [&](const Container& from) {
-        std::unique_ptr<Container, decltype(&destroy)> to(new Container, &destroy);
-        to->Named::copyFrom(from, copyValue);
-        to->Indexed::copyFrom(from, copyValue);
+        Owner to(new Container, &destroy);
+        to->named.copyFrom(from.named, copyValue);
+        to->indexed.copyFrom(from.indexed, copyValue);
         return to;
     };
     auto root = copyOneLevel(source);
     while (!nested.empty()) {
-        const NestedCopy next = nested.back();
+        const auto [from, to] = nested.back();
         nested.pop_back();
-        next.target->payload.container = copyOneLevel(*next.source).release();
+        to->payload.container = copyOneLevel(*from).release();
     }
     return root.release();
 }

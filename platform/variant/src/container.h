@@ -1,13 +1,14 @@
 /**
  * @file The members of a value, in sorted vectors. Chosen over std::map: a tree of 1000 texts in std::maps
  * takes 1.5 times as long to build, as long to copy and 1.2 times as long to look every text up
- * (`scripts/bench`, rows "value: ...", there std::map). The price: 10,000 members added to one container in random order take
- * 2.5 times as long, because each of them moves the entries behind it.
+ * (`scripts/bench`, rows "value: ...", there std::map). The price: 10,000 members added to one container in
+ * random order take 2.5 times as long, because each of them moves the entries behind it.
  */
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -15,21 +16,29 @@
 
 namespace korvo::variant {
 
-/** The members of one container with keys of one kind: @p Key is std::string_view or long long. */
-template <class Key>
+/** An index as the text of a key: most significant byte first, sign bit flipped, it orders like the number. */
+class IndexKey {
+  public:
+    explicit IndexKey(long long index);
+    operator std::string_view() const { return {bytes, sizeof bytes}; }
+    static long long index(std::string_view key);
+
+  private:
+    char bytes[sizeof(long long)];
+};
+
+/** The members of one container with keys of one kind. */
 class Members {
   public:
-    /** Allocated by itself, with the bytes of a text key right behind it, and never moved. */
+    /** Allocated by itself, with the bytes of its key right behind it, and never moved. */
     struct Member {
         Variant value;
-        Key key;
+        std::size_t keySize;
+        std::string_view key() const { return {reinterpret_cast<const char*>(this + 1), keySize}; }
     };
 
-    /** What decides most comparisons without a look at the member: an index itself, a text's first bytes. */
-    using Rank = std::conditional_t<std::is_same<Key, long long>::value, long long, std::uintptr_t>;
-
     struct Entry {
-        Rank rank;
+        std::uintptr_t rank;  ///< the key's first bytes, which decide most comparisons without a look at it
         Member* member;
     };
 
@@ -42,79 +51,75 @@ class Members {
     const std::vector<Entry>& entries() const { return sorted; }
 
     /** The member under a key, null when missing. */
-    Variant* find(Key key) const;
+    Variant* find(std::string_view key) const;
 
     /** The member under a key, added as null when missing. */
-    Variant& insert(Key key);
+    Variant& insert(std::string_view key);
 
     /** Removes the member under a key; false when it is missing. */
-    bool remove(Key key) noexcept;
+    bool remove(std::string_view key) noexcept;
 
-    void shrink() { sorted.shrink_to_fit(); }
-
-  protected:
     /** Adds the members of @p source to none; @p copyValue copies each value. */
     template <class CopyValue>
-    void copyFrom(const Members& source, CopyValue copyValue);
+    void copyFrom(const Members& source, CopyValue copyValue) {
+        sorted.reserve(source.sorted.size());
+        for (const auto& [rank, member] : source.sorted) {
+            sorted.push_back({rank, create(member->key())});
+            copyValue(member->value, sorted.back().member->value);
+        }
+    }
+
+    void shrink() { sorted.shrink_to_fit(); }
 
   private:
     /** Where a key stands in the vector, or would stand. */
     struct Place {
-        typename std::vector<Entry>::const_iterator position;
-        Rank rank;
-        bool taken;
+        std::size_t position;
+        Entry entry;  ///< its member is null where the key is missing
     };
 
-    static bool isBefore(const Entry& entry, Rank rank, Key key) {
-        return entry.rank != rank ? entry.rank < rank : entry.member->key < key;
-    }
-    static Member* create(Key key);
+    static Member* create(std::string_view key);
     static void destroy(Member* member) noexcept;
-    Place locate(Key key) const;
+    Place locate(std::string_view key) const;
 
     std::vector<Entry> sorted;
 };
 
 /** All members of one Variant that is a map or an array. */
-class Container : public Members<std::string_view>, public Members<long long> {
+class Container {
   public:
-    using Named = Members<std::string_view>;
-    using Indexed = Members<long long>;
-
     /** Destroys a container with all below it. Without recursion: a tree may be deeper than the stack. */
     static void destroy(Container* container) noexcept;
+
+    using Owner = std::unique_ptr<Container, decltype(&destroy)>;
 
     /** A deep copy, likewise without recursion. */
     static Container* copy(const Container& source);
 
-    using Indexed::find;
-    using Indexed::insert;
-    using Indexed::remove;
-    using Named::find;
-    using Named::insert;
-    using Named::remove;
+    /** Compact() of a container with all below it, likewise. */
+    static void compact(Container* container) noexcept;
 
     /** The index that appending uses. */
     long long nextIndex() const;
 
+    /** The members with text keys, or those with an index. */
+    Members& of(bool hasIndex) { return hasIndex ? indexed : named; }
+
+    Members named;
+    Members indexed;  ///< their keys are each an IndexKey
+
+  private:
+    ~Container() = default;
+
     /** Calls @p visit with each member's value. */
     template <class Visit>
     void forEachValue(Visit visit) const {
-        for (const auto& entry : Named::entries()) visit(entry.member->value);
-        for (const auto& entry : Indexed::entries()) visit(entry.member->value);
+        for (const Members* members : {&named, &indexed}) {
+            for (const auto& entry : members->entries()) visit(entry.member->value);
+        }
     }
 
-    void shrink() {
-        Named::shrink();
-        Indexed::shrink();
-    }
-
-  private:
-    struct NestedCopy;
-
-    ~Container() = default;
-
-    Container* nextToDestroy = nullptr;
+    Container* nextPending = nullptr;  ///< while a tree is walked without recursion
 };
 
 }  // namespace korvo::variant

@@ -130,9 +130,14 @@ Variant& Variant::operator=(const char* value) {
 }
 
 Variant& Variant::operator=(std::string_view value) {
-    // Copied before releasing, which may take away what value points into.
-    if (type != TypeString) return *this = std::string(value);
-    payload.text.assign(value);
+    if (type == TypeString) {
+        payload.text.assign(value);
+        return *this;
+    }
+    std::string copy(value);  // before releasing: value may be a text inside this value
+    Reset();
+    ::new (&payload.text) std::string(std::move(copy));
+    type = TypeString;
     return *this;
 }
 
@@ -159,48 +164,44 @@ void Variant::IsArray(bool array) noexcept {
     type = array ? TypeArray : TypeMap;
 }
 
-/** Adds a member to a value that has none yet. Rare, so it is kept out of the way of finding a member. */
-template <class Key>
-__attribute__((noinline)) Variant& Variant::firstMember(Key key, VariantType typeWhenNone) {
-    // A text may be asked for the member named by that very text, so it lives on until the member is there.
-    Variant old;
-    if (!isContainer()) {
-        old.moveFrom(*this);
-        IsArray(typeWhenNone == TypeArray);
-    }
-    payload.container = new Container;
-    return payload.container->insert(key);
+Variant& Variant::member(std::string_view key, bool hasIndex) {
+    if (Container* owned = members()) return owned->of(hasIndex).insert(key);
+    Container::Owner owner(new Container, &Container::destroy);
+    Variant& added = owner->of(hasIndex).insert(key);
+    if (!isContainer()) IsArray(hasIndex);  // not before, since the key may be a text inside this value
+    payload.container = owner.release();
+    return added;
 }
 
-Variant& Variant::member(std::string_view key) {
-    Container* owned = members();
-    return owned != nullptr ? owned->insert(key) : firstMember(key, TypeMap);
-}
+Variant& Variant::member(std::string_view key) { return member(key, false); }
 
 Variant& Variant::member(long long index) {
-    Container* owned = members();
-    if (index == -1) index = owned != nullptr ? owned->nextIndex() : 0;
-    return owned != nullptr ? owned->insert(index) : firstMember(index, TypeArray);
-}
-
-template <class Key>
-const Variant* Variant::find(Key key) const noexcept {
     const Container* owned = members();
-    return owned != nullptr ? owned->find(key) : nullptr;
+    if (index == -1) index = owned != nullptr ? owned->nextIndex() : 0;
+    return member(IndexKey(index), true);
 }
 
-const Variant& Variant::null() noexcept { return nothing.value; }
-
-template <class Key>
-std::size_t Variant::count() const noexcept {
-    const Members<Key>* owned = members();
-    return owned != nullptr ? owned->entries().size() : 0;
-}
-
-template <class Key>
-bool Variant::removeMember(Key key) noexcept {
+Variant* Variant::find(std::string_view key, bool hasIndex) const noexcept {
     Container* owned = members();
-    if (owned == nullptr || !owned->remove(key)) return false;
+    return owned != nullptr ? owned->of(hasIndex).find(key) : nullptr;
+}
+
+const Variant* Variant::find(std::string_view key) const noexcept { return find(key, false); }
+
+const Variant* Variant::find(long long index) const noexcept { return find(IndexKey(index), true); }
+
+const Variant& Variant::orNull(const Variant* found) noexcept {
+    return found != nullptr ? *found : nothing.value;
+}
+
+std::size_t Variant::count(bool hasIndex) const noexcept {
+    Container* owned = members();
+    return owned != nullptr ? owned->of(hasIndex).entries().size() : 0;
+}
+
+bool Variant::removeMember(std::string_view key, bool hasIndex) noexcept {
+    Container* owned = members();
+    if (owned == nullptr || !owned->of(hasIndex).remove(key)) return false;
     if (Size() == 0) {
         payload.container = nullptr;
         Container::destroy(owned);
@@ -208,58 +209,41 @@ bool Variant::removeMember(Key key) noexcept {
     return true;
 }
 
-template const Variant* Variant::find(std::string_view key) const noexcept;
-template const Variant* Variant::find(long long index) const noexcept;
-template std::size_t Variant::count<std::string_view>() const noexcept;
-template std::size_t Variant::count<long long>() const noexcept;
-template bool Variant::removeMember(std::string_view key) noexcept;
-template bool Variant::removeMember(long long index) noexcept;
+bool Variant::removeMember(std::string_view key) noexcept { return removeMember(key, false); }
+
+bool Variant::removeMember(long long index) noexcept { return removeMember(IndexKey(index), true); }
 
 void Variant::Compact() {
-    std::vector<Variant*> pending{this};
-    while (!pending.empty()) {
-        Variant& value = *pending.back();
-        pending.pop_back();
-        if (value.type == TypeString) {
-            value.payload.text.shrink_to_fit();
-        } else if (Container* owned = value.members()) {
-            owned->shrink();
-            owned->forEachValue([&](Variant& child) {
-                if (child.type == TypeString || child.isContainer()) pending.push_back(&child);
-            });
-        }
-    }
+    if (type == TypeString)
+        payload.text.shrink_to_fit();
+    else if (Container* owned = members())
+        Container::compact(owned);
 }
 
-template <class Key, class Value>
-const typename MemberIterator<Key, Value>::Element MemberIterator<Key, Value>::operator*() const {
-    const Members<Key>& members = *container;
-    auto* const member = members.entries()[index].member;
-    return {member->key, member->value};
+Variant& detail::memberAt(const Container& container, std::size_t position, std::string_view& key) {
+    Members::Member* const member = container.named.entries()[position].member;
+    key = member->key();
+    return member->value;
 }
 
-// Of each iterator only what the header leaves open: hosts inline the rest, which would be exported in vain.
-template const Variant::iterator::Element Variant::iterator::operator*() const;
-template const Variant::const_iterator::Element Variant::const_iterator::operator*() const;
-template const Variant::num_iterator::Element Variant::num_iterator::operator*() const;
-template const Variant::const_num_iterator::Element Variant::const_num_iterator::operator*() const;
+Variant& detail::memberAt(const Container& container, std::size_t position, long long& key) {
+    Members::Member* const member = container.indexed.entries()[position].member;
+    key = IndexKey::index(member->key());
+    return member->value;
+}
 
 // Key-chain paths
 
-namespace {
-
-/** The member of @p container that one component of a key-chain path names, or null. */
-Variant* findComponent(const Container& container, std::string_view component) {
+/** The member that one component of a key-chain path names, or null. */
+const Variant* Variant::findComponent(std::string_view component) const noexcept {
     if (component.size() < 2 || component.front() != '[' || component.back() != ']')
-        return container.find(component);
+        return find(component);
     const std::string_view text = component.substr(1, component.size() - 2);
     long long index = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), index);
     const bool isIndex = error == std::errc() && end == text.data() + text.size();
-    return isIndex ? container.find(index) : container.find(text);
+    return isIndex ? find(index) : find(text);
 }
-
-}  // namespace
 
 const Variant* Variant::GetKeyChain(VariantType filter, const char* path, bool /*reserved*/) const {
     if (path == nullptr) return nullptr;
@@ -267,8 +251,7 @@ const Variant* Variant::GetKeyChain(VariantType filter, const char* path, bool /
     std::string_view rest(path);
     for (;;) {
         const std::size_t slash = rest.find('/');
-        const Container* container = node->members();
-        node = container != nullptr ? findComponent(*container, rest.substr(0, slash)) : nullptr;
+        node = node->findComponent(rest.substr(0, slash));
         if (node == nullptr) return nullptr;
         if (slash == std::string_view::npos) break;
         rest.remove_prefix(slash + 1);

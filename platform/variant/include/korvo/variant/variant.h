@@ -173,6 +173,22 @@ inline std::string_view textOf(const char* text) {
     return text != nullptr ? std::string_view(text) : std::string_view();
 }
 
+/** A key as one of the two kinds that members have. */
+template <class Key>
+auto memberKey(const Key& key) {
+    if constexpr (std::is_convertible<const Key&, const char*>::value)
+        return textOf(key);
+    else if constexpr (std::is_convertible<const Key&, std::string_view>::value)
+        return std::string_view(key);
+    else
+        return static_cast<long long>(key);
+}
+
+/** The member at a position among those with such keys, and its key. */
+KORVO_VARIANT_EXPORT Variant& memberAt(const Container& container, std::size_t position,
+                                       std::string_view& key);
+KORVO_VARIANT_EXPORT Variant& memberAt(const Container& container, std::size_t position, long long& key);
+
 }  // namespace detail
 /// @endcond
 
@@ -181,7 +197,7 @@ inline std::string_view textOf(const char* text) {
  * Variant::num_begin(). @p Key is std::string_view or long long, @p Value is Variant or const Variant.
  */
 template <class Key, class Value>
-class KORVO_VARIANT_EXPORT MemberIterator {
+class MemberIterator {
   public:
     /** A member as the iterator shows it. It outlives the iterator. */
     struct Element {
@@ -201,7 +217,11 @@ class KORVO_VARIANT_EXPORT MemberIterator {
     };
 
     /** Constant, so that the `auto&` of a loop binds to it. */
-    reference operator*() const;
+    reference operator*() const {
+        Key key{};
+        Value& member = detail::memberAt(*container, index, key);
+        return {key, member};
+    }
     pointer operator->() const { return {**this}; }
     MemberIterator& operator++() {
         ++index;
@@ -297,8 +317,6 @@ class KORVO_VARIANT_EXPORT Variant {
      * @{ */
     Variant& operator[](const char* key) { return member(detail::textOf(key)); }
     Variant& operator[](std::string_view key) { return member(key); }
-    Variant& operator[](const std::string& key) { return member(std::string_view(key)); }
-    Variant& operator[](long long index) { return member(index); }
     template <class Integer, std::enable_if_t<detail::isIndex<Integer>, int> = 0>
     Variant& operator[](Integer index) {
         return member(static_cast<long long>(index));
@@ -310,8 +328,6 @@ class KORVO_VARIANT_EXPORT Variant {
      * @{ */
     const Variant& operator[](const char* key) const { return orNull(find(detail::textOf(key))); }
     const Variant& operator[](std::string_view key) const { return orNull(find(key)); }
-    const Variant& operator[](const std::string& key) const { return orNull(find(std::string_view(key))); }
-    const Variant& operator[](long long index) const { return orNull(find(index)); }
     template <class Integer, std::enable_if_t<detail::isIndex<Integer>, int> = 0>
     const Variant& operator[](Integer index) const {
         return orNull(find(static_cast<long long>(index)));
@@ -319,31 +335,23 @@ class KORVO_VARIANT_EXPORT Variant {
     /** @} */
 
     /** The number of members, those with text keys and those with indices; 0 for what is no container. */
-    std::size_t Size() const noexcept { return count<std::string_view>() + count<long long>(); }
+    std::size_t Size() const noexcept { return count(false) + count(true); }
 
-    /** @name Membership
-     * Whether there is a member under a key. An appended member has an index of its own, so -1 is none.
-     * @{ */
-    bool Contains(const char* key) const noexcept { return find(detail::textOf(key)) != nullptr; }
-    bool Contains(std::string_view key) const noexcept { return find(key) != nullptr; }
-    template <class Integer, std::enable_if_t<detail::isIndex<Integer>, int> = 0>
-    bool Contains(Integer index) const noexcept {
-        return find(static_cast<long long>(index)) != nullptr;
+    /** Whether there is a member under a key, a text or an index; -1 is none. */
+    template <class Key>
+    bool Contains(const Key& key) const noexcept {
+        return find(detail::memberKey(key)) != nullptr;
     }
-    /** @} */
 
-    /** @name Removal
-     * Removes the member under a key, and all below it, and frees its memory. The value stays a map or an
-     * array, also without members.
+    /**
+     * Removes the member under a key, a text or an index, and all below it, and frees its memory. The value
+     * stays a map or an array even if that was its last member.
      * @return whether there was such a member; -1 is none
-     * @{ */
-    bool Remove(const char* key) noexcept { return removeMember(detail::textOf(key)); }
-    bool Remove(std::string_view key) noexcept { return removeMember(key); }
-    template <class Integer, std::enable_if_t<detail::isIndex<Integer>, int> = 0>
-    bool Remove(Integer index) noexcept {
-        return removeMember(static_cast<long long>(index));
+     */
+    template <class Key>
+    bool Remove(const Key& key) noexcept {
+        return removeMember(detail::memberKey(key));
     }
-    /** @} */
 
     /** @name Iteration
      * From begin() to end() stand the members with text keys, in ascending byte order; from num_begin() to
@@ -353,13 +361,13 @@ class KORVO_VARIANT_EXPORT Variant {
      * member. Adding a member to this value or removing one makes its iterators invalid.
      * @{ */
     iterator begin() { return {members(), 0}; }
-    iterator end() { return {members(), count<std::string_view>()}; }
+    iterator end() { return {members(), count(false)}; }
     const_iterator begin() const { return {members(), 0}; }
-    const_iterator end() const { return {members(), count<std::string_view>()}; }
+    const_iterator end() const { return {members(), count(false)}; }
     num_iterator num_begin() { return {members(), 0}; }
-    num_iterator num_end() { return {members(), count<long long>()}; }
+    num_iterator num_end() { return {members(), count(true)}; }
     const_num_iterator num_begin() const { return {members(), 0}; }
-    const_num_iterator num_end() const { return {members(), count<long long>()}; }
+    const_num_iterator num_end() const { return {members(), count(true)}; }
     MemberRange<num_iterator> Indexed() & { return {num_begin(), num_end()}; }
     MemberRange<const_num_iterator> Indexed() const& { return {num_begin(), num_end()}; }
     void Indexed() const&& = delete;  ///< a loop would walk a value that is gone
@@ -549,17 +557,15 @@ class KORVO_VARIANT_EXPORT Variant {
     bool isContainer() const noexcept { return type == TypeMap || type == TypeArray; }
     Container* members() const noexcept { return isContainer() ? payload.container : nullptr; }
 
-    // What the templates above call. Key is std::string_view or long long.
+    // What the templates above call.
     Variant& member(std::string_view key);
     Variant& member(long long index);
-    template <class Key>
-    const Variant* find(Key key) const noexcept;
-    static const Variant& null() noexcept;
-    static const Variant& orNull(const Variant* found) { return found != nullptr ? *found : null(); }
-    template <class Key>
-    std::size_t count() const noexcept;
-    template <class Key>
-    bool removeMember(Key key) noexcept;
+    const Variant* find(std::string_view key) const noexcept;
+    const Variant* find(long long index) const noexcept;
+    bool removeMember(std::string_view key) noexcept;
+    bool removeMember(long long index) noexcept;
+    std::size_t count(bool hasIndex) const noexcept;
+    static const Variant& orNull(const Variant* found) noexcept;
     /** Becomes a number. This value must hold nothing to release. */
     template <class Number>
     void holdNumber(Number value) noexcept {
@@ -604,8 +610,10 @@ class KORVO_VARIANT_EXPORT Variant {
 
     KORVO_VARIANT_PRIVATE void moveFrom(Variant& other) noexcept;
     KORVO_VARIANT_PRIVATE void copyLeaf(const Variant& other);
-    template <class Key>
-    KORVO_VARIANT_PRIVATE Variant& firstMember(Key key, VariantType typeWhenNone);
+    KORVO_VARIANT_PRIVATE Variant& member(std::string_view key, bool hasIndex);
+    KORVO_VARIANT_PRIVATE Variant* find(std::string_view key, bool hasIndex) const noexcept;
+    KORVO_VARIANT_PRIVATE bool removeMember(std::string_view key, bool hasIndex) noexcept;
+    KORVO_VARIANT_PRIVATE const Variant* findComponent(std::string_view component) const noexcept;
 
     VariantType type = TypeNull;
     Payload payload;
