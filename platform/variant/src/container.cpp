@@ -1,6 +1,9 @@
 #include "container.h"
 
+#include <endian.h>
+
 #include <algorithm>
+#include <cstring>
 #include <limits>
 #include <new>
 
@@ -9,17 +12,22 @@ namespace {
 
 constexpr auto signBit = 1ULL << 63;
 
-/** The first bytes of a text as a number, so that ranks order like texts; zeros after its end. */
+/** The first bytes of a text, most significant first, so that ranks order like texts; zeros after its end. */
 std::uintptr_t rankOf(std::string_view key) {
-    std::uintptr_t rank = 0;
-    for (std::size_t i = 0; i < sizeof rank; ++i)
-        rank = rank << 8 | (i < key.size() ? static_cast<unsigned char>(key[i]) : 0);
-    return rank;
+    std::uintptr_t bytes = 0;
+    if (key.size() >= sizeof bytes)
+        std::memcpy(&bytes, key.data(), sizeof bytes);  // the compiler knows the size, so this is no call
+    else
+        key.copy(reinterpret_cast<char*>(&bytes), sizeof bytes);
+    return sizeof bytes == sizeof(std::uint64_t) ? be64toh(bytes)
+                                                 : be32toh(static_cast<std::uint32_t>(bytes));
 }
 
+/** Less than, equal to or greater than 0, as the key of the entry orders before, with or after @p key. */
 int compare(const Members::Entry& entry, std::uintptr_t rank, std::string_view key) {
-    if (entry.rank == rank) return entry.member->key().compare(key);
-    return entry.rank < rank ? -1 : 1;
+    if (entry.rank != rank) return entry.rank < rank ? -1 : 1;
+    const bool isWhole = key.size() <= sizeof rank && key.size() == entry.member->keySize;
+    return isWhole ? 0 : entry.member->key().compare(key);
 }
 
 }  // namespace
@@ -50,40 +58,41 @@ void Members::destroy(Member* member) noexcept {
     ::operator delete(member);
 }
 
-Members::Place Members::locate(std::string_view key) const {
-    const std::uintptr_t rank = rankOf(key);
+Members::Place Members::locate(std::uintptr_t rank, std::string_view key) const {
     std::size_t low = 0, high = sorted.size();
     // The last one first: texts and declarations mostly come in order.
     for (std::size_t middle = high - 1; low < high; middle = (low + high) / 2) {
         const int order = compare(sorted[middle], rank, key);
-        if (order == 0) return {middle, sorted[middle]};
+        if (order == 0) return {middle, sorted[middle].member};
         if (order < 0)
             low = middle + 1;
         else
             high = middle;
     }
-    return {low, {rank, nullptr}};
+    return {low, nullptr};
 }
 
 Variant* Members::find(std::string_view key) const {
-    Member* const member = locate(key).entry.member;
+    Member* const member = locate(rankOf(key), key).member;
     return member != nullptr ? &member->value : nullptr;
 }
 
 Variant& Members::insert(std::string_view key) {
-    auto [position, entry] = locate(key);
-    if (entry.member != nullptr) return entry.member->value;
+    const std::uintptr_t rank = rankOf(key);
+    const auto [position, found] = locate(rank, key);
+    if (found != nullptr) return found->value;
     if (sorted.size() == sorted.capacity()) sorted.reserve(std::max<std::size_t>(8, 2 * sorted.size()));
-    entry.member = create(key);
-    sorted.insert(sorted.begin() + static_cast<std::ptrdiff_t>(position), entry);  // has room: does not throw
-    return entry.member->value;
+    Member* const member = create(key);
+    // Has room, so it throws nothing.
+    sorted.emplace(sorted.begin() + static_cast<std::ptrdiff_t>(position), rank, member);
+    return member->value;
 }
 
 bool Members::remove(std::string_view key) noexcept {
-    const auto [position, entry] = locate(key);
-    if (entry.member == nullptr) return false;
+    const auto [position, member] = locate(rankOf(key), key);
+    if (member == nullptr) return false;
     sorted.erase(sorted.begin() + static_cast<std::ptrdiff_t>(position));
-    destroy(entry.member);
+    destroy(member);
     return true;
 }
 

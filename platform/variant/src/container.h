@@ -38,6 +38,7 @@ class Members {
     };
 
     struct Entry {
+        Entry(std::uintptr_t keyRank, Member* owned) : rank(keyRank), member(owned) {}
         std::uintptr_t rank;  ///< the key's first bytes, which decide most comparisons without a look at it
         Member* member;
     };
@@ -63,9 +64,10 @@ class Members {
     template <class CopyValue>
     void copyFrom(const Members& source, CopyValue copyValue) {
         sorted.reserve(source.sorted.size());
-        for (const auto& [rank, member] : source.sorted) {
-            sorted.push_back({rank, create(member->key())});
-            copyValue(member->value, sorted.back().member->value);
+        for (const Entry& entry : source.sorted) {
+            Member* const member = create(entry.member->key());
+            sorted.emplace_back(entry.rank, member);
+            copyValue(entry.member->value, member->value);
         }
     }
 
@@ -75,12 +77,12 @@ class Members {
     /** Where a key stands in the vector, or would stand. */
     struct Place {
         std::size_t position;
-        Entry entry;  ///< its member is null where the key is missing
+        Member* member;  ///< null where the key is missing
     };
 
     static Member* create(std::string_view key);
     static void destroy(Member* member) noexcept;
-    Place locate(std::string_view key) const;
+    Place locate(std::uintptr_t rank, std::string_view key) const;
 
     std::vector<Entry> sorted;
 };

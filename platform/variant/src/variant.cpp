@@ -53,15 +53,10 @@ Variant::Variant(const Variant& other) {
 Variant::Variant(Variant&& other) noexcept { moveFrom(other); }
 
 Variant::Variant(const char* value) {
-    if (value != nullptr) *this = std::string(value);
+    if (value != nullptr) holdText(value);
 }
 
-Variant::Variant(std::string_view value) : Variant(std::string(value)) {}
-
-Variant::Variant(const std::string& value) {
-    ::new (&payload.text) std::string(value);
-    type = TypeString;
-}
+Variant::Variant(std::string_view value) { holdText(value); }
 
 Variant::Variant(std::string&& value) noexcept : type(TypeString) {
     ::new (&payload.text) std::string(std::move(value));
@@ -76,6 +71,12 @@ void Variant::Reset() noexcept {
         Container::destroy(owned);
     }
     type = TypeNull;
+}
+
+/** Becomes a text. This value must hold nothing to release. */
+void Variant::holdText(std::string_view value) {
+    ::new (&payload.text) std::string(value);
+    type = TypeString;
 }
 
 /** Becomes a copy of a value that is no container. This value must hold nothing that needs releasing. */
@@ -123,36 +124,19 @@ Variant& Variant::operator=(Variant&& other) noexcept {
     return *this;
 }
 
-Variant& Variant::operator=(const char* value) {
-    if (value != nullptr) return *this = std::string_view(value);
-    Reset();
-    return *this;
-}
+Variant& Variant::operator=(const char* value) { return *this = Variant(value); }
 
 Variant& Variant::operator=(std::string_view value) {
-    if (type == TypeString) {
+    if (type == TypeString)
         payload.text.assign(value);
-        return *this;
-    }
-    std::string copy(value);  // before releasing: value may be a text inside this value
-    Reset();
-    ::new (&payload.text) std::string(std::move(copy));
-    type = TypeString;
+    else if (type == TypeNull)
+        holdText(value);
+    else
+        *this = Variant(value);  // copied before releasing, for it may be a text inside this value
     return *this;
 }
 
-Variant& Variant::operator=(const std::string& value) { return *this = std::string_view(value); }
-
-Variant& Variant::operator=(std::string&& value) noexcept {
-    if (type == TypeString) {
-        payload.text = std::move(value);
-    } else {
-        Reset();
-        ::new (&payload.text) std::string(std::move(value));
-        type = TypeString;
-    }
-    return *this;
-}
+Variant& Variant::operator=(std::string&& value) noexcept { return *this = Variant(std::move(value)); }
 
 // Containers
 
@@ -164,8 +148,8 @@ void Variant::IsArray(bool array) noexcept {
     type = array ? TypeArray : TypeMap;
 }
 
-Variant& Variant::member(std::string_view key, bool hasIndex) {
-    if (Container* owned = members()) return owned->of(hasIndex).insert(key);
+/** Rare, so it is kept out of the way of finding a member. */
+__attribute__((noinline)) Variant& Variant::firstMember(std::string_view key, bool hasIndex) {
     Container::Owner owner(new Container, &Container::destroy);
     Variant& added = owner->of(hasIndex).insert(key);
     if (!isContainer()) IsArray(hasIndex);  // not before, since the key may be a text inside this value
@@ -173,12 +157,15 @@ Variant& Variant::member(std::string_view key, bool hasIndex) {
     return added;
 }
 
-Variant& Variant::member(std::string_view key) { return member(key, false); }
+Variant& Variant::member(std::string_view key) {
+    Container* owned = members();
+    return owned != nullptr ? owned->named.insert(key) : firstMember(key, false);
+}
 
 Variant& Variant::member(long long index) {
-    const Container* owned = members();
+    Container* owned = members();
     if (index == -1) index = owned != nullptr ? owned->nextIndex() : 0;
-    return member(IndexKey(index), true);
+    return owned != nullptr ? owned->indexed.insert(IndexKey(index)) : firstMember(IndexKey(index), true);
 }
 
 Variant* Variant::find(std::string_view key, bool hasIndex) const noexcept {

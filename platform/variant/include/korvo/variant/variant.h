@@ -273,7 +273,7 @@ class KORVO_VARIANT_EXPORT Variant {
     }
     Variant(const char* value);  ///< a copy of the text; a null pointer gives the null value
     Variant(std::string_view value);
-    Variant(const std::string& value);
+    Variant(const std::string& value) : Variant(std::string_view(value)) {}
     Variant(std::string&& value) noexcept;
     virtual ~Variant();
 
@@ -291,7 +291,7 @@ class KORVO_VARIANT_EXPORT Variant {
     }
     Variant& operator=(const char* value);  ///< a null pointer gives the null value
     Variant& operator=(std::string_view value);
-    Variant& operator=(const std::string& value);
+    Variant& operator=(const std::string& value) { return *this = std::string_view(value); }
     Variant& operator=(std::string&& value) noexcept;
     /** @} */
 
@@ -609,8 +609,9 @@ class KORVO_VARIANT_EXPORT Variant {
     }
 
     KORVO_VARIANT_PRIVATE void moveFrom(Variant& other) noexcept;
+    KORVO_VARIANT_PRIVATE void holdText(std::string_view value);
     KORVO_VARIANT_PRIVATE void copyLeaf(const Variant& other);
-    KORVO_VARIANT_PRIVATE Variant& member(std::string_view key, bool hasIndex);
+    KORVO_VARIANT_PRIVATE Variant& firstMember(std::string_view key, bool hasIndex);
     KORVO_VARIANT_PRIVATE Variant* find(std::string_view key, bool hasIndex) const noexcept;
     KORVO_VARIANT_PRIVATE bool removeMember(std::string_view key, bool hasIndex) noexcept;
     KORVO_VARIANT_PRIVATE const Variant* findComponent(std::string_view component) const noexcept;
