@@ -223,8 +223,7 @@ Variant& detail::memberAt(const Container& container, std::size_t position, long
 
 /** The member that one component of a key-chain path names, or null. */
 const Variant* Variant::findComponent(std::string_view component) const noexcept {
-    if (component.size() < 2 || component.front() != '[' || component.back() != ']')
-        return find(component);
+    if (component.size() < 2 || component.front() != '[' || component.back() != ']') return find(component);
     const std::string_view text = component.substr(1, component.size() - 2);
     long long index = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), index);
