@@ -139,13 +139,8 @@ void Container::compact(Container* container) noexcept {
 Container* Container::copy(const Container& source) {
     std::vector<std::pair<const Container*, Variant*>> nested;
     const auto copyValue = [&](const Variant& from, Variant& to) {
-        if (const Container* child = from.members()) {
-            nested.emplace_back(child, &to);
-            to.type = from.type;
-            to.payload.container = nullptr;
-        } else {
-            to.copyLeaf(from);
-        }
+        if (const Container* child = from.members()) nested.emplace_back(child, &to);
+        to.copyWithoutMembers(from);
     };
     const auto copyOneLevel = [&](const Container& from) {
         Owner to(new Container, &destroy);

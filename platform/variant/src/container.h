@@ -1,8 +1,7 @@
 /**
- * @file The members of a value, in sorted vectors. Chosen over std::map: a tree of 1000 texts in std::maps
- * takes 1.5 times as long to build, as long to copy and 1.2 times as long to look every text up
- * (`scripts/bench`, rows "value: ...", there std::map). The price: 10,000 members added to one container in
- * random order take 2.5 times as long, because each of them moves the entries behind it.
+ * @file The members of a value, in sorted vectors. Chosen over std::map, which takes 1.5 times as long to
+ * build a tree of 1000 texts and 1.2 times as long to look them up (`scripts/bench`, rows "value: ..."). The
+ * price: 10,000 members added to one container in random order take 2.5 times as long as in a map.
  */
 #pragma once
 

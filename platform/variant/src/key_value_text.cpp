@@ -5,8 +5,7 @@
 //   line    = blank | "#" any | key "=" value          split at the first "="
 //   key     = component { "." component }              1 to maxKeyComponents, any of which may be empty
 //
-// What the reader takes, the writer can give back; what the writer gives, the reader takes. Each refuses the
-// rest.
+// The reader takes only what the writer can give back; the writer gives only what the reader takes.
 
 #include <algorithm>
 #include <charconv>
@@ -42,9 +41,8 @@ std::string numberText(const Variant& number) {
 /** Sets a value to the number in @p text; false when that number would be written as another text. */
 template <class Number>
 [[nodiscard]] bool setNumber(Variant& value, std::string_view text) {
-    Number number = 0;
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (result.ec != std::errc() || result.ptr != text.data() + text.size()) return false;
+    Number number = 0;  // and it stays 0 when there is none to be read
+    (void)std::from_chars(text.data(), text.data() + text.size(), number);
     if (numberText(number) != text) return false;
     value = number;
     return true;
@@ -61,25 +59,18 @@ void setNumberOrText(Variant& value, std::string_view text) {
 
 bool isContainer(VariantType type) { return type == TypeMap || type == TypeArray; }
 
-bool isBlank(std::string_view line) {
-    return line.find_first_not_of(" \t\n\v\f\r") == std::string_view::npos;
-}
-
 /** Builds a tree from key=value text, line by line. */
 class KeyValueReader {
   public:
-    KeyValueReader(Variant& tree, bool keepTexts) : root(tree), valuesAsStrings(keepTexts) {
-        root.IsArray(false);
-    }
+    KeyValueReader(Variant& map, bool keepTexts) : root(map), valuesAsStrings(keepTexts) {}
 
     [[nodiscard]] bool read(std::string_view text) {
-        while (!text.empty()) {
-            const std::size_t lineEnd = text.find('\n');
-            std::string_view line = text.substr(0, lineEnd);
-            if (lineEnd != std::string_view::npos && !line.empty() && line.back() == '\r')
-                line.remove_suffix(1);
+        for (std::size_t begin = 0; begin < text.size();) {
+            const std::size_t end = std::min(text.find('\n', begin), text.size());
+            std::string_view line = text.substr(begin, end - begin);
+            if (end < text.size() && !line.empty() && line.back() == '\r') line.remove_suffix(1);
             if (!readLine(line)) return false;
-            text.remove_prefix(lineEnd != std::string_view::npos ? lineEnd + 1 : text.size());
+            begin = end + 1;
         }
         return true;
     }
@@ -88,7 +79,8 @@ class KeyValueReader {
     [[nodiscard]] bool readLine(std::string_view line) {
         if (line.empty() || line.front() == '#') return true;
         const std::size_t equals = line.find('=');
-        if (equals == std::string_view::npos) return isBlank(line);
+        if (equals == std::string_view::npos)  // then only a blank line is one
+            return line.find_first_not_of(" \t\n\v\f\r") == std::string_view::npos;
         const std::string_view value = line.substr(equals + 1);
         if (!value.empty() && value.back() == '\r') return false;
         const std::string_view key = line.substr(0, equals);
@@ -104,9 +96,7 @@ class KeyValueReader {
         return true;
     }
 
-    /**
-     * The map that a path names, made when missing; null when the path is too long or leads through a value.
-     */
+    /** The map at a path, made when missing; null when the path is too long or leads through a value. */
     Variant* findGroup(std::string_view path) {
         // Lines of one group mostly stand together.
         if (lastGroup != nullptr && path == lastPath) return lastGroup;
@@ -223,6 +213,7 @@ class KeyValueWriter {
 
 bool Variant::FromKVP(const std::string& text, bool /*reserved*/, bool valuesAsStrings, bool /*reserved2*/) {
     Variant tree;
+    tree.IsArray(false);
     if (!KeyValueReader(tree, valuesAsStrings).read(text)) return false;
     *this = std::move(tree);
     return true;

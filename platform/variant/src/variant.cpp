@@ -11,13 +11,10 @@
 namespace korvo::variant {
 namespace {
 
-/** The double nearest to zero that is beyond the range of integers with so many value bits. */
-double upperBound(int valueBits) { return 2.0 * static_cast<double>(1ULL << (valueBits - 1)); }
-
 /** A double as an integer with so many value bits, and with a sign bit or without; modulo 2^64. */
 std::uint64_t saturated(double value, int valueBits, bool isSigned) {
-    const double bound = upperBound(valueBits);
     const std::uint64_t largest = ~0ULL >> (64 - valueBits);
+    const double bound = 2.0 * static_cast<double>(1ULL << (valueBits - 1));  // the largest and one more
     if (std::isnan(value)) return 0;
     if (value >= bound) return largest;
     if (!isSigned) return value > 0 ? static_cast<std::uint64_t>(value) : 0;
@@ -41,12 +38,11 @@ __attribute__((init_priority(101))) const Lasting<std::string> emptyText;
 // Construction and assignment
 
 Variant::Variant(const Variant& other) {
-    if (other.isContainer()) {
-        const Container* source = other.members();
-        payload.container = source != nullptr ? Container::copy(*source) : nullptr;
+    if (const Container* source = other.members()) {
+        payload.container = Container::copy(*source);
         type = other.type;
     } else {
-        copyLeaf(other);
+        copyWithoutMembers(other);
     }
 }
 
@@ -79,12 +75,14 @@ void Variant::holdText(std::string_view value) {
     type = TypeString;
 }
 
-/** Becomes a copy of a value that is no container. This value must hold nothing that needs releasing. */
-void Variant::copyLeaf(const Variant& other) {
+/** Becomes a copy of a value, of a container one without members. This value must hold nothing to release. */
+void Variant::copyWithoutMembers(const Variant& other) {
     if (other.type == TypeString) {
         ::new (&payload.text) std::string(other.payload.text);
     } else if (other.type == TypeDouble) {
         payload.real = other.payload.real;
+    } else if (other.isContainer()) {
+        payload.container = nullptr;
     } else if (other.type != TypeNull) {
         payload.integer = other.payload.integer;
     }
@@ -101,7 +99,7 @@ void Variant::moveFrom(Variant& other) noexcept {
         payload.container = other.payload.container;
         type = other.type;
     } else {
-        copyLeaf(other);
+        copyWithoutMembers(other);
     }
     other.type = TypeNull;
 }
@@ -168,14 +166,15 @@ Variant& Variant::member(long long index) {
     return owned != nullptr ? owned->indexed.insert(IndexKey(index)) : firstMember(IndexKey(index), true);
 }
 
-Variant* Variant::find(std::string_view key, bool hasIndex) const noexcept {
+const Variant* Variant::find(std::string_view key) const noexcept {
     Container* owned = members();
-    return owned != nullptr ? owned->of(hasIndex).find(key) : nullptr;
+    return owned != nullptr ? owned->named.find(key) : nullptr;
 }
 
-const Variant* Variant::find(std::string_view key) const noexcept { return find(key, false); }
-
-const Variant* Variant::find(long long index) const noexcept { return find(IndexKey(index), true); }
+const Variant* Variant::find(long long index) const noexcept {
+    Container* owned = members();
+    return owned != nullptr ? owned->indexed.find(IndexKey(index)) : nullptr;
+}
 
 const Variant& Variant::orNull(const Variant* found) noexcept {
     return found != nullptr ? *found : nothing.value;
@@ -186,19 +185,15 @@ std::size_t Variant::count(bool hasIndex) const noexcept {
     return owned != nullptr ? owned->of(hasIndex).entries().size() : 0;
 }
 
-bool Variant::removeMember(std::string_view key, bool hasIndex) noexcept {
+bool Variant::removeMember(std::string_view key) noexcept {
     Container* owned = members();
-    if (owned == nullptr || !owned->of(hasIndex).remove(key)) return false;
-    if (Size() == 0) {
-        payload.container = nullptr;
-        Container::destroy(owned);
-    }
-    return true;
+    return owned != nullptr && owned->named.remove(key);
 }
 
-bool Variant::removeMember(std::string_view key) noexcept { return removeMember(key, false); }
-
-bool Variant::removeMember(long long index) noexcept { return removeMember(IndexKey(index), true); }
+bool Variant::removeMember(long long index) noexcept {
+    Container* owned = members();
+    return owned != nullptr && owned->indexed.remove(IndexKey(index));
+}
 
 void Variant::Compact() {
     if (type == TypeString)
@@ -254,15 +249,13 @@ Variant* Variant::GetKeyChain(VariantType filter, const char* path, bool reserve
 
 std::uint64_t Variant::toInteger(int valueBits, bool isSigned) const noexcept {
     if (type == TypeDouble) return saturated(payload.real, valueBits, isSigned);
-    return (type & TypeNumeric) != 0 || type == TypeBool ? payload.integer : 0;
+    return isNumber() ? payload.integer : 0;
 }
 
 bool Variant::toBool() const noexcept {
     if (type == TypeDouble) return payload.real != 0 && !std::isnan(payload.real);
-    return ((type & TypeNumeric) != 0 || type == TypeBool) && payload.integer != 0;
+    return isNumber() && payload.integer != 0;
 }
-
-Variant::operator const char*() const noexcept { return type == TypeString ? payload.text.c_str() : ""; }
 
 Variant::operator const std::string&() const noexcept {
     return type == TypeString ? payload.text : emptyText.value;
@@ -289,32 +282,27 @@ bool sameReal(double left, double right) { return left == right || (std::isnan(l
 /** Whether a double is exactly the integer, which is its low 64 bits and its sign. */
 bool sameNumber(double real, std::uint64_t integer, bool isNegative) {
     const int valueBits = isNegative ? 63 : 64;
-    if (!(isNegative ? real < 0 && real >= -upperBound(63) : real >= 0 && real < upperBound(64)))
-        return false;
-    return std::trunc(real) == real && saturated(real, valueBits, isNegative) == integer;
-}
-
-/** Whether the 64 bits of an integer of that type are those of a negative number. */
-bool isNegative(VariantType type, std::uint64_t integer) {
-    return detail::isSignedInteger(type) && static_cast<std::int64_t>(integer) < 0;
+    const bool isInRange = isNegative ? real < 0 && real >= -0x1p63 : real >= 0 && real < 0x1p64;
+    return isInRange && std::trunc(real) == real && saturated(real, valueBits, isNegative) == integer;
 }
 
 }  // namespace
 
-bool Variant::equalsInteger(std::uint64_t value, bool isNegativeValue) const noexcept {
-    if (type == TypeDouble) return sameNumber(payload.real, value, isNegativeValue);
-    if ((type & TypeNumeric) == 0 && type != TypeBool) return false;
-    return payload.integer == value && isNegative(type, value) == isNegativeValue;
+/** Whether an integer is below zero. The tags of signed ones have 0x0100, those of unsigned ones 0x0200. */
+bool Variant::isNegative() const noexcept {
+    return (type & 0xff00) == 0x4100 && static_cast<std::int64_t>(payload.integer) < 0;
 }
 
-bool Variant::equalsReal(double value) const noexcept {
-    if (type == TypeDouble) return payload.real == value;
-    if ((type & TypeNumeric) == 0 && type != TypeBool) return false;
-    return sameNumber(value, payload.integer, isNegative(type, payload.integer));
+bool Variant::equalsNumber(const Variant& number) const noexcept {
+    if (!isNumber()) return false;
+    if (type == TypeDouble && number.type == TypeDouble) return payload.real == number.payload.real;
+    if (type == TypeDouble) return sameNumber(payload.real, number.payload.integer, number.isNegative());
+    if (number.type == TypeDouble) return sameNumber(number.payload.real, payload.integer, isNegative());
+    return payload.integer == number.payload.integer && isNegative() == number.isNegative();
 }
 
-bool Variant::equalsView(std::string_view value) const noexcept {
-    return type == TypeString && payload.text == value;
+bool Variant::equalsText(std::string_view text) const noexcept {
+    return type == TypeString && payload.text == text;
 }
 
 bool operator==(const Variant& leftValue, const Variant& rightValue) {

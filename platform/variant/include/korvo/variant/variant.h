@@ -16,10 +16,9 @@
  *
  * Ownership: a Variant owns its content. Copies are deep; a moved-from Variant is null.
  *
- * References: `operator[]` and GetKeyChain() give references into the container. They stay valid until that
- * member is removed, or the container that holds it is assigned to, reset, freed or destroyed; adding and
- * removing other members does not disturb them. Moving or swapping a container takes the members along, and
- * references to them with it.
+ * References to members, from `operator[]` and GetKeyChain(), stay valid until that member is removed, or its
+ * container is assigned to, reset, freed or destroyed; adding and removing other members does not disturb
+ * them. Moving or swapping a container takes the members along, and references to them with it.
  *
  * Threads: distinct values may be used from distinct threads. One value may be read by several threads at
  * once through const operations; any other operation needs it alone.
@@ -43,7 +42,6 @@
 #include <cstdint>
 #include <iterator>
 #include <limits>
-#include <new>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -51,14 +49,14 @@
 /** Marks what the variant library exports. */
 #define KORVO_VARIANT_EXPORT __attribute__((visibility("default")))
 
-/** Marks what it does not export although its class is. */
+/** Marks a member of an exported class that is not exported. */
 #define KORVO_VARIANT_PRIVATE __attribute__((visibility("hidden")))
 
 namespace korvo::variant {
 
 /**
- * The type tag of a value: a set of category bits. A value belongs to a category when `(type & CATEGORY) ==
- * CATEGORY`; test for TypeDouble before TypeNumeric, which doubles carry too.
+ * The type tag of a value, a set of category bits: a value belongs to a category when `(type & CATEGORY) ==
+ * CATEGORY`. Test for TypeDouble before TypeNumeric, which doubles carry too.
  */
 enum VariantType : std::uint16_t {
     TypeNull = 0x0001,
@@ -78,47 +76,28 @@ enum VariantType : std::uint16_t {
     TypeAny = 0xffff  ///< as a filter only: passes every type, null included
 };
 
-/// @cond
-namespace detail {
-
-/** All types of integers. A tag has 0x0100 where it is signed, 0x0200 where not, and 0x10 for each byte. */
-inline constexpr VariantType integerTypes[] = {TypeInt8,   TypeInt32,  TypeInt64,
-                                               TypeUInt16, TypeUInt32, TypeUInt64};
-
-constexpr bool isSignedInteger(VariantType type) { return (type & 0xff00) == 0x4100; }
-
-/** The narrowest type that keeps each value of an integer of so many bytes. */
-constexpr VariantType integerType(std::size_t bytes, bool isSigned) {
-    VariantType narrowest = isSigned ? TypeInt64 : TypeUInt64;
-    for (const VariantType type : integerTypes) {
-        if (isSignedInteger(type) == isSigned && (type & 0xffU) >= bytes * 0x10 && type < narrowest)
-            narrowest = type;
-    }
-    return narrowest;
-}
-
-}  // namespace detail
-/// @endcond
-
 /**
  * How a value of the C++ type @p T is held: a tag for every arithmetic type and, as its underlying type, for
- * every enumeration. An integer gets the tag with its width, or with the next wider one that there is, so
- * that it keeps its value; all floating types are held as double. For other types, pointers above all, it is
- * TypeNull.
+ * every enumeration. An integer gets the tag of its width or the next wider one, so that it keeps its value;
+ * all floating types are held as double. For other types, pointers above all, it is TypeNull.
  */
 template <class T>
 constexpr VariantType numberTag() {
-    if constexpr (std::is_same<T, bool>::value) {
+    constexpr bool isSigned = std::is_signed<T>::value;
+    if constexpr (std::is_same<T, bool>::value)
         return TypeBool;
-    } else if constexpr (std::is_floating_point<T>::value) {
+    else if constexpr (std::is_floating_point<T>::value)
         return TypeDouble;
-    } else if constexpr (std::is_enum<T>::value) {
+    else if constexpr (std::is_enum<T>::value)
         return numberTag<std::underlying_type_t<T>>();
-    } else if constexpr (std::is_integral<T>::value) {
-        return sizeof(T) <= 8 ? detail::integerType(sizeof(T), std::is_signed<T>::value) : TypeNull;
-    } else {
+    else if constexpr (!std::is_integral<T>::value || sizeof(T) > 8)
         return TypeNull;
-    }
+    else if constexpr (sizeof(T) > 4)
+        return isSigned ? TypeInt64 : TypeUInt64;
+    else if constexpr (isSigned)
+        return sizeof(T) == 1 ? TypeInt8 : TypeInt32;
+    else
+        return sizeof(T) <= 2 ? TypeUInt16 : TypeUInt32;
 }
 
 /// @cond
@@ -134,9 +113,7 @@ inline constexpr bool isNumber = numberTag<T>() != TypeNull;
 template <class T>
 inline constexpr bool isIndex = std::is_integral<T>::value && !std::is_same<T, bool>::value;
 
-/**
- * Whether each number of the underlying type is a value of the enumeration: it was declared with that type.
- */
+/** Whether the enumeration was declared with its type: each number of that type is one of its values. */
 template <class T, class = void>
 inline constexpr bool isFixedEnumeration = false;
 template <class T>
@@ -157,7 +134,7 @@ inline constexpr bool isComparedText =
     !std::is_base_of<Variant, T>::value && (std::is_convertible<const T&, const char*>::value ||
                                             std::is_convertible<const T&, std::string_view>::value);
 
-/** A floating number in a type that may be narrower; what is too large becomes the largest finite one. */
+/** A floating number in a type that may be narrower; one too large becomes the largest finite one. */
 template <class To, class From>
 To narrowed(From value) {
     if constexpr (std::numeric_limits<From>::max_exponent > std::numeric_limits<To>::max_exponent) {
@@ -169,19 +146,12 @@ To narrowed(From value) {
     return static_cast<To>(value);
 }
 
-inline std::string_view textOf(const char* text) {
-    return text != nullptr ? std::string_view(text) : std::string_view();
-}
-
-/** A key as one of the two kinds that members have. */
-template <class Key>
-auto memberKey(const Key& key) {
-    if constexpr (std::is_convertible<const Key&, const char*>::value)
-        return textOf(key);
-    else if constexpr (std::is_convertible<const Key&, std::string_view>::value)
-        return std::string_view(key);
-    else
-        return static_cast<long long>(key);
+// A key as one of the two kinds that members have.
+inline std::string_view memberKey(const char* key) { return key != nullptr ? key : ""; }
+inline std::string_view memberKey(std::string_view key) { return key; }
+template <class Integer, std::enable_if_t<isIndex<Integer>, int> = 0>
+long long memberKey(Integer index) {
+    return static_cast<long long>(index);
 }
 
 /** The member at a position among those with such keys, and its key. */
@@ -192,10 +162,7 @@ KORVO_VARIANT_EXPORT Variant& memberAt(const Container& container, std::size_t p
 }  // namespace detail
 /// @endcond
 
-/**
- * Walks the members of a value that have keys of one kind, in ascending order. Made by Variant::begin() and
- * Variant::num_begin(). @p Key is std::string_view or long long, @p Value is Variant or const Variant.
- */
+/** Walks the members of a value that have keys of one kind, text or index. See Variant::begin(). */
 template <class Key, class Value>
 class MemberIterator {
   public:
@@ -278,8 +245,8 @@ class KORVO_VARIANT_EXPORT Variant {
     virtual ~Variant();
 
     /** @name Assignment
-     * Replaces the value, whatever it held. The source may be the value itself, one of its members, or a text
-     * inside it. A value must not be moved into one of its own members.
+     * Replaces the value. The source may be the value itself, one of its members, or a text inside it; but a
+     * value must not be moved into one of its own members.
      * @{ */
     Variant& operator=(const Variant& other);
     Variant& operator=(Variant&& other) noexcept;
@@ -298,43 +265,38 @@ class KORVO_VARIANT_EXPORT Variant {
     /** Back to the null value; everything held is released. */
     void Reset() noexcept;
 
-    /** The same as Reset(). */
-    void Free() noexcept { Reset(); }
+    void Free() noexcept { Reset(); }  ///< the same as Reset()
 
-    /**
-     * Marks the value as an array (true) or as a map (false). A container keeps its members; any other value
-     * becomes an empty container.
-     */
+    /** Makes the value an array or a map. A container keeps its members; any other value becomes empty. */
     void IsArray(bool array) noexcept;
 
     /** @name Members
-     * The member under a key, added as a null value when it is missing. A value that is no container first
-     * becomes an empty one: a map for a text key, an array for an index. A null pointer is the empty key.
+     * The member under a key, added as a null value when missing. A value that is no container becomes an
+     * empty one first: a map for a text key, an array for an index. A null pointer is the empty key.
      *
-     * Indices are signed 64-bit numbers; an unsigned one must be below 2^63. The index -1 appends: it stands
-     * for the index after the last one, at least 0. When the last index is the largest there is, -1 stands
-     * for that.
+     * Indices are signed 64-bit numbers; an unsigned one must be below 2^63. The index -1 appends: it is the
+     * one after the last, at least 0, and the last one itself when that is the largest possible.
      * @{ */
-    Variant& operator[](const char* key) { return member(detail::textOf(key)); }
+    Variant& operator[](const char* key) { return member(detail::memberKey(key)); }
     Variant& operator[](std::string_view key) { return member(key); }
     template <class Integer, std::enable_if_t<detail::isIndex<Integer>, int> = 0>
     Variant& operator[](Integer index) {
-        return member(static_cast<long long>(index));
+        return member(detail::memberKey(index));
     }
     /** @} */
 
     /** @name Members of a constant value
-     * The member under a key, or a null value that belongs to nobody when there is none; -1 is none.
+     * The member under a key, or a shared null value when there is none; -1 is none.
      * @{ */
-    const Variant& operator[](const char* key) const { return orNull(find(detail::textOf(key))); }
+    const Variant& operator[](const char* key) const { return orNull(find(detail::memberKey(key))); }
     const Variant& operator[](std::string_view key) const { return orNull(find(key)); }
     template <class Integer, std::enable_if_t<detail::isIndex<Integer>, int> = 0>
     const Variant& operator[](Integer index) const {
-        return orNull(find(static_cast<long long>(index)));
+        return orNull(find(detail::memberKey(index)));
     }
     /** @} */
 
-    /** The number of members, those with text keys and those with indices; 0 for what is no container. */
+    /** The number of members of both kinds; 0 for what is no container. */
     std::size_t Size() const noexcept { return count(false) + count(true); }
 
     /** Whether there is a member under a key, a text or an index; -1 is none. */
@@ -344,9 +306,8 @@ class KORVO_VARIANT_EXPORT Variant {
     }
 
     /**
-     * Removes the member under a key, a text or an index, and all below it, and frees its memory. The value
-     * stays a map or an array even if that was its last member.
-     * @return whether there was such a member; -1 is none
+     * Removes the member under a key, a text or an index, and returns whether there was one; -1 is none. The
+     * value stays a map or an array even if that was its last member.
      */
     template <class Key>
     bool Remove(const Key& key) noexcept {
@@ -354,11 +315,10 @@ class KORVO_VARIANT_EXPORT Variant {
     }
 
     /** @name Iteration
-     * From begin() to end() stand the members with text keys, in ascending byte order; from num_begin() to
-     * num_end() those with an index, in ascending order. So `for (auto& [key, member] : value)` leaves out the
-     * members with an index, all of an array; `for (auto& [index, member] : value.Indexed())` walks them. Both
-     * ranges are empty for a value that is no container. An element has `first`, the key, and `second`, the
-     * member. Adding a member to this value or removing one makes its iterators invalid.
+     * begin() to end() are the members with text keys, in ascending byte order; num_begin() to num_end() those
+     * with an index, in ascending order. So `for (auto& [key, member] : value)` leaves out the members with an
+     * index, all of an array; `for (auto& [index, member] : value.Indexed())` walks them. Both ranges are empty
+     * for what is no container. Adding or removing a member of this value invalidates its iterators.
      * @{ */
     iterator begin() { return {members(), 0}; }
     iterator end() { return {members(), count(false)}; }
@@ -376,12 +336,11 @@ class KORVO_VARIANT_EXPORT Variant {
     /**
      * Finds a value below this one; creates nothing.
      *
-     * @param filter    what the value found must be: its type AND @p filter must equal @p filter. TypeAny
-     *                  passes all, TypeMap arrays too
-     * @param path      components separated by "/". A component names the member with exactly that text key,
-     *                  also when it is empty or all digits. "[n]" with an integer n names the member with
-     *                  that index, "[text]" with anything else the member with the text key between the
-     *                  brackets
+     * @param filter    `(type & filter) == filter` must hold for the value; TypeAny passes all, TypeMap arrays
+     *                  too
+     * @param path      components separated by "/". A component is exactly a text key, even if it is empty or
+     *                  all digits; "[n]" with an integer n is an index, "[text]" with anything else the text
+     *                  key between the brackets
      * @param reserved  not used
      * @return the value, or null when there is none or it does not pass the filter
      */
@@ -390,25 +349,21 @@ class KORVO_VARIANT_EXPORT Variant {
 
     /** @name Key=value text
      * One `key=value` per line, split at the first "=". The key is a path of text keys with dots between
-     * them: the line `a.b=5` is member b of member a. A line ends with a line feed, before which one carriage
-     * return does not count. Nothing is trimmed. Blank lines and lines that begin with "#" are skipped. Of a
-     * repeated key the last value counts.
+     * them: the line `a.b=5` is member b of member a. A line ends with a line feed or with a carriage return
+     * and a line feed. Nothing is trimmed. Blank lines and lines that begin with "#" are skipped. The last
+     * value of a repeated key counts.
      * @{ */
 
     /**
-     * Replaces the value by the tree that @p text describes, a map.
+     * Replaces the value by the map that @p text, of any bytes, describes.
      *
-     * Refuses, with false and the value as it was, what ToKVP() could not give back: a line that is not blank
-     * and has no "=", a key that has both a value and keys below it, a key of more than maxKeyComponents
-     * components, a value with a carriage return at its end.
+     * Returns false and leaves the value as it was for what ToKVP() could not give back: a line that is not
+     * blank and has no "=", a key with both a value and keys below it, a key of more than maxKeyComponents
+     * components, a value that ends with a carriage return.
      *
-     * @param text             the text; any bytes
-     * @param reserved         not used
-     * @param valuesAsStrings  true holds every value as a string. False holds a value as a number when it is
+     * @param valuesAsStrings  true holds every value as a string. False holds it as a number when it is
      *                         exactly the text that ToKVP() writes for that number (7, -3, 2.5; not 007, 1.50
-     *                         or 1e3), as the first of int, long long, unsigned long long and double that
-     *                         fits
-     * @param reserved2        not used
+     *                         or 1e3): the first of int, long long, unsigned long long and double that fits
      */
     [[nodiscard]] bool FromKVP(const std::string& text, bool reserved, bool valuesAsStrings, bool reserved2);
 
@@ -423,14 +378,13 @@ class KORVO_VARIANT_EXPORT Variant {
      * keys. Booleans are written as 1 and 0, doubles in the shortest form that reads back the same, with ".0"
      * where that would look like an integer. Null members and empty containers have no line.
      *
-     * Refuses, with false and @p text as it was, what would not read back as the same tree: a key that holds
-     * "=", "." or a line feed, a value that holds a line feed, a line that begins with "#" or ends with a
-     * carriage return, an index and a text key that look the same, more than maxKeyComponents levels, and this
-     * value itself when it is neither a container nor null. A member that has no line may have any key.
+     * Returns false and leaves @p text as it was for what would not read back as the same tree: a key that
+     * holds "=", "." or a line feed, a value that holds a line feed, a line that begins with "#" or ends with
+     * a carriage return, an index and a text key that look the same, more than maxKeyComponents levels, and
+     * this value itself unless it is a container or null. A member that has no line may have any key.
      *
-     * Separators of one's own take the place of "=" and the line feed in this: a line is refused unless the key
-     * separator stands in it first behind the key, and the line separator first behind the value. An empty
-     * separator is taken as it is, though nobody can tell then where a key or a line ends.
+     * With other separators a line is refused unless the first key separator in it stands behind the key and
+     * the first line separator behind the value; an empty separator is never refused.
      *
      * @param text           receives the text; must not be a text inside this value. What it has reserved is
      *                       reserved for the new text too, which spares growing
@@ -441,17 +395,14 @@ class KORVO_VARIANT_EXPORT Variant {
                              const std::string& lineSeparator) const;
     /** @} */
 
-    /**
-     * Frees what texts and the lists of members hold in reserve for growing. The value stays equal to what it
-     * was.
-     */
+    /** Frees what texts and lists of members hold in reserve for growing; changes no value. */
     void Compact();
 
     /** @name Conversions (table at the top of this file)
      * @{ */
     operator VariantType() const noexcept { return type; }
-    // Not one template: where an operator could mean several things, compilers leave templates out, and then
-    // take a conversion that nobody meant.
+    // Not one template: compilers leave templates out where an operator is ambiguous, and then take a
+    // conversion that nobody meant.
     operator bool() const noexcept { return As<bool>(); }
     operator signed char() const noexcept { return As<signed char>(); }
     operator unsigned char() const noexcept { return As<unsigned char>(); }
@@ -466,33 +417,33 @@ class KORVO_VARIANT_EXPORT Variant {
     operator float() const noexcept { return As<float>(); }
     operator double() const noexcept { return As<double>(); }
     operator long double() const noexcept { return As<long double>(); }
-    operator const char*() const noexcept;  ///< valid until the value is changed; never null
     operator const std::string&() const noexcept;
+    /** Valid until the value is changed; never null. */
+    operator const char*() const noexcept { return static_cast<const std::string&>(*this).c_str(); }
     /** @} */
 
     /**
      * The same conversions by name, for where the implicit one is ambiguous: in expressions, `switch`,
-     * output, and when a string is assigned to. @p T is an arithmetic type, characters included, an
-     * enumeration with a fixed underlying type, VariantType for the type tag, std::string, std::string_view
-     * or const char*. Views and pointers are valid until the value is changed.
+     * output, and assignment to a string. @p T is an arithmetic type, characters included, an enumeration
+     * with a fixed underlying type, VariantType for the type tag, std::string, std::string_view or
+     * const char*. Views and pointers are valid until the value is changed.
      */
     template <class T, std::enable_if_t<detail::isNamedConversion<T>, int> = 0>
     T As() const {
-        if constexpr (std::is_same<T, VariantType>::value) {
+        if constexpr (std::is_same<T, VariantType>::value)
             return type;
-        } else if constexpr (std::is_same<T, bool>::value) {
+        else if constexpr (std::is_same<T, bool>::value)
             return toBool();
-        } else if constexpr (std::is_floating_point<T>::value) {
+        else if constexpr (std::is_floating_point<T>::value)
             return toReal<T>();
-        } else if constexpr (std::is_integral<T>::value) {
+        else if constexpr (std::is_integral<T>::value)
             return static_cast<T>(toInteger(std::numeric_limits<T>::digits, std::is_signed<T>::value));
-        } else if constexpr (std::is_enum<T>::value) {
+        else if constexpr (std::is_enum<T>::value)
             return static_cast<T>(As<std::underlying_type_t<T>>());
-        } else if constexpr (std::is_same<T, const char*>::value) {
+        else if constexpr (std::is_same<T, const char*>::value)
             return static_cast<const char*>(*this);
-        } else {
+        else
             return T(static_cast<const std::string&>(*this));
-        }
     }
 
     /**
@@ -503,9 +454,8 @@ class KORVO_VARIANT_EXPORT Variant {
     friend bool operator!=(const Variant& left, const Variant& right) { return !(left == right); }
 
     /** @name Comparison with numbers and texts
-     * By value, whatever the types are: a held number of any type equals the same number, a boolean being 1
-     * or 0; a text equals the same text. A text equals no number, and what is neither equals nothing; only
-     * the null value equals a null pointer.
+     * By value, whatever the types are: a number of any type equals the same number, a boolean being 1 or 0; a
+     * text equals the same text and no number; a container equals none. Only null equals a null pointer.
      * @{ */
     template <class T, std::enable_if_t<detail::isComparedNumber<T>, int> = 0>
     friend bool operator==(const Variant& left, T right) noexcept {
@@ -554,10 +504,11 @@ class KORVO_VARIANT_EXPORT Variant {
         Container* container;  ///< null while the container is empty
     };
 
+    bool isNumber() const noexcept { return (type & TypeNumeric) != 0 || type == TypeBool; }
     bool isContainer() const noexcept { return type == TypeMap || type == TypeArray; }
     Container* members() const noexcept { return isContainer() ? payload.container : nullptr; }
 
-    // What the templates above call.
+    // What the templates above call; a text is a text key, a number an index.
     Variant& member(std::string_view key);
     Variant& member(long long index);
     const Variant* find(std::string_view key) const noexcept;
@@ -584,36 +535,17 @@ class KORVO_VARIANT_EXPORT Variant {
         return type == TypeUInt64 ? static_cast<Real>(integer)
                                   : static_cast<Real>(static_cast<std::int64_t>(integer));
     }
-    bool equalsInteger(std::uint64_t value, bool isNegative) const noexcept;
-    bool equalsReal(double value) const noexcept;
-    bool equalsView(std::string_view value) const noexcept;
-
-    template <class T>
-    bool equalsNumber(T value) const noexcept {
-        constexpr VariantType tag = numberTag<T>();
-        if constexpr (tag == TypeDouble) {
-            return equalsReal(detail::narrowed<double>(value));
-        } else {
-            const auto bits = static_cast<std::uint64_t>(value);
-            return equalsInteger(bits, detail::isSignedInteger(tag) && static_cast<std::int64_t>(bits) < 0);
-        }
-    }
-    template <class T>
-    bool equalsText(const T& value) const {
-        if constexpr (std::is_convertible<const T&, const char*>::value) {
-            const char* text = value;
-            return text != nullptr ? equalsView(text) : type == TypeNull;
-        } else {
-            return equalsView(value);
-        }
+    bool equalsNumber(const Variant& number) const noexcept;
+    bool equalsText(std::string_view text) const noexcept;
+    bool equalsText(const char* text) const noexcept {
+        return text != nullptr ? equalsText(std::string_view(text)) : type == TypeNull;
     }
 
     KORVO_VARIANT_PRIVATE void moveFrom(Variant& other) noexcept;
     KORVO_VARIANT_PRIVATE void holdText(std::string_view value);
-    KORVO_VARIANT_PRIVATE void copyLeaf(const Variant& other);
+    KORVO_VARIANT_PRIVATE void copyWithoutMembers(const Variant& other);
     KORVO_VARIANT_PRIVATE Variant& firstMember(std::string_view key, bool hasIndex);
-    KORVO_VARIANT_PRIVATE Variant* find(std::string_view key, bool hasIndex) const noexcept;
-    KORVO_VARIANT_PRIVATE bool removeMember(std::string_view key, bool hasIndex) noexcept;
+    KORVO_VARIANT_PRIVATE bool isNegative() const noexcept;
     KORVO_VARIANT_PRIVATE const Variant* findComponent(std::string_view component) const noexcept;
 
     VariantType type = TypeNull;
