@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
+#include <cstdlib>
 #include <iterator>
 #include <limits>
 #include <memory>
@@ -22,8 +22,8 @@ namespace {
 
 constexpr char facility[] = "src/camerainfo";
 
-signed char feature(CameraInfo& info, const char* key) {
-    return memberOrDefault(info, key, TypeNumeric, false);
+signed char feature(Variant& record, const char* key) {
+    return memberOrDefault(record, key, TypeNumeric, false);
 }
 
 double seconds(CameraInfo& info, const char* key) { return memberOrDefault(info, key, TypeNumeric, 0); }
@@ -67,12 +67,11 @@ namespace {
 [[nodiscard]] bool readBoard(Variant& record, Failure* failure) {
     std::string text;
     if (!readFile(boardFile, text, failure)) return false;
-    CameraInfo description;
-    Variant texts;
+    Variant description, texts;
     if (!description.FromKVP(text, false, false, true) || !texts.FromKVP(text, true, true, true))
         return refuseFile(boardFile, "it is no key=value text", failure);
     // An address of digits only is still a text.
-    const Variant* address = texts.GetKeyChain(TypeAny, "board/hwaddr", false);
+    const Variant* address = find(texts, TypeAny, "board/hwaddr");
     if (address != nullptr) description["board"]["hwaddr"] = *address;
 
     record = std::move(description["board"]);
@@ -133,36 +132,32 @@ __attribute__((no_sanitize("float-divide-by-zero"))) double loadOf(double idleTi
     return true;
 }
 
-/** The form of a full firmware version, as a regular expression. */
+/** The form of a full firmware version; its first group is the protocol version. */
 std::string versionPattern() {
-    std::string pattern =
-        "^([a-zA-Z0-9]+)[.]([a-zA-Z0-9]+)"               // model, second field
-        "[.]v([0-9]+)[.]([0-9]+)[.]([0-9]+)[.]([0-9]+)"  // version, its last number the protocol's
-        "(-[a-z]+[1-9]?)?"                               // suffix
-        "[.]((M_)?[a-f0-9]+)[.][0-9]{6}[.][0-9]{4}$";    // build
-    // In some locales a range matches more than ASCII, what is written out does not.
-    const std::pair<const char*, const char*> ranges[] = {{"a-z", "abcdefghijklmnopqrstuvwxyz"},
-                                                          {"A-Z", "ABCDEFGHIJKLMNOPQRSTUVWXYZ"},
-                                                          {"a-f", "abcdef"},
-                                                          {"0-9", "0123456789"},
-                                                          {"1-9", "123456789"}};
-    for (const auto& [range, characters] : ranges) utils::replaceAll(pattern, range, characters);
-    return pattern;
+    // Written out, since in some locales a range such as a-z matches more than ASCII.
+    const char* const letter = "[abcdefghijklmnopqrstuvwxyz]";
+    const char* const digit = "[0123456789]";
+    const char* const either = "[ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789]";
+    return utils::format(
+        "^%s+[.]%s+"  // model, second field
+        "[.]v%s+[.]%s+[.]%s+[.](%s+)"
+        "(-%s+[123456789]?)?"                            // suffix
+        "[.](M_)?[abcdef0123456789]+[.]%s{6}[.]%s{4}$",  // build
+        either, either, digit, digit, digit, digit, letter, digit, digit);
 }
 
 [[nodiscard]] bool storeProtocolVersion(CameraInfo& info, Failure* failure) {
-    constexpr std::size_t protocolVersionGroup = 6;
     regex_t pattern;
     const int error = ::regcomp(&pattern, versionPattern().c_str(), REG_EXTENDED);
     if (error != 0) {
-        std::string why(1024, '\0');
-        (void)::regerror(error, &pattern, why.data(), why.size());
-        KORVO_LOG("Init", logger::LevelError, 0, "Failed to compile FW version regex: %s", why.c_str());
-        return refuseFile(firmwareVersionFile, why.c_str(), failure);
+        char why[1024];
+        (void)::regerror(error, &pattern, why, sizeof why);
+        KORVO_LOG("Init", logger::LevelError, 0, "Failed to compile FW version regex: %s", why);
+        return refuseFile(firmwareVersionFile, why, failure);
     }
     const std::unique_ptr<regex_t, decltype(&::regfree)> compiled(&pattern, &::regfree);
     const std::string version = info.fullVersion();
-    regmatch_t groups[protocolVersionGroup + 1];
+    regmatch_t groups[2];  // the whole, the protocol version
     // The matcher reads up to the first zero byte, and would take what stands before it for the whole version.
     if (version.find('\0') != std::string::npos ||
         ::regexec(&pattern, version.c_str(), std::size(groups), groups, 0) != 0) {
@@ -171,22 +166,21 @@ std::string versionPattern() {
         return refuseFile(firmwareVersionFile, "it holds no firmware version, but '" + version + '\'',
                           failure);
     }
-    const regmatch_t& digits = groups[protocolVersionGroup];
-    unsigned int protocolVersion = std::numeric_limits<unsigned int>::max();
-    (void)std::from_chars(&version[static_cast<std::size_t>(digits.rm_so)],
-                          &version[static_cast<std::size_t>(digits.rm_eo)], protocolVersion);
-    info["protocolVer"] = protocolVersion;
+    constexpr unsigned long largest = std::numeric_limits<unsigned int>::max();
+    const unsigned long protocolVersion = std::strtoul(&version[groups[1].rm_so], nullptr, 10);
+    info["protocolVer"] = static_cast<unsigned int>(std::min(protocolVersion, largest));
     return true;
 }
 
 /** Stores the address in pairs; a short one ends where its characters do, after a colon if need be. */
 void storeAddressWithColons(Variant& record) {
-    const Variant* member = record.GetKeyChain(TypeString, "hwaddr", false);
-    const std::string address = member != nullptr ? static_cast<const std::string&>(*member) : std::string();
+    const Variant* member = find(record, TypeString, "hwaddr");
+    const char* address = "";
+    if (member != nullptr) address = *member;
     std::string pairs;
-    for (std::size_t i = 0; i < 12; ++i) {
+    for (int i = 0; i < 12; ++i) {
         if (i > 0 && i % 2 == 0) pairs += ':';
-        if (i >= address.size() || address[i] == '\0') break;
+        if (address[i] == '\0') break;
         pairs += address[i];
     }
     record["hwaddrColons"] = std::move(pairs);

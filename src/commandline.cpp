@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
-#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
@@ -64,8 +63,8 @@ bool isWhole(double value) {
         return true;
     }
     // Newer C libraries read 0b11 as binary.
-    const std::string prefix = text.substr(text[0] == '-' || text[0] == '+' ? 1 : 0, 2);
-    if (prefix == "0b" || prefix == "0B") return false;
+    const std::size_t digits = text[0] == '-' || text[0] == '+' ? 1 : 0;
+    if (text.compare(digits, 2, "0b") == 0 || text.compare(digits, 2, "0B") == 0) return false;
     char* end = nullptr;
     const long long value = std::strtoll(text.c_str(), &end, 0);
     if (end != textEnd) return false;
@@ -74,6 +73,13 @@ bool isWhole(double value) {
     else
         target = static_cast<unsigned long long>(value);
     return true;
+}
+
+/** An argument's name, with its dashes, and its value, which is empty when there is none. */
+std::pair<std::string_view, std::string> splitOption(std::string_view argument) {
+    const std::size_t nameEnd = std::min(argument.find('='), argument.size());
+    return {argument.substr(0, nameEnd),
+            std::string(argument.substr(std::min(nameEnd + 1, argument.size())))};
 }
 
 /** What parsing needs of a declaration; the pointers are null when there is none. */
@@ -86,9 +92,9 @@ struct Declaration {
 Declaration findDeclaration(const Variant& definitions, std::string_view name) {
     std::string path;
     if (name.substr(0, 2) == "--") {
-        path = "byLongName/" + std::string(name.substr(2));
+        path.append("byLongName/").append(name, 2);
     } else if (name.size() == 2 && name[0] == '-') {
-        path = "byShortName/[" + std::to_string(shortNameIndex(name[1])) + ']';
+        path = utils::format("byShortName/[%u]", shortNameIndex(name[1]));
     } else {
         return {};
     }
@@ -106,8 +112,8 @@ Variant canonicalPath(const char* program) {
     Variant path;
     if (program == nullptr) return path;
     // Not one that realpath() allocates: uClibc's does not look whether it got it.
-    const auto buffer = std::make_unique<char[]>(PATH_MAX);
-    const char* found = ::realpath(program, buffer.get());
+    std::string buffer(PATH_MAX, '\0');
+    const char* found = ::realpath(program, buffer.data());
     if (found == nullptr && errno == ENOMEM) throw std::bad_alloc();
     path = found;
     return path;
@@ -115,18 +121,15 @@ Variant canonicalPath(const char* program) {
 
 /** Stores the option that one argument gives; false when it matches no declaration. */
 [[nodiscard]] bool parseOption(const std::string& argument, const Variant& definitions, Variant& result) {
-    const std::size_t equals = argument.find('=');
-    const Declaration declaration =
-        findDeclaration(definitions, std::string_view(argument).substr(0, equals));
+    const auto [name, value] = splitOption(argument);
+    const Declaration declaration = findDeclaration(definitions, name);
     if (declaration.longName == nullptr) return false;
     const std::string& longName = *declaration.longName;
     Variant& target = result["parameters"][longName];
-    if (equals == std::string::npos || equals + 1 == argument.size()) {
+    if (value.empty())
         target = *declaration.defaultValue;
-        return true;
-    }
-    const std::string value = argument.substr(equals + 1);
-    if (!storeNumber(value, target)) target = value;
+    else if (!storeNumber(value, target))
+        target = value;
     return true;
 }
 
@@ -168,7 +171,7 @@ void ParseCommandLine(int argc, const char** argv, Variant& definitions, Variant
     // Copied, since they may be texts of the values that are changed here.
     std::vector<std::string> arguments;
     for (int i = 1; i < argc; ++i) {
-        if (argv[i] != nullptr) arguments.emplace_back(argv[i]);
+        if (argv[i] != nullptr) arguments.push_back(argv[i]);
     }
     const char* program = argc > 0 ? argv[0] : nullptr;
     Variant executed;
@@ -201,13 +204,11 @@ std::vector<std::string> OptionTexts(int argc, const char* const* argv, const Va
     std::vector<std::string> texts;
     for (int i = 1; i < argc; ++i) {
         if (argv[i] == nullptr) continue;
-        const std::string_view argument = argv[i];
-        const std::size_t nameEnd = std::min(argument.find('='), argument.size());
-        const Declaration declaration = findDeclaration(definitions, argument.substr(0, nameEnd));
+        auto [name, value] = splitOption(argv[i]);
+        const Declaration declaration = findDeclaration(definitions, name);
         if (declaration.longName == nullptr) continue;
         const std::string& declaredName = *declaration.longName;
-        if (declaredName == longName)
-            texts.emplace_back(argument.substr(std::min(nameEnd + 1, argument.size())));
+        if (declaredName == longName) texts.push_back(std::move(value));
     }
     return texts;
 }

@@ -1,10 +1,9 @@
 #include "korvo/variant_utils/uri.h"
 
 #include <algorithm>
-#include <charconv>
-#include <initializer_list>
+#include <cctype>
+#include <cstdlib>
 #include <string_view>
-#include <system_error>
 #include <tuple>
 #include <utility>
 
@@ -18,43 +17,40 @@ namespace {
 
 constexpr char facility[] = "src/uri";
 
-std::string stringMember(URI& uri, const char* key) {
-    const std::string& text = memberOrDefault(uri, key, TypeString, "");
-    return text;
-}
+const std::string& textMember(URI& uri, const char* key) { return memberOrDefault(uri, key, TypeString, ""); }
 
-void storeMember(URI& uri, const char* key, std::string value) {
+void storeMember(URI& uri, const char* key, std::string& value) {
     ensureMapForm(uri);
     uri[key] = std::move(value);
 }
 
 }  // namespace
 
-void URI::originalUri(std::string value) { storeMember(*this, "originalUri", std::move(value)); }
+void URI::originalUri(std::string value) { storeMember(*this, "originalUri", value); }
 
-void URI::schema(std::string value) { storeMember(*this, "schema", std::move(value)); }
+void URI::schema(std::string value) { storeMember(*this, "schema", value); }
 
-void URI::userName(std::string value) { storeMember(*this, "userName", std::move(value)); }
+void URI::userName(std::string value) { storeMember(*this, "userName", value); }
 
-void URI::host(std::string value) { storeMember(*this, "host", std::move(value)); }
+void URI::host(std::string value) { storeMember(*this, "host", value); }
 
-void URI::document(std::string value) { storeMember(*this, "document", std::move(value)); }
+void URI::document(std::string value) { storeMember(*this, "document", value); }
 
 void URI::documentWithFullParameters(std::string value) {
-    storeMember(*this, "documentWithFullParameters", std::move(value));
+    storeMember(*this, "documentWithFullParameters", value);
 }
 
-std::string URI::schema() { return stringMember(*this, "schema"); }
+std::string URI::schema() { return textMember(*this, "schema"); }
 
-std::string URI::userName() { return stringMember(*this, "userName"); }
+std::string URI::userName() { return textMember(*this, "userName"); }
 
-std::string URI::password() { return stringMember(*this, "password"); }
+std::string URI::password() { return textMember(*this, "password"); }
 
-std::string URI::host() { return stringMember(*this, "host"); }
+std::string URI::host() { return textMember(*this, "host"); }
 
-std::string URI::documentPath() { return stringMember(*this, "documentPath"); }
+std::string URI::documentPath() { return textMember(*this, "documentPath"); }
 
-std::string URI::fullParameters() { return stringMember(*this, "fullParameters"); }
+std::string URI::fullParameters() { return textMember(*this, "fullParameters"); }
 
 unsigned short URI::port() { return memberOrDefault(*this, "port", TypeNumeric, 0); }
 
@@ -66,8 +62,8 @@ std::string URI::baseURI() {
     if (base.empty()) return {};
     const std::string hostName = host();
     if (hostName.empty()) return {};
-    const std::string folder = documentPath();
-    if (folder.empty()) return {};
+    const std::string directory = documentPath();
+    if (directory.empty()) return {};
 
     base += "://";
     const std::string user = userName();
@@ -75,12 +71,12 @@ std::string URI::baseURI() {
     if (!secret.empty()) base.append(user).append(":").append(secret).append("@");
     base += hostName;
     if (portSpecified()) base += utils::format(":%u", static_cast<unsigned>(port()));
-    return base += folder;
+    return base += directory;
 }
 
 std::string URI::derivedURI(std::string documentName, bool withParameters) {
     documentName.insert(0, baseURI());
-    const std::string parameters = fullParameters();
+    const std::string& parameters = textMember(*this, "fullParameters");
     if (withParameters) documentName += parameters;
     return documentName;
 }
@@ -101,64 +97,53 @@ bool URI::FromString(const std::string& text, bool resolveHost, URI& target, Fai
             return fail(failure, {Step::Resolve, 0, hostName, 0, "it has no address"});
         }
     }
-    storeMember(target, "ip", std::move(address));
+    storeMember(target, "ip", address);
     return true;
 }
 
 namespace {
 
-struct DefaultPort {
+constexpr struct {
     std::string_view schema;
     unsigned short port;
-};
-
-constexpr DefaultPort defaultPorts[] = {
+} defaultPorts[] = {
     {"file", 0},   {"http", 80},   {"rtmpt", 80},   {"rtmpte", 80},    {"https", 443},     {"rtmps", 443},
     {"rtsp", 554}, {"rtmp", 1935}, {"rtmpe", 1935}, {"websock", 7080}, {"websocks", 7443},
 };
 
 /** The port that a schema stands for, 0 when there is none. */
 unsigned short defaultPort(std::string_view schema) {
-    for (const DefaultPort& row : defaultPorts) {
+    for (const auto& row : defaultPorts) {
         if (row.schema == schema) return row.port;
     }
     return 0;
 }
 
-/** Reads a port written in decimal without sign, blanks or leading zeros. */
-[[nodiscard]] bool parsePort(std::string_view text, unsigned short& port) {
-    const char* const end = text.data() + text.size();
-    const auto [last, error] = std::from_chars(text.data(), end, port);
-    return error == std::errc() && last == end && (text.front() != '0' || text.size() == 1);
-}
-
 /** What stands before and after the first such character; the second is empty when there is none. */
 std::pair<std::string_view, std::string_view> splitAt(std::string_view text, char separator) {
-    const std::size_t found = text.find(separator);
-    if (found == std::string_view::npos) return {text, {}};
-    return {text.substr(0, found), text.substr(found + 1)};
+    const std::size_t end = std::min(text.find(separator), text.size());
+    return {text.substr(0, end), text.substr(std::min(end + 1, text.size()))};
+}
+
+/** What utils::trim() leaves of a text. */
+std::string_view trimmed(std::string_view text) {
+    const auto isSpace = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
+    while (!text.empty() && isSpace(text.front())) text.remove_prefix(1);
+    while (!text.empty() && isSpace(text.back())) text.remove_suffix(1);
+    return text;
 }
 
 /** Logs @p message and gives the caller @p reason, which repeats nothing of the text. */
-[[nodiscard]] bool refuse(Failure* failure, const char* reason, const std::string& message) {
-    KORVO_LOG("parseURI", logger::LevelError, 0, "%s", message.c_str());
+[[nodiscard]] bool refuse(Failure* failure, const char* reason, const char* message) {
+    KORVO_LOG("parseURI", logger::LevelError, 0, "%s", message);
     return fail(failure, {Step::Uri, 0, "", 0, reason});
-}
-
-/** @p text without the white space that utils::trim() removes from a string. */
-std::string_view trimmed(std::string_view text) {
-    constexpr char whiteSpace[] = " \t\n\v\f\r";
-    const std::size_t begin = text.find_first_not_of(whiteSpace);
-    if (begin == std::string_view::npos) return {};
-    return text.substr(begin, text.find_last_not_of(whiteSpace) - begin + 1);
 }
 
 /** The parts of a URI text, as views of it. */
 struct UriParts {
-    std::string_view text;           ///< without white space around it
-    std::string schema;              ///< in lower case
-    std::string_view schemaAsGiven;  ///< with the "://"
-    bool hasUserInfo = false;
+    std::string_view text;                                          ///< without white space around it
+    std::pair<std::string_view, std::string_view> withoutUserInfo;  ///< what stands before and behind that
+    std::string schema;                                             ///< in lower case
     std::string_view userName;
     std::string_view password;
     std::string_view location;  ///< all that follows the user-info
@@ -172,18 +157,23 @@ struct UriParts {
 [[nodiscard]] bool splitHostAndPort(std::string_view hostAndPort, UriParts& parts, Failure* failure) {
     hostAndPort = trimmed(hostAndPort);
     if (hostAndPort.empty()) return refuse(failure, "it names no host", "Invalid host:port specified");
-    const std::size_t hostEnd = std::min(hostAndPort.find(':'), hostAndPort.size());
-    parts.host = trimmed(hostAndPort.substr(0, hostEnd));
-    parts.portSpecified = hostEnd < hostAndPort.size();
+    const auto [host, port] = splitAt(hostAndPort, ':');
+    parts.host = trimmed(host);
+    parts.portSpecified = host.size() < hostAndPort.size();
     constexpr char noPort[] = "its port is not a number from 1 to 65535";
-    const std::string_view portText = hostAndPort.substr(std::min(hostEnd + 1, hostAndPort.size()));
-    if (parts.portSpecified && !parsePort(portText, parts.port))
-        return refuse(failure, noPort,
-                      utils::format("Invalid port number specified: `%s`", std::string(portText).c_str()));
+    if (parts.portSpecified) {
+        const std::string digits(port);
+        parts.port = static_cast<unsigned short>(std::strtoul(digits.c_str(), nullptr, 10));
+        // Signs, blanks, leading zeros and what is too large come back as another text.
+        if (std::to_string(parts.port) != digits)
+            return refuse(failure, noPort,
+                          utils::format("Invalid port number specified: `%s`", digits.c_str()).c_str());
+    }
     if (parts.port != 0) return true;
     return refuse(
         failure, parts.portSpecified ? noPort : "it names no port, and its schema has no default",
-        utils::format("Invalid URI. No port specified and the schema `%s` is unknown", parts.schema.c_str()));
+        utils::format("Invalid URI. No port specified and the schema `%s` is unknown", parts.schema.c_str())
+            .c_str());
 }
 
 [[nodiscard]] bool splitLocation(UriParts& parts, Failure* failure) {
@@ -213,22 +203,21 @@ struct UriParts {
  * where the "@" stands before the first "/" after the schema. False, with the error logged, when the text is
  * no URI.
  */
-[[nodiscard]] bool splitUri(std::string_view text, UriParts& parts, Failure* failure) {
-    text = trimmed(text);
-    parts.text = text;
+[[nodiscard]] bool splitUri(std::string_view given, UriParts& parts, Failure* failure) {
+    parts.withoutUserInfo.first = given;
+    const std::string_view text = parts.text = trimmed(given);
     if (text.empty()) return refuse(failure, "it is empty", "Empty uri");
     const std::size_t schemaEnd = text.find("://");
     if (schemaEnd == std::string_view::npos)
         return refuse(failure, "there is no \"://\"", "Unable to determine schema");
     parts.schema = utils::lowerCase(std::string(text.substr(0, schemaEnd)));
-    parts.schemaAsGiven = text.substr(0, schemaEnd + 3);
     parts.port = defaultPort(parts.schema);
     parts.location = text.substr(schemaEnd + 3);
     const std::size_t at = parts.location.find('@');
-    parts.hasUserInfo = at != std::string_view::npos && at < parts.location.find('/');
-    if (parts.hasUserInfo) {
+    if (at < parts.location.find('/')) {
         std::tie(parts.userName, parts.password) = splitAt(parts.location.substr(0, at), ':');
         parts.location.remove_prefix(at + 1);
+        parts.withoutUserInfo = {text.substr(0, schemaEnd + 3), parts.location};
     }
     return splitLocation(parts, failure);
 }
@@ -252,51 +241,59 @@ void storeParameters(std::string_view query, Variant& parameters) {
     }
 }
 
-std::string joined(std::initializer_list<std::string_view> pieces) {
-    std::string text;
-    std::size_t size = 0;
-    for (const std::string_view piece : pieces) size += piece.size();
-    text.reserve(size);
-    for (const std::string_view piece : pieces) text += piece;
-    return text;
+/** Stores a text, given in two pieces. */
+void store(URI& uri, const char* key, std::string_view begin, std::string_view end = {}) {
+    std::string text(begin);
+    if (!end.empty()) text.append(end);
+    uri[key] = std::move(text);
 }
 
-/** Stores the parts of @p text. */
+/** Stores the parts of @p text in an empty record. */
 void store(const UriParts& parts, std::string&& text, URI& uri) {
     const std::size_t documentAt = documentBegin(parts);
     const std::string_view document = parts.path.substr(documentAt);
     const std::string_view query = trimmed(splitAt(parts.query, '?').second);
+    std::string parameters(query.empty() ? "" : "?");
+    parameters += query;
     // In key order: appending is the fastest insertion.
-    uri.document(std::string(document));
-    uri["documentPath"] = std::string(parts.path.substr(0, documentAt));
-    uri.documentWithFullParameters(joined({document, query.empty() ? "" : "?", query}));
-    uri["fullDocumentPath"] = std::string(parts.path);
-    uri["fullDocumentPathWithParameters"] = joined({parts.path, parts.query});
-    uri["fullParameters"] = std::string(query);
-    uri["fullUri"] = parts.hasUserInfo ? joined({parts.schemaAsGiven, parts.location}) : text;
+    store(uri, "document", document);
+    store(uri, "documentPath", parts.path.substr(0, documentAt));
+    store(uri, "documentWithFullParameters", document, parameters);
+    store(uri, "fullDocumentPath", parts.path);
+    store(uri, "fullDocumentPathWithParameters", parts.path, parts.query);
+    store(uri, "fullParameters", query);
+    store(uri, "fullUri", parts.withoutUserInfo.first, parts.withoutUserInfo.second);
     Variant& givenText = uri["fullUriWithAuth"];
-    uri.host(std::string(parts.host));
-    uri.originalUri(std::string(parts.text));
+    store(uri, "host", parts.host);
+    store(uri, "originalUri", parts.text);
     storeParameters(query, uri["parameters"]);
-    uri["password"] = std::string(parts.password);
+    store(uri, "password", parts.password);
     uri["port"] = parts.port;
     uri["portSpecified"] = parts.portSpecified;
-    uri.schema(parts.schema);
-    uri.userName(std::string(parts.userName));
+    store(uri, "schema", parts.schema);
+    store(uri, "userName", parts.userName);
     givenText = std::move(text);  // Last: the parts are views of it.
+}
+
+bool parse(std::string&& text, URI& uri, Failure* failure) {
+    uri.Reset();
+    UriParts parts;
+    if (!splitUri(text, parts, failure)) return false;
+    store(parts, std::move(text), uri);
+    if (failure != nullptr) *failure = {};
+    return true;
 }
 
 }  // namespace
 
 std::string percentDecode(const std::string& text) {
+    const auto isDigit = [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; };
     std::string decoded;
     decoded.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {
-        const char* const digits = &text[i] + 1;
-        unsigned char byte = 0;
-        if (text[i] == '%' && i + 2 < text.size() &&
-            std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2) {
-            decoded += static_cast<char>(byte);
+        // No digit is the zero at the end, so nothing behind it is looked at.
+        if (text[i] == '%' && isDigit(text[i + 1]) && isDigit(text[i + 2])) {
+            decoded += static_cast<char>(std::strtoul(text.substr(i + 1, 2).c_str(), nullptr, 16));
             i += 2;
         } else {
             decoded += text[i];
@@ -307,13 +304,10 @@ std::string percentDecode(const std::string& text) {
 
 }  // namespace korvo::variant
 
-bool parseURI(std::string text, korvo::variant::URI& uri) { return parseURI(std::move(text), uri, nullptr); }
+bool parseURI(std::string text, korvo::variant::URI& uri) {
+    return korvo::variant::parse(std::move(text), uri, nullptr);
+}
 
 bool parseURI(std::string text, korvo::variant::URI& uri, korvo::Failure* failure) {
-    uri.Reset();
-    korvo::variant::UriParts parts;
-    if (!korvo::variant::splitUri(text, parts, failure)) return false;
-    korvo::variant::store(parts, std::move(text), uri);
-    if (failure != nullptr) *failure = {};
-    return true;
+    return korvo::variant::parse(std::move(text), uri, failure);
 }
