@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <iterator>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <utility>
@@ -27,31 +27,6 @@ signed char feature(Variant& record, const char* key) {
 }
 
 double seconds(CameraInfo& info, const char* key) { return memberOrDefault(info, key, TypeNumeric, 0); }
-
-}  // namespace
-
-signed char CameraInfo::feature_mic() { return feature(*this, "feature_mic"); }
-
-signed char CameraInfo::feature_ir() { return feature(*this, "feature_ir"); }
-
-signed char CameraInfo::feature_rtc() { return feature(*this, "feature_rtc"); }
-
-signed char CameraInfo::feature_wifi() { return feature(*this, "feature_wifi"); }
-
-signed char CameraInfo::feature_sdmmc() { return feature(*this, "feature_sdmmc"); }
-
-signed char CameraInfo::feature_video() { return feature(*this, "feature_video"); }
-
-double CameraInfo::idleTime() { return seconds(*this, "idleTime"); }
-
-double CameraInfo::upTime() { return seconds(*this, "upTime"); }
-
-std::string CameraInfo::fullVersion() {
-    const std::string& version = memberOrDefault(*this, "fullVersion", TypeString, "");
-    return version;
-}
-
-namespace {
 
 [[nodiscard]] bool readFile(const char* path, std::string& text, Failure* failure) {
     const std::string devicePath = utils::devicePath(path);
@@ -96,10 +71,7 @@ namespace {
     return true;
 }
 
-/**
- * The part of the time that the device was busy; minus infinity when the time is 0. Dividing by 0 is left
- * open by the language, but not by the floating-point standard that compilers follow.
- */
+/** Minus infinity if @p upTime is 0, as the standard of doubles has it; the language leaves it open. */
 __attribute__((no_sanitize("float-divide-by-zero"))) double loadOf(double idleTime, double upTime) {
     static_assert(std::numeric_limits<double>::is_iec559);
     return 1.0 - idleTime / upTime;
@@ -122,11 +94,9 @@ __attribute__((no_sanitize("float-divide-by-zero"))) double loadOf(double idleTi
     if (!readFile(firmwareVersionFile, version, failure)) return false;
     utils::trim(version);
     const std::size_t firstDot = version.find('.');
-    if (firstDot != std::string::npos) {
-        const std::size_t secondDot = version.find('.', firstDot + 1);
-        if (secondDot != std::string::npos)
-            record["version"] = version.substr(0, firstDot) + version.substr(secondDot);
-    }
+    const std::size_t secondDot = version.find('.', firstDot + 1);
+    if (secondDot != std::string::npos)
+        record["version"] = version.substr(0, firstDot) + version.substr(secondDot);
     if (!version.empty()) record["deviceModel"] = version.substr(0, firstDot);
     record["fullVersion"] = std::move(version);
     return true;
@@ -158,9 +128,8 @@ std::string versionPattern() {
     const std::unique_ptr<regex_t, decltype(&::regfree)> compiled(&pattern, &::regfree);
     const std::string version = info.fullVersion();
     regmatch_t groups[2];  // the whole, the protocol version
-    // The matcher reads up to the first zero byte, and would take what stands before it for the whole version.
-    if (version.find('\0') != std::string::npos ||
-        ::regexec(&pattern, version.c_str(), std::size(groups), groups, 0) != 0) {
+    // The matcher stops at a zero byte, and would take what stands before it for the whole version.
+    if (version.find('\0') != std::string::npos || ::regexec(&pattern, version.c_str(), 2, groups, 0) != 0) {
         KORVO_LOG("Init", logger::LevelError, errno, "Failed to match FW version regex, fw=%s",
                   version.c_str());
         return refuseFile(firmwareVersionFile, "it holds no firmware version, but '" + version + '\'',
@@ -172,21 +141,38 @@ std::string versionPattern() {
     return true;
 }
 
-/** Stores the address in pairs; a short one ends where its characters do, after a colon if need be. */
+/** Stores twelve characters of the address, or those it has, with a colon after each pair but the sixth. */
 void storeAddressWithColons(Variant& record) {
     const Variant* member = find(record, TypeString, "hwaddr");
     const char* address = "";
     if (member != nullptr) address = *member;
-    std::string pairs;
-    for (int i = 0; i < 12; ++i) {
-        if (i > 0 && i % 2 == 0) pairs += ':';
-        if (address[i] == '\0') break;
-        pairs += address[i];
-    }
+    std::string pairs(address, ::strnlen(address, 12));
+    for (std::size_t i = 2; i <= pairs.size() && i < 17; i += 3) pairs.insert(i, ":");
     record["hwaddrColons"] = std::move(pairs);
 }
 
 }  // namespace
+
+signed char CameraInfo::feature_mic() { return feature(*this, "feature_mic"); }
+
+signed char CameraInfo::feature_ir() { return feature(*this, "feature_ir"); }
+
+signed char CameraInfo::feature_rtc() { return feature(*this, "feature_rtc"); }
+
+signed char CameraInfo::feature_wifi() { return feature(*this, "feature_wifi"); }
+
+signed char CameraInfo::feature_sdmmc() { return feature(*this, "feature_sdmmc"); }
+
+signed char CameraInfo::feature_video() { return feature(*this, "feature_video"); }
+
+double CameraInfo::idleTime() { return seconds(*this, "idleTime"); }
+
+double CameraInfo::upTime() { return seconds(*this, "upTime"); }
+
+std::string CameraInfo::fullVersion() {
+    const std::string& version = memberOrDefault(*this, "fullVersion", TypeString, "");
+    return version;
+}
 
 bool CameraInfo::Init() { return Init(nullptr); }
 

@@ -7,12 +7,11 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
 #include <new>
-#include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "korvo/utils/text.h"
 #include "log.h"
@@ -42,7 +41,7 @@ void printDefault(const Variant& value) {
     }
 }
 
-/** Whether a double can be held as a signed 64-bit integer without losing anything. */
+/** Whether a signed 64-bit integer can hold the value. */
 bool isWhole(double value) {
     constexpr double limit = 9223372036854775808.0;  // 2^63
     return value >= -limit && value < limit && std::trunc(value) == value;
@@ -51,11 +50,10 @@ bool isWhole(double value) {
 /** Stores the number that a text is, which is not empty; false when it is none. */
 [[nodiscard]] bool storeNumber(const std::string& text, Variant& target) {
     if (text.find_first_not_of("-+.x0123456789abcdefABCDEF") != std::string::npos) return false;
-    const char* const textEnd = text.c_str() + text.size();
     if (text.find('.') != std::string::npos) {
         const char* end = nullptr;
         const double value = utils::toDouble(text.c_str(), &end);
-        if (end != textEnd) return false;
+        if (*end != '\0') return false;
         if (isWhole(value))
             target = static_cast<long long>(value);
         else
@@ -67,7 +65,7 @@ bool isWhole(double value) {
     if (text.compare(digits, 2, "0b") == 0 || text.compare(digits, 2, "0B") == 0) return false;
     char* end = nullptr;
     const long long value = std::strtoll(text.c_str(), &end, 0);
-    if (end != textEnd) return false;
+    if (*end != '\0') return false;
     if (text[0] == '-')
         target = value;
     else
@@ -84,7 +82,7 @@ std::pair<std::string_view, std::string> splitOption(std::string_view argument) 
 
 /** What parsing needs of a declaration; the pointers are null when there is none. */
 struct Declaration {
-    const Variant* longName = nullptr;
+    const char* longName = nullptr;
     const Variant* defaultValue = nullptr;
 };
 
@@ -104,7 +102,7 @@ Declaration findDeclaration(const Variant& definitions, std::string_view name) {
     const Variant* longName = find(*found, TypeString, "longName");
     const Variant* defaultValue = find(*found, TypeAny, "defaultValue");
     if (longName == nullptr || defaultValue == nullptr) return {};
-    return {longName, defaultValue};
+    return {*longName, defaultValue};
 }
 
 /** The canonical path of a program, null where there is none. */
@@ -124,8 +122,7 @@ Variant canonicalPath(const char* program) {
     const auto [name, value] = splitOption(argument);
     const Declaration declaration = findDeclaration(definitions, name);
     if (declaration.longName == nullptr) return false;
-    const std::string& longName = *declaration.longName;
-    Variant& target = result["parameters"][longName];
+    Variant& target = result["parameters"][declaration.longName];
     if (value.empty())
         target = *declaration.defaultValue;
     else if (!storeNumber(value, target))
@@ -205,10 +202,8 @@ std::vector<std::string> OptionTexts(int argc, const char* const* argv, const Va
     for (int i = 1; i < argc; ++i) {
         if (argv[i] == nullptr) continue;
         auto [name, value] = splitOption(argv[i]);
-        const Declaration declaration = findDeclaration(definitions, name);
-        if (declaration.longName == nullptr) continue;
-        const std::string& declaredName = *declaration.longName;
-        if (declaredName == longName) texts.push_back(std::move(value));
+        const char* declared = findDeclaration(definitions, name).longName;
+        if (declared != nullptr && std::strcmp(declared, longName) == 0) texts.push_back(std::move(value));
     }
     return texts;
 }

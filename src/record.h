@@ -1,4 +1,4 @@
-/** @file What the records of this library, which are Variant maps with fixed keys, have in common. */
+/** @file What the library's records, Variant maps with fixed keys, have in common. */
 #pragma once
 
 #include "korvo/variant/variant.h"
@@ -11,7 +11,7 @@ inline const Variant* find(const Variant& value, VariantType filter, const char*
     return const_cast<Variant&>(value).GetKeyChain(filter, path, false);
 }
 
-/** Makes a record an empty map, unless it is in map form already; then it keeps its members. */
+/** Makes a record an empty map unless it is a map already. */
 inline void ensureMapForm(Variant& record) {
     const VariantType type = record;
     if (type == TypeMap || type == TypeTypedMap) return;
@@ -19,10 +19,7 @@ inline void ensureMapForm(Variant& record) {
     record.IsArray(false);
 }
 
-/**
- * The member of a record under @p key, which belongs to @p category afterwards: one that is missing or of
- * another type is replaced by @p defaultValue first.
- */
+/** The member under @p key, first replaced by @p defaultValue unless its type belongs to @p category. */
 template <class Default>
 Variant& memberOrDefault(Variant& record, const char* key, VariantType category, Default defaultValue) {
     ensureMapForm(record);

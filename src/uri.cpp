@@ -24,85 +24,6 @@ void storeMember(URI& uri, const char* key, std::string& value) {
     uri[key] = std::move(value);
 }
 
-}  // namespace
-
-void URI::originalUri(std::string value) { storeMember(*this, "originalUri", value); }
-
-void URI::schema(std::string value) { storeMember(*this, "schema", value); }
-
-void URI::userName(std::string value) { storeMember(*this, "userName", value); }
-
-void URI::host(std::string value) { storeMember(*this, "host", value); }
-
-void URI::document(std::string value) { storeMember(*this, "document", value); }
-
-void URI::documentWithFullParameters(std::string value) {
-    storeMember(*this, "documentWithFullParameters", value);
-}
-
-std::string URI::schema() { return textMember(*this, "schema"); }
-
-std::string URI::userName() { return textMember(*this, "userName"); }
-
-std::string URI::password() { return textMember(*this, "password"); }
-
-std::string URI::host() { return textMember(*this, "host"); }
-
-std::string URI::documentPath() { return textMember(*this, "documentPath"); }
-
-std::string URI::fullParameters() { return textMember(*this, "fullParameters"); }
-
-unsigned short URI::port() { return memberOrDefault(*this, "port", TypeNumeric, 0); }
-
-bool URI::portSpecified() { return memberOrDefault(*this, "portSpecified", TypeBool, false); }
-
-std::string URI::baseURI() {
-    // The getters leave defaults behind, so the order of these calls shows in the record.
-    std::string base = schema();
-    if (base.empty()) return {};
-    const std::string hostName = host();
-    if (hostName.empty()) return {};
-    const std::string directory = documentPath();
-    if (directory.empty()) return {};
-
-    base += "://";
-    const std::string user = userName();
-    const std::string secret = user.empty() ? std::string() : password();
-    if (!secret.empty()) base.append(user).append(":").append(secret).append("@");
-    base += hostName;
-    if (portSpecified()) base += utils::format(":%u", static_cast<unsigned>(port()));
-    return base += directory;
-}
-
-std::string URI::derivedURI(std::string documentName, bool withParameters) {
-    documentName.insert(0, baseURI());
-    const std::string& parameters = textMember(*this, "fullParameters");
-    if (withParameters) documentName += parameters;
-    return documentName;
-}
-
-bool URI::FromString(const std::string& text, bool resolveHost, URI& target) {
-    return FromString(text, resolveHost, target, nullptr);
-}
-
-bool URI::FromString(const std::string& text, bool resolveHost, URI& target, Failure* failure) {
-    if (!parseURI(text, target, failure)) return false;
-    std::string address;
-    if (resolveHost && target.schema() != "file") {
-        const std::string hostName = target.host();
-        address = utils::getHostByName(hostName);
-        if (address.empty()) {
-            target.Reset();
-            KORVO_LOG(__func__, logger::LevelError, 0, "Unable to resolve host: %s", hostName.c_str());
-            return fail(failure, {Step::Resolve, 0, hostName, 0, "it has no address"});
-        }
-    }
-    storeMember(target, "ip", address);
-    return true;
-}
-
-namespace {
-
 constexpr struct {
     std::string_view schema;
     unsigned short port;
@@ -133,9 +54,10 @@ std::string_view trimmed(std::string_view text) {
     return text;
 }
 
-/** Logs @p message and gives the caller @p reason, which repeats nothing of the text. */
-[[nodiscard]] bool refuse(Failure* failure, const char* reason, const char* message) {
-    KORVO_LOG("parseURI", logger::LevelError, 0, "%s", message);
+/** Logs a message, which may quote the text, and gives the caller @p reason, which must not. */
+[[nodiscard]] bool refuse(Failure* failure, const char* reason, const char* message, const char* quoted = "",
+                          const char* rest = "") {
+    KORVO_LOG("parseURI", logger::LevelError, 0, "%s%s%s", message, quoted, rest);
     return fail(failure, {Step::Uri, 0, "", 0, reason});
 }
 
@@ -146,7 +68,6 @@ struct UriParts {
     std::string schema;                                             ///< in lower case
     std::string_view userName;
     std::string_view password;
-    std::string_view location;  ///< all that follows the user-info
     std::string_view host;
     unsigned short port = 0;
     bool portSpecified = false;
@@ -166,29 +87,25 @@ struct UriParts {
         parts.port = static_cast<unsigned short>(std::strtoul(digits.c_str(), nullptr, 10));
         // Signs, blanks, leading zeros and what is too large come back as another text.
         if (std::to_string(parts.port) != digits)
-            return refuse(failure, noPort,
-                          utils::format("Invalid port number specified: `%s`", digits.c_str()).c_str());
+            return refuse(failure, noPort, "Invalid port number specified: `", digits.c_str(), "`");
     }
     if (parts.port != 0) return true;
-    return refuse(
-        failure, parts.portSpecified ? noPort : "it names no port, and its schema has no default",
-        utils::format("Invalid URI. No port specified and the schema `%s` is unknown", parts.schema.c_str())
-            .c_str());
+    return refuse(failure, parts.portSpecified ? noPort : "it names no port, and its schema has no default",
+                  "Invalid URI. No port specified and the schema `", parts.schema.c_str(), "` is unknown");
 }
 
-[[nodiscard]] bool splitLocation(UriParts& parts, Failure* failure) {
-    std::string_view pathAndQuery = parts.location;
+[[nodiscard]] bool splitLocation(std::string_view location, UriParts& parts, Failure* failure) {
     const bool isFile = parts.schema == "file";
     // A "?" ends the host only where there is no "/".
-    std::size_t hostEnd = pathAndQuery.find('/');
-    if (hostEnd == std::string_view::npos) hostEnd = pathAndQuery.find('?');
-    if (!isFile && !splitHostAndPort(pathAndQuery.substr(0, hostEnd), parts, failure)) return false;
+    std::size_t hostEnd = location.find('/');
+    if (hostEnd == std::string_view::npos) hostEnd = location.find('?');
+    if (!isFile && !splitHostAndPort(location.substr(0, hostEnd), parts, failure)) return false;
     if (hostEnd == std::string_view::npos) return true;
-    if (!isFile) pathAndQuery.remove_prefix(hostEnd);
-    const std::size_t pathEnd = std::min(pathAndQuery.find('?'), pathAndQuery.size());
-    parts.query = pathAndQuery.substr(pathEnd);
+    if (!isFile) location.remove_prefix(hostEnd);
+    const std::size_t pathEnd = std::min(location.find('?'), location.size());
+    parts.query = location.substr(pathEnd);
     // A query without a path is one of the root, except for a file.
-    if (isFile || pathEnd > 0) parts.path = pathAndQuery.substr(0, pathEnd);
+    if (isFile || pathEnd > 0) parts.path = location.substr(0, pathEnd);
     return true;
 }
 
@@ -200,8 +117,7 @@ struct UriParts {
  *   location  = host [ ":" port ] [ path ] [ "?" query ]     for every schema but file
  *             | [ path ] [ "?" query ]                       for file
  *
- * where the "@" stands before the first "/" after the schema. False, with the error logged, when the text is
- * no URI.
+ * where the "@" stands before the first "/" after the schema. False, with the error logged, if it cannot.
  */
 [[nodiscard]] bool splitUri(std::string_view given, UriParts& parts, Failure* failure) {
     parts.withoutUserInfo.first = given;
@@ -212,22 +128,21 @@ struct UriParts {
         return refuse(failure, "there is no \"://\"", "Unable to determine schema");
     parts.schema = utils::lowerCase(std::string(text.substr(0, schemaEnd)));
     parts.port = defaultPort(parts.schema);
-    parts.location = text.substr(schemaEnd + 3);
-    const std::size_t at = parts.location.find('@');
-    if (at < parts.location.find('/')) {
-        std::tie(parts.userName, parts.password) = splitAt(parts.location.substr(0, at), ':');
-        parts.location.remove_prefix(at + 1);
-        parts.withoutUserInfo = {text.substr(0, schemaEnd + 3), parts.location};
+    std::string_view location = text.substr(schemaEnd + 3);
+    const std::size_t at = location.find('@');
+    if (at < location.find('/')) {
+        std::tie(parts.userName, parts.password) = splitAt(location.substr(0, at), ':');
+        location.remove_prefix(at + 1);
+        parts.withoutUserInfo = {text.substr(0, schemaEnd + 3), location};
     }
-    return splitLocation(parts, failure);
+    return splitLocation(location, parts, failure);
 }
 
 /** Where in the path the document begins. The first character belongs to the directory, whatever it is. */
 std::size_t documentBegin(const UriParts& parts) {
     // A stream name such as mp4:folder/clip.mp4 is one document, slashes and all.
     const bool isStream = parts.schema.compare(0, 4, "rtmp") == 0;
-    const std::size_t searchEnd = isStream ? parts.path.find(':') : std::string_view::npos;
-    const std::size_t slash = parts.path.rfind('/', searchEnd);
+    const std::size_t slash = parts.path.rfind('/', isStream ? parts.path.find(':') : std::string_view::npos);
     return slash == std::string_view::npos ? std::min<std::size_t>(parts.path.size(), 1) : slash + 1;
 }
 
@@ -285,6 +200,78 @@ bool parse(std::string&& text, URI& uri, Failure* failure) {
 }
 
 }  // namespace
+
+void URI::originalUri(std::string value) { storeMember(*this, "originalUri", value); }
+
+void URI::schema(std::string value) { storeMember(*this, "schema", value); }
+
+void URI::userName(std::string value) { storeMember(*this, "userName", value); }
+
+void URI::host(std::string value) { storeMember(*this, "host", value); }
+
+void URI::document(std::string value) { storeMember(*this, "document", value); }
+
+void URI::documentWithFullParameters(std::string value) {
+    storeMember(*this, "documentWithFullParameters", value);
+}
+
+std::string URI::schema() { return textMember(*this, "schema"); }
+
+std::string URI::userName() { return textMember(*this, "userName"); }
+
+std::string URI::password() { return textMember(*this, "password"); }
+
+std::string URI::host() { return textMember(*this, "host"); }
+
+std::string URI::documentPath() { return textMember(*this, "documentPath"); }
+
+std::string URI::fullParameters() { return textMember(*this, "fullParameters"); }
+
+unsigned short URI::port() { return memberOrDefault(*this, "port", TypeNumeric, 0); }
+
+bool URI::portSpecified() { return memberOrDefault(*this, "portSpecified", TypeBool, false); }
+
+std::string URI::baseURI() {
+    // The getters leave defaults behind, so the order of these calls shows in the record.
+    std::string base = schema();
+    const std::string hostName = base.empty() ? base : host();
+    const std::string directory = hostName.empty() ? hostName : documentPath();
+    if (directory.empty()) return {};
+    base += "://";
+    const std::string user = userName();
+    const std::string secret = user.empty() ? std::string() : password();
+    if (!secret.empty()) base.append(user).append(":").append(secret).append("@");
+    base += hostName;
+    if (portSpecified()) base += utils::format(":%u", static_cast<unsigned>(port()));
+    return base += directory;
+}
+
+std::string URI::derivedURI(std::string documentName, bool withParameters) {
+    documentName.insert(0, baseURI());
+    const std::string& parameters = textMember(*this, "fullParameters");
+    if (withParameters) documentName += parameters;
+    return documentName;
+}
+
+bool URI::FromString(const std::string& text, bool resolveHost, URI& target) {
+    return FromString(text, resolveHost, target, nullptr);
+}
+
+bool URI::FromString(const std::string& text, bool resolveHost, URI& target, Failure* failure) {
+    if (!parseURI(text, target, failure)) return false;
+    std::string address;
+    if (resolveHost && target.schema() != "file") {
+        const std::string hostName = target.host();
+        address = utils::getHostByName(hostName);
+        if (address.empty()) {
+            target.Reset();
+            KORVO_LOG(__func__, logger::LevelError, 0, "Unable to resolve host: %s", hostName.c_str());
+            return fail(failure, {Step::Resolve, 0, hostName, 0, "it has no address"});
+        }
+    }
+    storeMember(target, "ip", address);
+    return true;
+}
 
 std::string percentDecode(const std::string& text) {
     const auto isDigit = [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; };

@@ -1,15 +1,17 @@
 /**
  * @file
- * What a program can know about the device it runs on: board, features, host name, load, firmware.
+ * Facts about the device a program runs on: board, features, host name, load, firmware.
  *
  * @code
  * korvo::variant::CameraInfo info;
- * if (info.Init() && info.feature_wifi() != 0) startWifi(info["hwaddrColons"]);
+ * korvo::Failure why;
+ * if (!info.Init(&why)) show(why.subject + ": " + (why.error != 0 ? strerror(why.error) : why.reason));
+ * else if (info.feature_wifi() != 0) startWifi(info["hwaddrColons"]);
  * @endcode
  *
  * Threads: distinct records may be used from distinct threads. One record needs the caller's lock even for
- * reading, since the accessors may store defaults. Errors: failures are returned as false; nothing is thrown
- * but std::bad_alloc.
+ * reading, since accessors may store defaults. Errors: failures are returned as false; the only exception is
+ * std::bad_alloc.
  */
 #pragma once
 
@@ -32,65 +34,56 @@ constexpr char firmwareVersionFile[] = "/lib/version";
  * |-----------------|--------------|-----------------------------------------------------------------|
  * | "hwaddr"        | string       | hardware address as written in the board file: 021b2ca1b2c3     |
  * | others          | as written   | whatever else the board file has in its group "board": a number |
- * |                 |              | where it is written like one, else a string, a map for a group  |
- * | "hwaddrColons"  | string       | its first twelve characters in pairs: 02:1b:2c:a1:b2:c3; of a   |
- * |                 |              | shorter one what is there, empty without one                    |
+ * |                 |              | if it is written like one, else a string, a map for a group     |
+ * | "hwaddrColons"  | string       | its first 12 characters, or fewer, in pairs: 02:1b:2c:a1:b2:c3  |
  * | "feature_mic"   | signed char  | board file: 0 without a microphone; likewise "feature_ir",      |
  * |                 |              | "feature_rtc", "feature_wifi", "feature_sdmmc", "feature_video" |
  * | "hostName"      | string       | first line of /proc/sys/kernel/hostname                         |
- * | "upTime"        | double       | /proc/uptime: seconds since the start; not gathered from an     |
- * |                 |              | empty line                                                      |
+ * | "upTime"        | double       | /proc/uptime: seconds since the start; missing if it is empty   |
  * | "idleTime"      | double       | /proc/uptime: idle seconds, summed over the processors; the int |
- * |                 |              | 0 when the line has no second field                             |
+ * |                 |              | 0 if the line has no second field                               |
  * | "totalLoad"     | double       | 1 - idleTime / upTime, so below 0 on several processors, minus  |
- * |                 |              | infinity when upTime is 0; not gathered when idleTime is 0      |
+ * |                 |              | infinity if upTime is 0; missing if idleTime is 0               |
  * | "fullVersion"   | string       | /lib/version: AB1.xyz.v4.0.1.34.4f2a1b3.170101.1200             |
  * | "version"       | string       | without its second field: AB1.v4.0.1.34.4f2a1b3.170101.1200;    |
- * |                 |              | not gathered with fewer than two dots                           |
- * | "deviceModel"   | string       | its first field: AB1; not gathered when there is no text        |
+ * |                 |              | missing with fewer than two dots                                |
+ * | "deviceModel"   | string       | its first field: AB1; missing without any text                  |
  * | "protocolVer"   | unsigned int | the fourth number of its version: 34                            |
  *
- * The board file is /etc/board.info, key=value text as Variant::FromKVP() reads it, in which "board" is a
- * group of dotted keys and the features are keys of their own. What is gathered replaces a member of the same
- * name in the group; where nothing is gathered that member stays, such as a "board.totalLoad". The record
- * holds no state beside the map, so it may be copied, exported and changed like any Variant.
+ * /etc/board.info is key=value text as Variant::FromKVP() reads it, with "board" as a group of dotted keys
+ * and the features as keys of their own. Gathered members replace those of the group; of a missing one the
+ * group's stays, such as "board.totalLoad". The map is the record's whole state, so it may be copied,
+ * exported and changed like any Variant.
  */
 class KORVO_VARIANT_UTILS_EXPORT CameraInfo : public Variant {
   public:
     /**
      * Gathers the facts anew: board and features, host name, times, firmware version, hardware address with
-     * colons. What the record held before is dropped once the board file has been read. A step that fails
-     * ends the gathering; what the steps before it found stays in the record.
+     * colons. Once the board file has been read, what the record held is dropped. A step that fails ends the
+     * gathering; what the steps before it found stays in the record.
      *
-     * A full version is the model, a second field of letters and digits, "v" with four numbers, the last of
-     * which may have a suffix such as "-beta2", a build identifier in lower-case hexadecimal digits, with or
-     * without "M_" in front, six digits and four digits; dots stand between them. A protocol version that
-     * does not fit is the largest unsigned int.
+     * A full version has fields with dots between them: the model; another of letters and digits; "v" with a
+     * number, and three more numbers, the last with an optional suffix such as "-beta2"; a build identifier
+     * of lower-case hexadecimal digits, with an optional "M_" in front; six digits; four digits. A protocol
+     * version that does not fit is the largest unsigned int. Every locale gives the same record.
      *
-     * The same files give the same record in every locale.
-     *
-     * @return false when a file cannot be read or the full version has another form. A board file that cannot
-     *         be read leaves the record as it was. One error is logged, except for the board file and
+     * @return false when a file cannot be read or the full version has another form. If it is the board file,
+     *         the record stays as it was. One error is logged, except for the board file and an unreadable
      *         /lib/version.
      */
     [[nodiscard]] bool Init();
 
     /**
-     * The same; @p failure, which may be null, receives why it failed: Step::Read with the path and errno, or
+     * The same; @p failure, which may be null, receives the reason: Step::Read with the path and errno, or
      * Step::Load with the path and a reason.
-     *
-     * @code
-     * korvo::Failure why;
-     * if (!info.Init(&why)) show(why.subject + ": " + (why.error != 0 ? strerror(why.error) : why.reason));
-     * @endcode
      */
     [[nodiscard]] bool Init(Failure* failure);
 
     /** @name Accessors
-     * Each returns its member. A member that is missing or has another type is first replaced by a default,
-     * which stays in the record: false for a feature, the int 0 for a time, the empty string for the version.
-     * Any number is accepted as a feature or a time and converted as Variant does. A record that is no map
-     * becomes an empty one first.
+     * Each returns its member. One that is missing or has another type is first replaced by a default, which
+     * stays in the record: false for a feature, the int 0 for a time, the empty string for the version. Any
+     * number is accepted as a feature or a time and converted as Variant does. A record that is no map first
+     * becomes an empty one.
      * @{ */
     signed char feature_mic();
     signed char feature_ir();

@@ -14,9 +14,8 @@
  * "byShortName" and "byLongName" the last record declared under a name. A record is a map with "longName",
  * "shortName", "description" and "defaultValue".
  *
- * Threads: the functions keep no state. The values handed to them must not be used by another thread
- * meanwhile. Arguments may be texts of the values that a call changes. Errors: nothing is thrown but
- * std::bad_alloc.
+ * Threads: the functions keep no state, but need the values passed to them for themselves. Arguments may be
+ * texts of the values that a call changes. Errors: the only exception is std::bad_alloc.
  */
 #pragma once
 
@@ -30,18 +29,17 @@
 namespace korvo::variant {
 
 /**
- * Declares one option.
+ * Declares one option. A name declared again replaces the earlier declaration for parsing; the help lists
+ * both.
  *
- * Nothing is checked: any character is a short name and any text a long name. Some of them no argument can
- * give, so that the option has only its other name: the short names "=", "-" and the zero character; a long
- * name that holds "=" or "/", or that stands in brackets, such as "[x]". A name declared again replaces the
- * earlier declaration for parsing; the help lists both.
+ * Any names are accepted, but no argument can give the short names "=", "-" and the zero character, nor a
+ * long name that holds "=" or "/" or stands in brackets, such as "[x]".
  *
  * @param definitions   the declarations so far; a new Variant for the first
  * @param shortName     the option's letter, as in `-p`; a character of any code
  * @param longName      the option's name without dashes, as in `--port`
- * @param description   what the help says of it
- * @param defaultValue  what an option given without a value receives; the help shows it by its type
+ * @param description   the help's text about the option
+ * @param defaultValue  the value of an option given without one; the help shows it by its type
  */
 KORVO_VARIANT_UTILS_EXPORT void AddParameter(Variant& definitions, char shortName, const char* longName,
                                              const char* description, const Variant& defaultValue);
@@ -50,46 +48,44 @@ KORVO_VARIANT_UTILS_EXPORT void AddParameter(Variant& definitions, char shortNam
  * Prints the help text to standard output: a usage line, one line per declaration in order of declaration, an
  * empty line. Numbers look the same in every locale.
  *
- * @param programName  what the usage line calls the program
- * @param definitions  the declarations; given the members that they lack, otherwise left alone
+ * @param programName  the program's name in the usage line
+ * @param definitions  the declarations; receives members it lacks, and is otherwise left alone
  */
 KORVO_VARIANT_UTILS_EXPORT void PrintHelp(const char* programName, Variant& definitions);
 
 /**
- * Parses an argument vector against the declarations.
+ * Parses an argument vector against the declarations. Parsing never fails: an argument that is no declared
+ * option is logged as a warning and collected, and the host decides what that means.
  *
- * An option is `-c`, `-c=VALUE`, `--name` or `--name=VALUE`. Only what follows the first "=" is its value;
- * without one, or with an empty one, the option receives a copy of its declared default. Of an option that is
- * given twice the later value counts. The type of a value depends on how it is written, in every locale
- * alike, and never on the type of the default:
+ * An option is `-c`, `-c=VALUE`, `--name` or `--name=VALUE`, split at the first "=". Without a value, or with
+ * an empty one, it receives a copy of its declared default. If it is given twice, the later value counts. How
+ * a value is written determines its type, in every locale alike and whatever the type of the default:
  *
  * - Digits become an unsigned 64-bit integer, with "-" in front a signed one. They are hexadecimal after "0x"
- *   and octal after "0": `8080`, `-3`, `0x1F`, `010`. What no signed 64-bit integer can hold becomes the
- *   nearest one: 18446744073709551615 becomes 9223372036854775807.
- * - A number with a "." becomes a double, `2.5`, or a signed 64-bit integer when it is whole and fits into
- *   one: `1.0`, `1.5e3`. One too large for a double becomes infinity.
- * - Anything else is a string, also what is almost a number: `08`, `1e3`, `0X1F`, `0b11`, `1_000`, `inf`.
+ *   and octal after "0": `8080`, `-3`, `0x1F`, `010`. Beyond a signed 64-bit integer they become the nearest
+ *   one: 18446744073709551615 becomes 9223372036854775807.
+ * - A number with a "." becomes a double, `2.5`, or a signed 64-bit integer if it is whole and fits: `1.0`,
+ *   `1.5e3`. One too large for a double becomes infinity.
+ * - Anything else is a string, even what is almost a number: `08`, `1e3`, `0X1F`, `0b11`, `1_000`, `inf`.
  *
- * Parsing never fails. What is no declared option is logged as a warning and collected; the host decides what
- * that means. So every argument that does not begin with "-" is collected, also one that follows an option,
- * and several letters after one "-" are. `--` has no special meaning: it is the option with the empty long
+ * An option takes no value from the next argument, and letters do not combine: every argument without a "-"
+ * in front is collected, and so is `-abc`. `--` has no special meaning: it is the option with the empty long
  * name.
  *
- * @param argc         the number of arguments, the program's name included; 0 is survived
- * @param argv         the arguments; null ones among them are skipped
+ * @param argc         the number of arguments, the program's name included; may be 0
+ * @param argv         the arguments; null ones are skipped
  * @param definitions  the declarations
  * @param result       receives "parameters", a map from long names to values; "unknownParameters", an array
- *                     of the arguments that match no declaration, each whole; and "commandLine", a map with
- *                     "executed", the program's name as given, and "fullPath", its canonical path seen from
- *                     the working directory, or null where there is none (often so for a program found
- *                     through PATH). What else the value holds stays; "parameters" and "unknownParameters"
- *                     are made only when needed.
+ *                     of the collected arguments, each whole; and "commandLine", a map with "executed", the
+ *                     program's name as given, and "fullPath", its canonical path seen from the working
+ *                     directory, or null where there is none (as for most programs found through PATH). Its
+ *                     other members stay; "parameters" and "unknownParameters" are made only when needed.
  */
 KORVO_VARIANT_UTILS_EXPORT void ParseCommandLine(int argc, const char** argv, Variant& definitions,
                                                  Variant& result);
 
 /**
- * The same for the `char**` of main(). A template, because a plain overload would make `{}` and a null pointer
+ * The same for the `char**` of main(). A template, since a plain overload would make `{}` and a null pointer
  * ambiguous.
  */
 template <class Character, std::enable_if_t<std::is_same<Character, char>::value, int> = 0>
@@ -98,25 +94,16 @@ void ParseCommandLine(int argc, Character** argv, Variant& definitions, Variant&
 }
 
 /**
- * What an option is set to: the value that ParseCommandLine() found, or else the declared default.
- *
- * @param definitions  the declarations
- * @param result       what ParseCommandLine() made of the arguments
- * @param longName     the option's long name, without "/" and not in brackets
- * @return a copy; null for an option that is not declared
+ * A copy of an option's value in the @p result of ParseCommandLine(), or else of its declared default; null
+ * for an option that is not declared. @p longName is without "/" and not in brackets.
  */
 KORVO_VARIANT_UTILS_EXPORT Variant OptionValue(const Variant& definitions, const Variant& result,
                                                const char* longName);
 
 /**
- * What was typed for an option, byte for byte: where ParseCommandLine() makes the number 8 of `--user=010`,
- * this has the text `010`. An option that was given twice shows as two texts.
- *
- * @param argc         as for ParseCommandLine()
- * @param argv         as for ParseCommandLine()
- * @param definitions  the declarations
- * @param longName     the option's long name; what was given by its short name counts too
- * @return a text for each time that the option was given, in order; empty where it had no value
+ * The values typed for an option by its long or short name, in order and byte for byte; empty where it had
+ * none. ParseCommandLine() makes the number 8 of `--user=010`, this returns the text `010`. The parameters
+ * are those of ParseCommandLine() and OptionValue().
  */
 KORVO_VARIANT_UTILS_EXPORT std::vector<std::string> OptionTexts(int argc, const char* const* argv,
                                                                 const Variant& definitions,
