@@ -1,5 +1,7 @@
 #include "korvo/variant_utils/camerainfo.h"
 
+#include <gmock/gmock.h>
+
 #include <cerrno>
 #include <map>
 
@@ -86,21 +88,24 @@ TEST(CameraInfo, TheFirmwareVersionMustHaveItsFormInEveryLocale) {
 }
 
 TEST(CameraInfoAccessors, ReturnTheMemberOrLeaveADefaultInItsPlace) {
-    const auto check = [](const Variant& stored, int feature, double seconds, const std::string& left) {
-        CameraInfo info;
-        info["feature_ir"] = info["upTime"] = info["idleTime"] = info["fullVersion"] = stored;
-        EXPECT_EQ(info.feature_ir(), feature);
-        EXPECT_EQ(info.upTime(), seconds);
-        EXPECT_EQ(info.idleTime(), seconds);
-        EXPECT_EQ(info.fullVersion(), stored.As<std::string>());
-        EXPECT_EQ(test::shown(info), "map " + left);
-    };
-    check(300, 44, 300.0, "feature_ir=300\nfullVersion=\nidleTime=300\nupTime=300");
-    check("1", 0, 0.0, "feature_ir=0\nfullVersion=1\nidleTime=0\nupTime=0");
-    CameraInfo array;
-    array[-1] = "first";
-    EXPECT_EQ(array.upTime(), 0.0);
-    EXPECT_EQ(test::shown(array), "map upTime=0");
+    CameraInfo info;
+    int number = 0;
+    for (const char* key :
+         {"feature_mic", "feature_ir", "feature_rtc", "feature_wifi", "feature_sdmmc", "upTime"})
+        info[key] = ++number;
+    info["feature_video"] = 300;
+    info["idleTime"] = info["fullVersion"] = "mistyped";
+    EXPECT_THAT((std::vector<int>{info.feature_mic(), info.feature_ir(), info.feature_rtc(),
+                                  info.feature_wifi(), info.feature_sdmmc(), info.feature_video()}),
+                testing::ElementsAre(1, 2, 3, 4, 5, 44));
+    EXPECT_EQ(info.upTime(), 6.0);
+    EXPECT_EQ(info.fullVersion(), "mistyped");
+    static_cast<Variant&>(info)["fullVersion"] = info.idleTime();
+    EXPECT_EQ(info.fullVersion(), "");
+    static_cast<Variant&>(info) = 5;
+    EXPECT_EQ(info.feature_ir(), 0);
+    EXPECT_EQ(info.upTime(), 0.0);
+    EXPECT_EQ(test::shown(info), "map feature_ir=0\nupTime=0");
 }
 
 }  // namespace

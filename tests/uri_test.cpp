@@ -65,20 +65,25 @@ TEST(ParseUri, RefusesWithOneMessageAndAnEmptyRecord) {
     });
 }
 
-TEST(UriRecord, GettersPutTheirDefaultWhereNothingFits) {
+TEST(UriRecord, SettersStoreTheirMemberAndGettersADefaultWhereNothingFits) {
     URI uri;
-    uri["port"] = "80";
-    uri["portSpecified"] = 1;
-    uri["schema"] = 5;
-    EXPECT_EQ(uri.host() + uri.schema() + std::to_string(uri.port()), "0");
-    EXPECT_FALSE(uri.portSpecified());
-    EXPECT_EQ(test::shown(uri), "map host=\nport=0\nportSpecified=0\nschema=");
+    static_cast<Variant&>(uri) = 5;
+    uri.originalUri("1");
+    uri.schema("2");
+    uri.userName("3");
+    uri.host("4");
+    uri.document("5");
+    uri.documentWithFullParameters("6");
+    EXPECT_EQ(test::shown(uri),
+              "map document=5\ndocumentWithFullParameters=6\nhost=4\noriginalUri=1\nschema=2\nuserName=3");
     uri["port"] = -1;
+    uri["portSpecified"] = 1;
+    uri["schema"] = 2;
     EXPECT_EQ(uri.port(), 65535);
     EXPECT_EQ(uri["port"], Variant(-1)) << "what fits badly is left";
-    static_cast<Variant&>(uri) = 5;
-    uri.schema("rtsp");
-    EXPECT_EQ(test::shown(uri), "map schema=rtsp");
+    EXPECT_EQ(uri.schema() + uri.userName() + uri.password() + uri.host() + uri.documentPath(), "34");
+    EXPECT_FALSE(uri.portSpecified());
+    EXPECT_EQ(uri["schema"], Variant(""));
 }
 
 TEST(UriRecord, ComposesOtherUrisWithoutPuttingAnythingBetween) {
