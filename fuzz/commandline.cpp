@@ -1,25 +1,15 @@
-// Any argument vector (zero bytes divide the input) against fixed declarations: every argument is either an
-// option with a value or collected as it stood.
+// Any argument vector (zero bytes divide the input) against declarations: every argument is either an option with a
+// value or collected as it stood, and the help can be printed.
 
 #include "korvo/variant_utils/commandline.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <iterator>
-#include <vector>
+#include <cstring>
 
 #include "fuzz.h"
 
 using namespace korvo::variant;
 
 namespace {
-
-/** The help of the declarations goes nowhere, but is formatted. */
-bool silenceStandardOutput() {
-    const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    return ::dup2(nowhere, STDOUT_FILENO) >= 0;
-}
 
 Variant declarations(const std::string& name) {
     Variant options;
@@ -34,34 +24,23 @@ Variant declarations(const std::string& name) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const bool silenced = silenceStandardOutput();
+    static const bool silenced = std::freopen("/dev/null", "w", stdout) != nullptr;
     FUZZ_CHECK(silenced);
     fuzz::beSilent();
-    std::vector<std::string> arguments(1);
-    for (std::size_t i = 0; i < size; ++i) {
-        if (data[i] == 0) {
-            arguments.emplace_back();
-        } else {
-            arguments.back() += static_cast<char>(data[i]);
-        }
-    }
-    std::vector<const char*> vector;
-    for (const std::string& argument : arguments) vector.push_back(argument.c_str());
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    std::vector<const char*> arguments;
+    for (std::size_t i = 0; i <= size; i += std::strlen(&text[i]) + 1) arguments.push_back(&text[i]);
 
-    Variant options = declarations(arguments[0]);
-    Variant result;
-    ParseCommandLine(static_cast<int>(vector.size()), vector.data(), options, result);
-    Variant& unknown = result["unknownParameters"];
-    Variant& known = result["parameters"];
-    const auto collected = static_cast<std::size_t>(std::distance(unknown.num_begin(), unknown.num_end()));
-    const auto options_given = static_cast<std::size_t>(std::distance(known.begin(), known.end()));
-    FUZZ_CHECK(collected + options_given <= vector.size() - 1);
-    FUZZ_CHECK((collected < vector.size() - 1) == (options_given > 0));
+    Variant options = declarations(arguments[0]), result;
+    ParseCommandLine(static_cast<int>(arguments.size()), arguments.data(), options, result);
     std::size_t next = 1;
-    for (auto argument = unknown.num_begin(); argument != unknown.num_end(); ++argument) {
-        while (next < arguments.size() && Variant(arguments[next]) != argument->second) ++next;
+    for (const auto& [index, argument] : result["unknownParameters"].Indexed()) {
+        while (next < arguments.size() && argument != arguments[next]) ++next;
         FUZZ_CHECK(next++ < arguments.size());
     }
-    PrintHelp(vector[0], options);
+    const std::size_t given = arguments.size() - 1 - result["unknownParameters"].Size();
+    FUZZ_CHECK(result["parameters"].Size() <= given);
+    FUZZ_CHECK((result["parameters"].Size() > 0) == (given > 0));
+    PrintHelp(arguments[0], options);
     return 0;
 }

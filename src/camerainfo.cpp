@@ -136,7 +136,7 @@ std::string versionPattern() {
                           failure);
     }
     constexpr unsigned long largest = std::numeric_limits<unsigned int>::max();
-    const unsigned long protocolVersion = std::strtoul(&version[groups[1].rm_so], nullptr, 10);
+    const unsigned long protocolVersion = std::strtoul(version.c_str() + groups[1].rm_so, nullptr, 10);
     info["protocolVer"] = static_cast<unsigned int>(std::min(protocolVersion, largest));
     return true;
 }

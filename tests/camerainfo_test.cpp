@@ -102,10 +102,10 @@ TEST(CameraInfoAccessors, ReturnTheMemberOrLeaveADefaultInItsPlace) {
     EXPECT_EQ(info.fullVersion(), "mistyped");
     static_cast<Variant&>(info)["fullVersion"] = info.idleTime();
     EXPECT_EQ(info.fullVersion(), "");
-    static_cast<Variant&>(info) = 5;
-    EXPECT_EQ(info.feature_ir(), 0);
-    EXPECT_EQ(info.upTime(), 0.0);
-    EXPECT_EQ(test::shown(info), "map feature_ir=0\nupTime=0");
+    CameraInfo array;
+    array[-1] = "first";
+    EXPECT_EQ(array.feature_ir() + array.upTime(), 0);
+    EXPECT_EQ(test::shown(array), "map feature_ir=0\nupTime=0");
 }
 
 }  // namespace
