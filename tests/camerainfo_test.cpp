@@ -59,18 +59,16 @@ TEST(CameraInfo, GathersWhatEachDeviceHasInEveryLocale) {
             const auto given = test::fields(input);
             std::filesystem::remove(device.path() / given[0]);
             if (given.size() == 2) device.write(given[0], given[1]);
-            const Outcome outcome = outcomeOfInit();
-            if (usual.empty()) usual = outcome;
             Outcome wanted = usual;
             korvo::utils::replaceAll(expected, "\n", "");
             for (const std::string& field : test::fields(expected)) {
-                const std::size_t nameEnd = field.find('=');
                 if (field[0] == '-')
                     wanted.erase(field.substr(1));
                 else
-                    wanted[field.substr(0, nameEnd)] = field.substr(nameEnd + 1);
+                    wanted[field.substr(0, field.find('='))] = field.substr(field.find('=') + 1);
             }
-            EXPECT_EQ(outcome, wanted);
+            EXPECT_EQ(outcomeOfInit(), wanted);
+            if (usual.empty()) usual = wanted;
         });
     });
 }
