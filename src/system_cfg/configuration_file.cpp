@@ -4,81 +4,72 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <utility>
 
-#include "../log.h"
 #include "korvo/utils/device_root.h"
-#include "korvo/utils/file.h"
 #include "korvo/utils/text.h"
 
 namespace korvo::configuration {
-namespace {
 
-constexpr char facility[] = "src/system_cfg";
-
-/** Whether the lock is still held; whoever holds it by now may have changed the file. */
-bool stillHeld(const InterProcessMutex& lock) {
-    if (lock.held()) return true;
-    errno = ESTALE;
+bool Call::logFailure(const char* message, const char* argument, int line) const {
+    logInternal("korvo_variant_utils", "src/system_cfg", function, line, logger::LevelError, 0, 0, message,
+                argument);
     return false;
 }
 
-}  // namespace
+bool Call::fail(const Cause& cause, const char* message, const char* argument, int line) const {
+    // In this order: the argument may be a text of the failure before.
+    (void)logFailure(message, argument, line);
+    return korvo::fail(&failure, cause);
+}
 
 std::string path() { return utils::devicePath(utils::configurationPath); }
 
 std::string lockPath() { return path() + ".lock"; }
 
-bool acquireLock(InterProcessMutex& lock, const char* function, Failure* failure) {
+bool acquireLock(InterProcessMutex& lock, const Call& call) {
     const int result = lock.acquire();
-    return result == 0 || fail(failure, {Step::Lock, result, lockPath(), 0, ""}) ||
-           KORVO_FAIL(function, "Failed to acquire system.cfg mutex, res=%d", result);
+    return result == 0 ||
+           call.fail({Step::Lock, result, lockPath()}, "Failed to acquire system.cfg mutex, res=%s",
+                     utils::format("%d", result).c_str());
 }
 
-bool readFile(std::string& text, const char* function, Failure* failure) {
+bool readFile(std::string& text, const Call& call) {
     utils::File file;
-    const bool opened = file.Initialize(path(), utils::FILE_OPEN_MODE_READ_NOFOLLOW);
-    if (opened && file.ReadStringAll(text)) return true;
-    (void)fail(failure, {Step::Read, errno, path(), 0, ""});
-    if (!opened) return KORVO_FAIL(function, "Failed to open system.cfg file");
-    return KORVO_FAIL(function, "Failed to read system.cfg file");
+    const std::string from = path();
+    const bool opened = file.Initialize(from, utils::FILE_OPEN_MODE_READ_NOFOLLOW);
+    return (opened && file.ReadStringAll(text)) ||
+           call.fail({Step::Read, errno, from},
+                     opened ? "Failed to read system.cfg file" : "Failed to open system.cfg file");
 }
 
-Replacement::Replacement(const InterProcessMutex& held)
+Replacement::Replacement(const InterProcessMutex& held, Failure& failure)
     : lock(held),
+      call{"write", failure},
       name(utils::format("%s.%d", utils::configurationPath, static_cast<int>(::getpid()))),
-      temporary(utils::devicePath(name.c_str())) {}
+      temporary(utils::devicePath(name.c_str())),
+      target(path()) {}
 
 // Named after this process, so it is no other's even when the lock is lost.
 Replacement::~Replacement() {
     if (exists) (void)::unlink(temporary.c_str());
 }
 
-bool Replacement::write(const std::string& text, const utils::FileAccess* access, Failure* failure) {
+bool Replacement::write(const std::string& text, const utils::FileAccess* access) {
     utils::File file;
     exists = file.Initialize(temporary, utils::FILE_OPEN_MODE_TRUNCATE);
-    if (exists && file.WriteString(text) &&
-        (access != nullptr ? file.SetAccess(*access) : file.CopyAccess(path())) && file.Close())
-        return true;
-    (void)fail(failure, {Step::Write, errno, path(), 0, ""});
-    return KORVO_FAIL("write", exists ? "Failed to write system.cfg" : "Failed to open system.cfg");
+    return (exists && file.WriteString(text) &&
+            (access != nullptr ? file.SetAccess(*access) : file.CopyAccess(target)) && file.Close()) ||
+           call.fail({Step::Write, errno, target},
+                     exists ? "Failed to write system.cfg" : "Failed to open system.cfg");
 }
 
-bool Replacement::commit(Failure* failure) {
-    const std::string target = path();
-    const bool held = stillHeld(lock);
-    if (held && std::rename(temporary.c_str(), target.c_str()) == 0) {
-        exists = false;
-        return true;
-    }
-    (void)fail(failure, {Step::Write, errno, target, 0, ""});
-    if (!held) return KORVO_FAIL("write", "Failed to write system.cfg");
-    return KORVO_FAIL("write", "Failed to move %s to /tmp/system.cfg", name.c_str());
-}
-
-bool replaceFile(const std::string& text, const InterProcessMutex& lock, Failure* failure) {
-    Replacement file(lock);
-    return file.write(text, nullptr, failure) && file.commit(failure);
+bool Replacement::commit() {
+    // Whoever holds a lost lock by now may have changed the file.
+    if (!lock.held()) return call.fail({Step::Write, ESTALE, target}, "Failed to write system.cfg");
+    if (std::rename(temporary.c_str(), target.c_str()) != 0)
+        return call.fail({Step::Write, errno, target}, "Failed to move %s to /tmp/system.cfg", name.c_str());
+    exists = false;
+    return true;
 }
 
 }  // namespace korvo::configuration

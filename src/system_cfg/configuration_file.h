@@ -1,17 +1,26 @@
-/**
- * @file
- * The configuration as a file, and its lock. What fails is logged as a failure of the operation @p function,
- * or of "write".
- */
+/** @file The configuration as a file, its lock, and how the operations on them fail. */
 #pragma once
 
 #include <string>
 
+#include "../log.h"
 #include "korvo/utils/file.h"
 #include "korvo/utils/inter_process_mutex.h"
-#include "korvo/variant_utils/failure.h"
 
 namespace korvo::configuration {
+
+/** An operation of the store: its name for the log, and where the reason of its failure goes. */
+struct Call {
+    const char* function;
+    Failure& failure;
+
+    /** Logs a message, in which "%s" stands for @p argument; false, for the caller to return. */
+    bool logFailure(const char* message, const char* argument = "", int line = __builtin_LINE()) const;
+
+    /** The same, and keeps the cause. */
+    bool fail(const Cause& cause, const char* message, const char* argument = "",
+              int line = __builtin_LINE()) const;
+};
 
 /** Where the file is. */
 std::string path();
@@ -20,33 +29,32 @@ std::string path();
 std::string lockPath();
 
 /** Waits for the lock, which is utils::configurationLock. */
-[[nodiscard]] bool acquireLock(InterProcessMutex& lock, const char* function, Failure* failure);
+[[nodiscard]] bool acquireLock(InterProcessMutex& lock, const Call& call);
 
 /** Reads the file whole. */
-[[nodiscard]] bool readFile(std::string& text, const char* function, Failure* failure);
+[[nodiscard]] bool readFile(std::string& text, const Call& call);
 
 /** A text on its way to the place of the file. One that does not arrive leaves nothing. */
 class Replacement {
   public:
-    /** @param held  the lock, which outlives the object */
-    explicit Replacement(const InterProcessMutex& held);
+    /** @param held  the lock, which outlives the object, as @p failure does */
+    Replacement(const InterProcessMutex& held, Failure& failure);
     Replacement(const Replacement&) = delete;
     ~Replacement();
 
     /** Writes the text beside the file. Null for @p access keeps that of the file. */
-    [[nodiscard]] bool write(const std::string& text, const utils::FileAccess* access, Failure* failure);
+    [[nodiscard]] bool write(const std::string& text, const utils::FileAccess* access);
 
     /** Puts it in the place of the file, in one step, if the lock is still held. */
-    [[nodiscard]] bool commit(Failure* failure);
+    [[nodiscard]] bool commit();
 
   private:
     const InterProcessMutex& lock;
+    const Call call;
     const std::string name;       ///< on the device
     const std::string temporary;  ///< the same below the device root
+    const std::string target;     ///< the file
     bool exists = false;
 };
-
-/** Puts a text in the place of the file, with the access of that. */
-[[nodiscard]] bool replaceFile(const std::string& text, const InterProcessMutex& lock, Failure* failure);
 
 }  // namespace korvo::configuration

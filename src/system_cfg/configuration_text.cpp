@@ -4,17 +4,17 @@
 #include <climits>
 #include <cstdlib>
 #include <iterator>
-#include <map>
-#include <optional>
 #include <utility>
 #include <vector>
 
 #include "../log.h"
+#include "korvo/utils/text.h"
 #include "korvo/variant_utils/system_cfg.h"
 
 namespace configuration = korvo::configuration;
+namespace utils = korvo::utils;
 using korvo::variant::TypeMap;
-using korvo::variant::TypeString;
+using korvo::variant::TypeNull;
 using korvo::variant::Variant;
 using korvo::variant::VariantType;
 
@@ -36,6 +36,10 @@ struct Lines {
         }
         rest.remove_prefix(line.size() + end.size());
         ++number;
+        const std::size_t equals = line.find('=');
+        isPair = equals != std::string_view::npos && line.front() != '#';
+        key = isPair ? line.substr(0, equals) : "";
+        value = isPair ? line.substr(equals + 1) : "";
         return true;
     }
 
@@ -43,35 +47,9 @@ struct Lines {
     std::string_view line = {};
     std::string_view end = {};  ///< what ends the line: "\n", "\r\n" or, at the end of the text, nothing
     std::size_t number = 0;     ///< of the line, counted from 1
+    bool isPair = false;        ///< `key=value`; not a comment, a blank line or one that is wrong
+    std::string_view key = {}, value = {};
 };
-
-/** A line `key=value`, as two pieces of the text. */
-struct Pair {
-    std::string_view key;
-    std::string_view value;
-};
-
-/** What a line says; nothing in a comment, a blank line or one that is wrong. */
-std::optional<Pair> pairIn(std::string_view line) {
-    const std::size_t equals = line.find('=');
-    if (equals == std::string_view::npos || line.front() == '#') return std::nullopt;
-    return Pair{line.substr(0, equals), line.substr(equals + 1)};
-}
-
-/** Converts a text by @p appendPair, which adds what becomes of a pair; all else stays as it is. */
-template <class AppendPair>
-std::string convertPairs(std::string_view text, AppendPair appendPair) {
-    std::string converted;
-    converted.reserve(text.size());
-    for (Lines lines{text}; lines.next();) {
-        if (const std::optional<Pair> pair = pairIn(lines.line))
-            appendPair(converted, *pair);
-        else
-            converted += lines.line;
-        converted += lines.end;
-    }
-    return converted;
-}
 
 // Keys and values
 
@@ -81,9 +59,12 @@ bool hasTooManyComponents(std::string_view key) {
     return key.size() >= limit && std::count(key.begin(), key.end(), '.') >= std::ptrdiff_t{limit};
 }
 
-bool isControl(char character) {
-    const auto code = static_cast<unsigned char>(character);
-    return code < 0x20 || code == 0x7f;
+bool hasControl(const std::string& text) {
+    for (const char character : text) {
+        const auto code = static_cast<unsigned char>(character);
+        if (code < 0x20 || code == 0x7f) return true;
+    }
+    return false;
 }
 
 bool isIndexDigit(char character) { return character >= '1' && character <= '4'; }
@@ -94,73 +75,105 @@ bool isIndex(std::string_view component) {
     return digit != std::string_view::npos && isIndexDigit(component[digit]);
 }
 
-/** Adds a key to a text, with one underscore more before each index component. */
-void appendEscaped(std::string& text, std::string_view key) {
-    for (std::size_t i = 0; i < key.size(); ++i) {
-        text += key[i];
-        if (key[i] == '.' && isIndex(key.substr(i + 1))) text += '_';
-    }
-}
+/** What becomes of the index components of a key. */
+enum class Indices {
+    Kept,
+    Escaped,   ///< each gets one underscore more
+    Unescaped  ///< each that has underscores loses one
+};
 
-/** Adds a key to a text, with one underscore less before each index component that has any. */
-void appendUnescaped(std::string& text, std::string_view key) {
+void appendKey(std::string& text, std::string_view key, Indices indices) {
+    if (indices == Indices::Kept) {
+        text += key;
+        return;
+    }
     for (std::size_t i = 0; i < key.size(); ++i) {
         text += key[i];
-        if (key[i] == '.' && isIndex(key.substr(i + 1)) && key[i + 1] == '_') ++i;
+        if (key[i] != '.' || !isIndex(key.substr(i + 1))) continue;
+        if (indices == Indices::Escaped)
+            text += '_';
+        else if (key[i + 1] == '_')
+            ++i;
     }
 }
 
 /** A value as it is loaded: a digit for a boolean word. */
 std::string_view loadedValue(std::string_view value) {
-    if (value == "enabled" || value == "enable" || value == "on") return "1";
-    if (value == "disabled" || value == "disable" || value == "off") return "0";
+    static constexpr std::string_view on[] = {"enabled", "enable", "on"};
+    static constexpr std::string_view off[] = {"disabled", "disable", "off"};
+    for (const std::string_view& word : on) {
+        if (value == word) return "1";
+    }
+    for (const std::string_view& word : off) {
+        if (value == word) return "0";
+    }
     return value;
+}
+
+/** Converts the pairs of a text, whose values are to be loaded or not; all else stays as it is. */
+std::string converted(std::string_view text, Indices indices, bool load) {
+    std::string result;
+    result.reserve(text.size());
+    for (Lines lines{text}; lines.next();) {
+        if (lines.isPair) {
+            appendKey(result, lines.key, indices);
+            result += '=';
+            result += load ? loadedValue(lines.value) : lines.value;
+        } else {
+            result += lines.line;
+        }
+        result += lines.end;
+    }
+    return result;
 }
 
 // Loading
 
 /** The number of the first line of a text with a pair that begins so. */
-std::string firstLine(std::string_view text, const std::string& begin) {
+int firstLine(std::string_view text, const std::string& begin) {
     Lines lines{text};
-    while (lines.next() && !(pairIn(lines.line) && lines.line.substr(0, begin.size()) == begin)) {
+    while (lines.next() && !(lines.isPair && lines.line.substr(0, begin.size()) == begin)) {
     }
-    return std::to_string(lines.number);
+    return static_cast<int>(lines.number);
 }
 
 /**
- * Stores what a line of a text says in a tree of maps and strings. Returns why the line does not load, in
- * which case it changes nothing; else the empty text.
+ * Makes the place for the value of a line in a tree of values and maps. Null for a line that has none: with
+ * the reason for one that does not load, else without. A value must be stored in the place.
  */
-std::string loadLine(std::string_view line, std::string_view text, Variant& tree) {
-    const std::optional<Pair> pair = pairIn(line);
-    if (!pair) {
-        const bool skipped = line.find_first_not_of(" \t\v\f\r") == std::string_view::npos || line[0] == '#';
-        return skipped ? "" : "there is no \"=\"";
+Variant* makePlace(const Lines& lines, std::string_view text, Variant& tree, std::string& reason) {
+    reason.clear();
+    if (!lines.isPair) {
+        const bool blank = lines.line.find_first_not_of(" \t\v\f\r") == std::string_view::npos;
+        if (!blank && lines.line.front() != '#') reason = "there is no \"=\"";
+        return nullptr;
     }
-    const std::string_view key = pair->key;
-    if (line.back() == '\r') return "the value ends with a carriage return";
-    if (hasTooManyComponents(key)) return "the key has more than 64 components";
+    if (lines.line.back() == '\r')
+        reason = "the value ends with a carriage return";
+    else if (hasTooManyComponents(lines.key))
+        reason = "the key has more than 64 components";
     Variant* node = &tree;
-    std::size_t begin = 0;
-    for (std::size_t dot; (dot = key.find('.', begin)) != std::string_view::npos; begin = dot + 1) {
-        node = &(*node)[std::string(key.substr(begin, dot - begin))];
-        if (static_cast<VariantType>(*node) == TypeString) {
-            const std::string value(key.substr(0, dot));
-            return '"' + value + "\" is a value since line " + firstLine(text, value + '=') +
-                   ", so nothing can be below it";
-        }
-        node->IsArray(false);
+    for (std::size_t begin = 0; reason.empty();) {
+        const std::size_t dot = lines.key.find('.', begin);
+        const bool isLast = dot == std::string_view::npos;
+        const std::string path(lines.key.substr(0, dot));
+        node = &(*node)[path.substr(begin)];
+        const VariantType type = *node;
+        if (isLast && type != TypeMap) return node;
+        if (isLast)
+            reason = utils::format("\"%s\" is a group of keys since line %d", path.c_str(),
+                                   firstLine(text, path + '.'));
+        else if (type != TypeNull && type != TypeMap)
+            reason = utils::format("\"%s\" is a value since line %d, so nothing can be below it",
+                                   path.c_str(), firstLine(text, path + '='));
+        else
+            node->IsArray(false);
+        begin = dot + 1;
     }
-    Variant& leaf = (*node)[std::string(key.substr(begin))];
-    if (static_cast<VariantType>(leaf) == TypeMap) {
-        const std::string group(key);
-        return '"' + group + "\" is a group of keys since line " + firstLine(text, group + '.');
-    }
-    leaf = std::string(loadedValue(pair->value));
-    return "";
+    return nullptr;
 }
 
-/** Why a line that loads is no change that may be made; empty when it is one. */
+/** Why a change may not be made; empty when it may. */
 std::string refusal(const SystemCfgManager::Change& change) {
     if (const char* const fault = SystemCfgManager::keyFault(change.key))
         return std::string("the key is refused: ") + fault;
@@ -174,14 +187,13 @@ std::string refusal(const SystemCfgManager::Change& change) {
 namespace korvo::configuration {
 
 const char* pathFault(const std::string& key) {
+    const std::string dotted = '.' + key + '.';
     if (key.empty()) return "it is empty";
-    if (key.front() == '.' || key.back() == '.' || key.find("..") != std::string::npos)
-        return "it has an empty component";
+    if (dotted.find("..") != std::string::npos) return "it has an empty component";
     if (hasTooManyComponents(key)) return "it has more than 64 components";
-    if (key.front() == '#' || key.find(".#") != std::string::npos)
-        return "a component of it begins with \"#\"";
+    if (dotted.find(".#") != std::string::npos) return "a component of it begins with \"#\"";
     if (key.find_first_of("/[]=") != std::string::npos) return "it holds \"/\", \"[\", \"]\" or \"=\"";
-    if (std::any_of(key.begin(), key.end(), isControl)) return "it holds a control character";
+    if (hasControl(key)) return "it holds a control character";
     return nullptr;
 }
 
@@ -193,22 +205,13 @@ bool hasBareIndex(std::string_view key) {
 }
 
 std::string treeText(const std::string& text, bool escapeIndexKeys) {
-    return convertPairs(text, [&](std::string& converted, const Pair& pair) {
-        if (escapeIndexKeys)
-            appendEscaped(converted, pair.key);
-        else
-            converted += pair.key;
-        converted.append("=").append(loadedValue(pair.value));
-    });
+    return converted(text, escapeIndexKeys ? Indices::Escaped : Indices::Kept, true);
 }
 
 bool toFileText(std::string& text) {
     bool bareIndex = false;
-    text = convertPairs(text, [&](std::string& converted, const Pair& pair) {
-        bareIndex = bareIndex || hasBareIndex(pair.key);
-        appendUnescaped(converted, pair.key);
-        converted.append("=").append(pair.value);
-    });
+    for (Lines lines{text}; lines.next();) bareIndex = bareIndex || hasBareIndex(lines.key);
+    text = converted(text, Indices::Unescaped, false);
     if (!bareIndex) return true;
     // Only a host that fills the tree itself leaves an index component bare. Then two keys may have become
     // one. Loaded as strings and written again, each line is the same, only their order is another; where two
@@ -226,45 +229,32 @@ bool loads(const std::string& text, const std::string& path, Failure* failure) {
            fail(failure, {Step::Load, 0, path, faults.front().line, faults.front().reason});
 }
 
-bool holdsPairs(const std::string& text) {
+Contents contentsOf(const std::string& text) {
+    Contents contents;
     for (Lines lines{text}; lines.next();) {
-        if (pairIn(lines.line)) return true;
+        if (!lines.isPair) continue;
+        contents.pairs = true;
+        if (lines.key == flashCyclesKey) {
+            contents.count = lines.value;
+            contents.largestCount =
+                std::max(contents.largestCount, clampedInt(std::string(lines.value).c_str()));
+        } else {
+            contents.settings = true;
+        }
     }
-    return false;
-}
-
-bool holdsSettings(const std::string& text) {
-    for (Lines lines{text}; lines.next();) {
-        const std::optional<Pair> pair = pairIn(lines.line);
-        if (pair && pair->key != flashCyclesKey) return true;
-    }
-    return false;
+    return contents;
 }
 
 int clampedInt(const char* text) {
     return static_cast<int>(std::clamp<long long>(std::strtoll(text, nullptr, 10), INT_MIN, INT_MAX));
 }
 
-int flashWritesIn(const std::string& text) {
-    int count = 0;
-    for (Lines lines{text}; lines.next();) {
-        const std::optional<Pair> pair = pairIn(lines.line);
-        if (pair && pair->key == flashCyclesKey)
-            count = std::max(count, clampedInt(std::string(pair->value).c_str()));
-    }
-    return count;
-}
-
 void raiseFlashWrites(std::string& text, int count) {
-    std::optional<std::string_view> told;
-    for (Lines lines{text}; lines.next();) {
-        const std::optional<Pair> pair = pairIn(lines.line);
-        if (pair && pair->key == flashCyclesKey) told = pair->value;  // of several lines the last one counts
-    }
-    if (count <= clampedInt(std::string(told.value_or("")).c_str())) return;
-    const std::string digits = std::to_string(count);
-    if (told) {
-        text.replace(static_cast<std::size_t>(told->data() - text.data()), told->size(), digits);
+    const std::optional<std::string_view> now = contentsOf(text).count;
+    if (count <= clampedInt(std::string(now.value_or("")).c_str())) return;
+    const std::string digits = utils::format("%d", count);
+    if (now) {
+        text.replace(static_cast<std::size_t>(now->data() - text.data()), now->size(), digits);
         return;
     }
     if (!text.empty() && text.back() != '\n') text += '\n';
@@ -276,49 +266,50 @@ void raiseFlashWrites(std::string& text, int count) {
 bool SystemCfgManager::load(const std::string& text, Variant& tree, std::vector<Fault>* faults) {
     Variant loaded;
     loaded.IsArray(false);
-    std::vector<Fault> found;
-    for (Lines lines{text}; lines.next() && (found.empty() || faults != nullptr);) {
-        std::string reason = loadLine(lines.line, text, loaded);
-        if (!reason.empty()) found.push_back({lines.number, std::move(reason)});
+    bool accepted = true;
+    std::string reason;
+    for (Lines lines{text}; lines.next() && (accepted || faults != nullptr);) {
+        if (Variant* const place = makePlace(lines, text, loaded, reason))
+            *place = std::string(loadedValue(lines.value));
+        if (reason.empty()) continue;
+        accepted = false;
+        if (faults != nullptr) faults->push_back({lines.number, reason});
     }
-    const bool accepted = found.empty();
     if (!accepted) loaded.Reset();
-    // Last: the text may be in the tree or in the faults.
-    tree = std::move(loaded);
-    if (faults != nullptr) std::move(found.begin(), found.end(), std::back_inserter(*faults));
+    tree = std::move(loaded);  // last: the text may be in the tree
     return accepted;
 }
 
 bool SystemCfgManager::parse(const std::string& text, std::vector<Change>& changes,
                              std::vector<Fault>* faults) {
-    Variant tree;
+    Variant tree;  // holds for each key where it is in `found`
     tree.IsArray(false);
     std::vector<Change> found;
-    std::map<std::string_view, std::size_t> places;  // of the keys among what was found
-    std::vector<Fault> refused;
+    bool accepted = true;
+    std::string reason;
     for (Lines lines{text}; lines.next();) {
-        std::string reason = loadLine(lines.line, text, tree);
-        if (const std::optional<Pair> pair = pairIn(lines.line); pair && reason.empty()) {
-            const auto [place, isNew] = places.emplace(pair->key, found.size());
-            if (isNew) found.push_back({std::string(pair->key), std::nullopt});
-            Change& change = found[place->second];
-            change.value = std::string(pair->value);
+        if (Variant* const place = makePlace(lines, text, tree, reason)) {
+            if (static_cast<VariantType>(*place) == TypeNull) {
+                *place = static_cast<long long>(found.size());
+                found.push_back({std::string(lines.key), std::nullopt});
+            }
+            Change& change = found[static_cast<std::size_t>(static_cast<long long>(*place))];
+            change.value = std::string(lines.value);
             reason = refusal(change);
         }
-        if (!reason.empty()) refused.push_back({lines.number, std::move(reason)});
+        if (reason.empty()) continue;
+        accepted = false;
+        if (faults != nullptr) faults->push_back({lines.number, reason});
     }
-    const bool accepted = refused.empty();
-    // Last: the text may be in the changes or in the faults.
     if (accepted) std::move(found.begin(), found.end(), std::back_inserter(changes));
-    if (faults != nullptr) std::move(refused.begin(), refused.end(), std::back_inserter(*faults));
     return accepted;
 }
 
 const char* SystemCfgManager::keyFault(const std::string& key) {
     if (const char* const fault = configuration::pathFault(key)) return fault;
     // Only a slip of the hand makes such a key. Other white space is a control character.
-    if (key.front() == ' ' || key.back() == ' ' || key.find(". ") != std::string::npos ||
-        key.find(" .") != std::string::npos)
+    const std::string dotted = '.' + key + '.';
+    if (dotted.find(". ") != std::string::npos || dotted.find(" .") != std::string::npos)
         return "a component of it begins or ends with a blank";
     if (key.compare(0, 3, "\xef\xbb\xbf") == 0) return "it begins with a byte order mark";
     return nullptr;

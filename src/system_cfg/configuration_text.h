@@ -6,6 +6,7 @@
  */
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -30,17 +31,18 @@ std::string treeText(const std::string& text, bool escapeIndexKeys);
 /** Whether a text, which was read from the file at @p path, loads. */
 [[nodiscard]] bool loads(const std::string& text, const std::string& path, Failure* failure);
 
-/** Whether any line of a text is a pair. */
-bool holdsPairs(const std::string& text);
+/** What stands in a text, whether or not it loads. */
+struct Contents {
+    bool pairs = false;     ///< any line `key=value`
+    bool settings = false;  ///< any other than the count of flash writes
+    int largestCount = 0;   ///< of flash writes, 0 when no line has one
+    std::optional<std::string_view> count = {};  ///< in the last of these lines, as a piece of the text
+};
 
-/** Whether any is a pair other than the count of flash writes. */
-bool holdsSettings(const std::string& text);
+Contents contentsOf(const std::string& text);
 
 /** The integer that a text stands for; the nearest int, whatever the width of long. */
 int clampedInt(const char* text);
-
-/** The largest count of flash writes that a line of the text tells, 0 when none does. */
-int flashWritesIn(const std::string& text);
 
 /** Raises the count of flash writes in a text and leaves the rest as it is. It may not load any more then. */
 void raiseFlashWrites(std::string& text, int count);

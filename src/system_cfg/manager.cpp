@@ -4,23 +4,19 @@
 #include <climits>
 #include <cstdlib>
 #include <new>
-#include <set>
-#include <string_view>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
-#include "../log.h"
 #include "configuration_file.h"
 #include "configuration_text.h"
 #include "korvo/utils/device_root.h"
 #include "korvo/utils/flash.h"
-#include "korvo/utils/inter_process_mutex.h"
 #include "korvo/utils/text.h"
 #include "korvo/variant_utils/system_cfg.h"
 
 namespace configuration = korvo::configuration;
 namespace utils = korvo::utils;
+using configuration::Call;
 using korvo::fail;
 using korvo::Failure;
 using korvo::Step;
@@ -35,7 +31,15 @@ using korvo::variant::VariantType;
 
 namespace {
 
-constexpr char facility[] = "src/system_cfg";
+// Failures
+
+bool failOfState(const Call& call, const char* reason) {
+    return call.fail({Step::State, 0, "", 0, reason}, "SystemCfgManager not initialized");
+}
+
+bool failToWrite(const Call& call, const char* reason) {
+    return call.fail({Step::Serialize, 0, "", 0, reason}, "Failed to serialize variant to key-value pairs");
+}
 
 // Keys
 
@@ -78,7 +82,7 @@ const char* obstacle(Variant& node, const std::string& name) {
     if (!isContainer(node)) return " has a value, so nothing can be below it";
     // In a tree that a host filled, an indexed member may have a line of that name already.
     const long long index = std::strtoll(name.c_str(), nullptr, 10);
-    if (std::to_string(index) != name) return nullptr;
+    if (utils::format("%lld", index) != name) return nullptr;
     const Variant* indexed = node.GetKeyChain(TypeAny, ("[" + name + "]").c_str(), true);
     if (indexed == nullptr || indexed == findMember(node, name, TypeAny)) return nullptr;
     return " has an indexed member of that name";
@@ -132,21 +136,23 @@ int toCount(const Variant& value) {
     return count >= INT_MAX ? INT_MAX : count <= INT_MIN ? INT_MIN : static_cast<int>(value);
 }
 
-/** Stores a value under a key, and tells whether it differed. False when the key or the value is refused. */
-template <class Value>
-[[nodiscard]] bool storeValue(Variant& root, bool escapeIndexKeys, const std::string& key, const Value& value,
+/**
+ * Moves a text or an integer to where a key leads, if another value is there, and reports whether it was. False
+ * when the key or the value is refused.
+ */
+[[nodiscard]] bool storeValue(Variant& root, bool escapeIndexKeys, const std::string& key, Variant& value,
                               bool& differs, Failure* failure) {
-    constexpr bool isText = std::is_same<Value, std::string>::value;
-    if constexpr (isText) {
-        if (const char* const reason = SystemCfgManager::valueFault(value))
-            return fail(failure, {Step::Value, 0, key, 0, reason});
-    }
+    const bool isText = static_cast<VariantType>(value) == TypeString;
+    const std::string& text = value;
+    if (const char* const reason = isText ? SystemCfgManager::valueFault(text) : nullptr)
+        return fail(failure, {Step::Value, 0, key, 0, reason});
     std::string lastKey;
     Variant* const parent = makeParent(root, escapeIndexKeys, key, lastKey, failure);
     if (parent == nullptr) return false;
     const Variant* const stored = findMember(*parent, lastKey, isText ? TypeString : TypeNumeric);
-    differs = stored == nullptr || static_cast<const Value&>(*stored) != value;
-    if (differs) (*parent)[lastKey] = value;
+    differs = stored == nullptr || (isText ? static_cast<const std::string&>(*stored) != text
+                                           : static_cast<int>(*stored) != static_cast<int>(value));
+    if (differs) (*parent)[lastKey] = std::move(value);
     return true;
 }
 
@@ -168,10 +174,14 @@ void remove(Variant& root, const std::string& key) {
 /** Makes one change in a tree. False when it is refused. */
 [[nodiscard]] bool makeChange(Variant& root, bool escapeIndexKeys, const SystemCfgManager::Change& change,
                               Failure* failure) {
+    if (!change.value) {
+        remove(root, change.key);
+        return true;
+    }
+    Variant value;
+    value = *change.value;
     bool differs = false;
-    if (change.value) return storeValue(root, escapeIndexKeys, change.key, *change.value, differs, failure);
-    remove(root, change.key);
-    return true;
+    return storeValue(root, escapeIndexKeys, change.key, value, differs, failure);
 }
 
 // Trees
@@ -185,15 +195,14 @@ bool sameLines(const Variant& one, const Variant& other) {
 
 /** Writes a tree to the file, under the lock. @p textSize is the last text's, about what the next one takes. */
 [[nodiscard]] bool writeTree(const Variant& tree, bool escapeIndexKeys, const InterProcessMutex& lock,
-                             std::size_t& textSize, Failure* failure) {
+                             std::size_t& textSize, Failure& failure) {
     std::string text;
     text.reserve(textSize);
-    if (tree.ToKVP(text, "=", "\n") && (!escapeIndexKeys || configuration::toFileText(text))) {
-        textSize = text.size();
-        return configuration::replaceFile(text, lock, failure);
-    }
-    return fail(failure, {Step::Serialize, 0, "", 0, "the tree cannot be written as key=value text"}) ||
-           KORVO_FAIL("write", "Failed to serialize variant to key-value pairs");
+    if (!tree.ToKVP(text, "=", "\n") || (escapeIndexKeys && !configuration::toFileText(text)))
+        return failToWrite({"write", failure}, "the tree cannot be written as key=value text");
+    textSize = text.size();
+    configuration::Replacement file(lock, failure);
+    return file.write(text, nullptr) && file.commit();
 }
 
 }  // namespace
@@ -224,50 +233,41 @@ SystemCfgManager::~SystemCfgManager() {
 bool SystemCfgManager::isOpen() const { return readOnly || (initialized && mutex->acquired()); }
 
 bool SystemCfgManager::checkOpen(const char* function) {
-    return isOpen() || fail(&lastFailure, {Step::State, 0, "", 0, "the configuration is not open"}) ||
-           KORVO_FAIL(function, "SystemCfgManager not initialized");
+    return isOpen() || failOfState({function, lastFailure}, "the configuration is not open");
 }
 
 bool SystemCfgManager::checkLocked(const char* function) {
     if (!readOnly) return checkOpen(function);
-    return fail(&lastFailure, {Step::State, 0, "", 0, "the configuration is open for reading only"}) ||
-           KORVO_FAIL(function, "SystemCfgManager not initialized");
+    return failOfState({function, lastFailure}, "the configuration is open for reading only");
 }
 
 bool SystemCfgManager::checkWritable(const char* function) {
-    if (!checkLocked(function)) return false;
-    return !emptiedByRead ||
-           fail(&lastFailure, {Step::Serialize, 0, "", 0, "a failed read has emptied the tree"}) ||
-           KORVO_FAIL(function, "Failed to serialize variant to key-value pairs");
+    return checkLocked(function) &&
+           (!emptiedByRead || failToWrite({function, lastFailure}, "a failed read has emptied the tree"));
 }
 
 const Failure& SystemCfgManager::failure() const { return lastFailure; }
 
 /** To be called last: a key may be the text of the failure before. */
-bool SystemCfgManager::succeed() {
-    lastFailure = {};
-    return true;
-}
+bool SystemCfgManager::succeed() { return !fail(&lastFailure, {Step::None}); }
 
-bool SystemCfgManager::begin(const char* function) {
+bool SystemCfgManager::begin(const Call& call) {
     if (isOpen())
-        return fail(&lastFailure, {Step::State, 0, "", 0, "the configuration is open already"}) ||
-               KORVO_FAIL(function, "SystemCfgManager already initialized");
-    initialized = false;
-    changed = false;
-    notSaved = false;
+        return call.fail({Step::State, 0, "", 0, "the configuration is open already"},
+                         "SystemCfgManager already initialized");
+    initialized = changed = notSaved = false;
     return true;
 }
 
 bool SystemCfgManager::init() {
-    if (!begin(__func__)) return false;
-    if (!configuration::acquireLock(*mutex, __func__, &lastFailure)) return false;
+    const Call call{__func__, lastFailure};
+    if (!begin(call) || !configuration::acquireLock(*mutex, call)) return false;
     // Releases the lock if reading throws.
     const auto giveBack = [](InterProcessMutex* held) { (void)held->release(); };
     std::unique_ptr<InterProcessMutex, decltype(giveBack)> lock(mutex.get(), giveBack);
     if (!read()) {
         lock.reset();
-        return KORVO_FAIL(__func__, "Failed to read system.cfg into variant");
+        return call.logFailure("Failed to read system.cfg into variant");
     }
     (void)lock.release();
     initialized = true;
@@ -275,15 +275,16 @@ bool SystemCfgManager::init() {
 }
 
 bool SystemCfgManager::initReadOnly() {
-    if (!begin(__func__)) return false;
-    if (!read()) return KORVO_FAIL(__func__, "Failed to read system.cfg into variant");
-    readOnly = true;
-    return succeed();
+    const Call call{__func__, lastFailure};
+    if (!begin(call)) return false;
+    readOnly = read();
+    return readOnly || call.logFailure("Failed to read system.cfg into variant");
 }
 
 bool SystemCfgManager::read() {
+    const Call call{__func__, lastFailure};
     std::string text;
-    if (!configuration::readFile(text, __func__, &lastFailure)) return false;
+    if (!configuration::readFile(text, call)) return false;
     const std::string treeText = configuration::treeText(text, escapeIndexKeys);
     // A reader keeps what it has until the new text is loaded.
     Variant loaded;
@@ -292,9 +293,10 @@ bool SystemCfgManager::read() {
     tree.Reset();
     if (!tree.FromKVP(treeText, true, valuesAsStrings, fromKvpFlag)) {
         // A maker's FromKVP() may refuse what load() accepts.
-        if (configuration::loads(text, configuration::path(), &lastFailure))
-            lastFailure = {Step::Load, 0, configuration::path(), 0, "it is no key=value text"};
-        return KORVO_FAIL(__func__, "Failed to deserialize system.cfg file");
+        const std::string path = configuration::path();
+        if (configuration::loads(text, path, &lastFailure))
+            (void)fail(&lastFailure, {Step::Load, 0, path, 0, "it is no key=value text"});
+        return call.logFailure("Failed to deserialize system.cfg file");
     }
     if (readOnly) *variant = std::move(loaded);
     emptiedByRead = false;
@@ -302,7 +304,7 @@ bool SystemCfgManager::read() {
 }
 
 bool SystemCfgManager::write() {
-    return checkWritable(__func__) && writeTree(*variant, escapeIndexKeys, *mutex, textSize, &lastFailure) &&
+    return checkWritable(__func__) && writeTree(*variant, escapeIndexKeys, *mutex, textSize, lastFailure) &&
            succeed();
 }
 
@@ -339,7 +341,7 @@ bool SystemCfgManager::get(const std::string& key, int* value, bool* notFound) {
     if (value != nullptr) *value = -1;
     Variant* node = nullptr;
     if (!findValue(*variant, key, integerType(valuesAsStrings), node, &lastFailure))
-        return KORVO_FAIL(__func__, "Failed to get system.cfg key %s", key.c_str());
+        return Call{__func__, lastFailure}.logFailure("Failed to get system.cfg key %s", key.c_str());
     if (notFound != nullptr) *notFound = node == nullptr;
     if (value != nullptr && node != nullptr) *value = toInt(*node);
     return succeed();
@@ -348,8 +350,9 @@ bool SystemCfgManager::get(const std::string& key, int* value, bool* notFound) {
 bool SystemCfgManager::get(const std::string& key, std::string* value, bool* notFound) {
     if (!checkOpen(__func__)) return false;
     Variant* node = nullptr;
-    const bool accepted = findValue(*variant, key, TypeString, node, &lastFailure) ||
-                          KORVO_FAIL(__func__, "Failed to get system.cfg key %s", key.c_str());
+    const bool accepted =
+        findValue(*variant, key, TypeString, node, &lastFailure) ||
+        Call{__func__, lastFailure}.logFailure("Failed to get system.cfg key %s", key.c_str());
     // Last: `key` may be `*value`.
     if (value != nullptr) *value = node != nullptr ? static_cast<const std::string&>(*node) : std::string();
     if (accepted && notFound != nullptr) *notFound = node == nullptr;
@@ -357,20 +360,23 @@ bool SystemCfgManager::get(const std::string& key, std::string* value, bool* not
 }
 
 bool SystemCfgManager::set(const std::string& key, int value, bool* valueChanged) {
-    if (valuesAsStrings) return setValue(key, utils::format("%d", value), valueChanged);
-    return setValue(key, value, valueChanged);
+    if (valuesAsStrings) return set(key, utils::format("%d", value), valueChanged);
+    Variant held;
+    held = value;
+    return store(key, held, valueChanged);
 }
 
 bool SystemCfgManager::set(const std::string& key, const std::string& value, bool* valueChanged) {
-    return setValue(key, value, valueChanged);
+    Variant held;
+    held = value;
+    return store(key, held, valueChanged);
 }
 
-template <class Value>
-bool SystemCfgManager::setValue(const std::string& key, const Value& value, bool* valueChanged) {
+bool SystemCfgManager::store(const std::string& key, Variant& value, bool* valueChanged) {
     if (!checkWritable("set")) return false;
     bool differs = false;
     if (!storeValue(*variant, escapeIndexKeys, key, value, differs, &lastFailure))
-        return KORVO_FAIL("set", "Failed to set system.cfg key %s", key.c_str());
+        return Call{"set", lastFailure}.logFailure("Failed to set system.cfg key %s", key.c_str());
     changed = changed || differs;
     if (valueChanged != nullptr) *valueChanged = differs;
     return write();
@@ -380,16 +386,19 @@ bool SystemCfgManager::apply(const std::vector<Change>& changes, bool* valuesCha
     if (!checkWritable(__func__)) return false;
     // In a copy, which takes the tree's place once it is written.
     Variant edited = *variant;
-    std::set<std::string_view> keys;
+    Variant given;
     for (const Change& change : changes) {
-        const bool given = !keys.insert(change.key).second;
-        if (given) lastFailure = {Step::Key, 0, change.key, 0, "it is given twice"};
-        if (given || !makeChange(edited, escapeIndexKeys, change, &lastFailure))
-            return KORVO_FAIL(__func__, "Failed to set system.cfg key %s", change.key.c_str());
+        Variant& before = given[change.key];
+        const bool isTwice = static_cast<VariantType>(before) != TypeNull;
+        before = true;
+        if (isTwice) (void)fail(&lastFailure, {Step::Key, 0, change.key, 0, "it is given twice"});
+        if (isTwice || !makeChange(edited, escapeIndexKeys, change, &lastFailure))
+            return Call{__func__, lastFailure}.logFailure("Failed to set system.cfg key %s",
+                                                          change.key.c_str());
     }
     // By what they come to in the end: to remove a group and store it anew need not wear the flash.
     const bool differs = !sameLines(*variant, edited);
-    if (!writeTree(edited, escapeIndexKeys, *mutex, textSize, &lastFailure)) return false;
+    if (!writeTree(edited, escapeIndexKeys, *mutex, textSize, lastFailure)) return false;
     *variant = std::move(edited);
     notSaved = notSaved || differs;
     if (valuesChanged != nullptr) *valuesChanged = differs;
@@ -403,19 +412,19 @@ bool SystemCfgManager::close(bool saveToFlash, bool forceSave) {
         readOnly = false;
         return done && succeed();
     }
+    const Call call{__func__, lastFailure};
     // What apply() changed is in the file; storing the count writes it again.
     const bool toWrite = forceSave || changed;
     const bool save = forceSave || (saveToFlash && (changed || notSaved));
-    if (save && !countFlashWrite()) return KORVO_FAIL(__func__, "Failed to read flash write cycles");
-    if (toWrite && !write()) return KORVO_FAIL(__func__, "Failed to write system.cfg from variant");
+    if (save && !countFlashWrite()) return call.logFailure("Failed to read flash write cycles");
+    if (toWrite && !write()) return call.logFailure("Failed to write system.cfg from variant");
     if (save && !utils::saveToFlashRaw(false))
-        return fail(&lastFailure, {Step::Save, errno, utils::flashCopyPath(), 0, ""}) ||
-               KORVO_FAIL(__func__, "Failed to save to flash");
+        return call.fail({Step::Save, errno, utils::flashCopyPath()}, "Failed to save to flash");
     initialized = false;
     const int result = mutex->release();
     if (result == 0) return succeed();
-    return fail(&lastFailure, {Step::Unlock, result, configuration::lockPath(), 0, ""}) ||
-           KORVO_FAIL(__func__, "Failed to release system.cfg mutex, res=%d", result);
+    return call.fail({Step::Unlock, result, configuration::lockPath()},
+                     "Failed to release system.cfg mutex, res=%s", utils::format("%d", result).c_str());
 }
 
 bool SystemCfgManager::countFlashWrite() {

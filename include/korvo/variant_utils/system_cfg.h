@@ -35,6 +35,9 @@
 #include "korvo/variant_utils/failure.h"
 
 class InterProcessMutex;
+namespace korvo::configuration {
+struct Call;
+}
 
 /**
  * One use of the configuration file, exclusive between init() and close(), or a reader of it.
@@ -346,13 +349,12 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
 
   private:
     KORVO_VARIANT_UTILS_PRIVATE bool isOpen() const;
-    [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool begin(const char* function);
+    [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool begin(const korvo::configuration::Call& call);
     [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool checkOpen(const char* function);
     [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool checkLocked(const char* function);
     [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool checkWritable(const char* function);
-    template <class Value>
-    [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool setValue(const std::string& key, const Value& value,
-                                                            bool* valueChanged);
+    [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool store(const std::string& key,
+                                                         korvo::variant::Variant& value, bool* valueChanged);
     [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool countFlashWrite();
     [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool succeed();
 
