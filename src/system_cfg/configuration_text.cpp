@@ -235,9 +235,9 @@ Contents contentsOf(const std::string& text) {
         if (!lines.isPair) continue;
         contents.pairs = true;
         if (lines.key == flashCyclesKey) {
-            contents.count = lines.value;
-            contents.largestCount =
-                std::max(contents.largestCount, clampedInt(std::string(lines.value).c_str()));
+            contents.lastValue = lines.value;
+            contents.lastCount = clampedInt(std::string(lines.value).c_str());
+            contents.largestCount = std::max(contents.largestCount, contents.lastCount);
         } else {
             contents.settings = true;
         }
@@ -250,11 +250,12 @@ int clampedInt(const char* text) {
 }
 
 void raiseFlashWrites(std::string& text, int count) {
-    const std::optional<std::string_view> now = contentsOf(text).count;
-    if (count <= clampedInt(std::string(now.value_or("")).c_str())) return;
+    const Contents now = contentsOf(text);
+    if (count <= now.lastCount) return;
     const std::string digits = utils::format("%d", count);
-    if (now) {
-        text.replace(static_cast<std::size_t>(now->data() - text.data()), now->size(), digits);
+    if (now.lastValue.data() != nullptr) {
+        const std::ptrdiff_t place = now.lastValue.data() - text.data();
+        text.replace(static_cast<std::size_t>(place), now.lastValue.size(), digits);
         return;
     }
     if (!text.empty() && text.back() != '\n') text += '\n';

@@ -6,7 +6,6 @@
  */
 #pragma once
 
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -36,7 +35,8 @@ struct Contents {
     bool pairs = false;     ///< any line `key=value`
     bool settings = false;  ///< any other than the count of flash writes
     int largestCount = 0;   ///< of flash writes, 0 when no line has one
-    std::optional<std::string_view> count = {};  ///< in the last of these lines, as a piece of the text
+    int lastCount = 0;
+    std::string_view lastValue = {};  ///< the last of them, as a piece of the text
 };
 
 Contents contentsOf(const std::string& text);

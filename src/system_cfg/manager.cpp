@@ -33,12 +33,16 @@ namespace {
 
 // Failures
 
-bool failOfState(const Call& call, const char* reason) {
-    return call.fail({Step::State, 0, "", 0, reason}, "SystemCfgManager not initialized");
+bool refuse(const Call& call, Step step, const char* reason, const char* message) {
+    return call.fail({step, 0, "", 0, reason}, message);
 }
 
-bool failToWrite(const Call& call, const char* reason) {
-    return call.fail({Step::Serialize, 0, "", 0, reason}, "Failed to serialize variant to key-value pairs");
+bool failOfState(const Call& call, const char* reason) {
+    return refuse(call, Step::State, reason, "SystemCfgManager not initialized");
+}
+
+bool failToSerialize(const Call& call, const char* reason) {
+    return refuse(call, Step::Serialize, reason, "Failed to serialize variant to key-value pairs");
 }
 
 // Keys
@@ -122,18 +126,17 @@ Variant* makeParent(Variant& root, bool escapeIndexKeys, const std::string& key,
 /** What an integer is held as. */
 VariantType integerType(bool valuesAsStrings) { return valuesAsStrings ? TypeString : TypeNumeric; }
 
-/** What the integer get() tells of a value. */
+/** The integer that get() delivers of a value. */
 int toInt(const Variant& value) {
     const VariantType type = value;
     return type == TypeString ? configuration::clampedInt(value) : static_cast<int>(value);
 }
 
-/** The count that a value stands for; the nearest int. */
+/** The count that a value stands for: the nearest int, where get() loses the upper bits. */
 int toCount(const Variant& value) {
     const VariantType type = value;
-    if (type == TypeString) return configuration::clampedInt(value);
-    const double count = value;  // exact for all that is not clamped
-    return count >= INT_MAX ? INT_MAX : count <= INT_MIN ? INT_MIN : static_cast<int>(value);
+    const double number = type == TypeString ? 0 : static_cast<double>(value);
+    return number >= INT_MAX ? INT_MAX : number <= INT_MIN ? INT_MIN : toInt(value);
 }
 
 /**
@@ -186,21 +189,14 @@ void remove(Variant& root, const std::string& key) {
 
 // Trees
 
-/** Whether two trees have the same lines in the file. */
-bool sameLines(const Variant& one, const Variant& other) {
-    std::string lines;
-    std::string otherLines;
-    return one.ToKVP(lines, "=", "\n") && other.ToKVP(otherLines, "=", "\n") && lines == otherLines;
+/** Makes the file's text of a tree. */
+[[nodiscard]] bool makeText(const Variant& tree, bool escapeIndexKeys, std::string& text, Failure& failure) {
+    return (tree.ToKVP(text, "=", "\n") && (!escapeIndexKeys || configuration::toFileText(text))) ||
+           failToSerialize({"write", failure}, "the tree cannot be written as key=value text");
 }
 
-/** Writes a tree to the file, under the lock. @p textSize is the last text's, about what the next one takes. */
-[[nodiscard]] bool writeTree(const Variant& tree, bool escapeIndexKeys, const InterProcessMutex& lock,
-                             std::size_t& textSize, Failure& failure) {
-    std::string text;
-    text.reserve(textSize);
-    if (!tree.ToKVP(text, "=", "\n") || (escapeIndexKeys && !configuration::toFileText(text)))
-        return failToWrite({"write", failure}, "the tree cannot be written as key=value text");
-    textSize = text.size();
+/** Puts a text in the place of the file, under the lock. */
+[[nodiscard]] bool replaceFile(const std::string& text, const InterProcessMutex& lock, Failure& failure) {
     configuration::Replacement file(lock, failure);
     return file.write(text, nullptr) && file.commit();
 }
@@ -243,7 +239,7 @@ bool SystemCfgManager::checkLocked(const char* function) {
 
 bool SystemCfgManager::checkWritable(const char* function) {
     return checkLocked(function) &&
-           (!emptiedByRead || failToWrite({function, lastFailure}, "a failed read has emptied the tree"));
+           (!emptiedByRead || failToSerialize({function, lastFailure}, "a failed read has emptied the tree"));
 }
 
 const Failure& SystemCfgManager::failure() const { return lastFailure; }
@@ -253,8 +249,8 @@ bool SystemCfgManager::succeed() { return !fail(&lastFailure, {Step::None}); }
 
 bool SystemCfgManager::begin(const Call& call) {
     if (isOpen())
-        return call.fail({Step::State, 0, "", 0, "the configuration is open already"},
-                         "SystemCfgManager already initialized");
+        return refuse(call, Step::State, "the configuration is open already",
+                      "SystemCfgManager already initialized");
     initialized = changed = notSaved = false;
     return true;
 }
@@ -304,8 +300,9 @@ bool SystemCfgManager::read() {
 }
 
 bool SystemCfgManager::write() {
-    return checkWritable(__func__) && writeTree(*variant, escapeIndexKeys, *mutex, textSize, lastFailure) &&
-           succeed();
+    std::string text;
+    return checkWritable(__func__) && makeText(*variant, escapeIndexKeys, text, lastFailure) &&
+           replaceFile(text, *mutex, lastFailure) && succeed();
 }
 
 bool SystemCfgManager::getVariant(Variant& out) {
@@ -336,26 +333,27 @@ bool SystemCfgManager::getSystemCfgValue(const std::string& key, VariantType typ
     return accepted && succeed();
 }
 
+bool SystemCfgManager::find(const std::string& key, VariantType type, Variant*& node, bool* notFound) {
+    if (!findValue(*variant, key, type, node, &lastFailure))
+        return Call{"get", lastFailure}.logFailure("Failed to get system.cfg key %s", key.c_str());
+    if (notFound != nullptr) *notFound = node == nullptr;
+    return true;
+}
+
 bool SystemCfgManager::get(const std::string& key, int* value, bool* notFound) {
     if (!checkOpen(__func__)) return false;
-    if (value != nullptr) *value = -1;
     Variant* node = nullptr;
-    if (!findValue(*variant, key, integerType(valuesAsStrings), node, &lastFailure))
-        return Call{__func__, lastFailure}.logFailure("Failed to get system.cfg key %s", key.c_str());
-    if (notFound != nullptr) *notFound = node == nullptr;
-    if (value != nullptr && node != nullptr) *value = toInt(*node);
-    return succeed();
+    const bool accepted = find(key, integerType(valuesAsStrings), node, notFound);
+    if (value != nullptr) *value = node != nullptr ? toInt(*node) : -1;
+    return accepted && succeed();
 }
 
 bool SystemCfgManager::get(const std::string& key, std::string* value, bool* notFound) {
     if (!checkOpen(__func__)) return false;
     Variant* node = nullptr;
-    const bool accepted =
-        findValue(*variant, key, TypeString, node, &lastFailure) ||
-        Call{__func__, lastFailure}.logFailure("Failed to get system.cfg key %s", key.c_str());
+    const bool accepted = find(key, TypeString, node, notFound);
     // Last: `key` may be `*value`.
     if (value != nullptr) *value = node != nullptr ? static_cast<const std::string&>(*node) : std::string();
-    if (accepted && notFound != nullptr) *notFound = node == nullptr;
     return accepted && succeed();
 }
 
@@ -388,17 +386,21 @@ bool SystemCfgManager::apply(const std::vector<Change>& changes, bool* valuesCha
     Variant edited = *variant;
     Variant given;
     for (const Change& change : changes) {
-        Variant& before = given[change.key];
-        const bool isTwice = static_cast<VariantType>(before) != TypeNull;
-        before = true;
+        Variant& mark = given[change.key];
+        const bool isTwice = static_cast<VariantType>(mark) != TypeNull;
+        mark = true;
         if (isTwice) (void)fail(&lastFailure, {Step::Key, 0, change.key, 0, "it is given twice"});
         if (isTwice || !makeChange(edited, escapeIndexKeys, change, &lastFailure))
             return Call{__func__, lastFailure}.logFailure("Failed to set system.cfg key %s",
                                                           change.key.c_str());
     }
     // By what they come to in the end: to remove a group and store it anew need not wear the flash.
-    const bool differs = !sameLines(*variant, edited);
-    if (!writeTree(edited, escapeIndexKeys, *mutex, textSize, lastFailure)) return false;
+    std::string text;
+    std::string before;
+    if (!makeText(edited, escapeIndexKeys, text, lastFailure)) return false;
+    const bool differs = !(variant->ToKVP(before, "=", "\n") &&
+                           (!escapeIndexKeys || configuration::toFileText(before)) && before == text);
+    if (!replaceFile(text, *mutex, lastFailure)) return false;
     *variant = std::move(edited);
     notSaved = notSaved || differs;
     if (valuesChanged != nullptr) *valuesChanged = differs;

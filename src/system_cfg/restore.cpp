@@ -14,6 +14,7 @@
 #include "configuration_text.h"
 #include "korvo/utils/device_root.h"
 #include "korvo/utils/flash.h"
+#include "korvo/utils/text.h"
 #include "korvo/variant_utils/system_cfg.h"
 
 namespace configuration = korvo::configuration;
@@ -64,7 +65,7 @@ bool mayPass(int error) {
     configuration::raiseFlashWrites(text, count);
     if (configuration::loads(text, path, &failure)) return true;
     const std::string reason =
-        std::string("it has no place for ") + configuration::flashCyclesKey + ": " + failure.reason;
+        utils::format("it has no place for %s: %s", configuration::flashCyclesKey, failure.reason.c_str());
     return fail(&failure, {Step::Load, 0, path, 0, reason});
 }
 
@@ -90,8 +91,7 @@ class Recovery {
 
     [[nodiscard]] bool reset() {
         if (!configuration::acquireLock(lock, call)) return false;
-        if (!readDefaults())
-            return call.logFailure("Failed to load the factory settings %s", path.c_str());
+        if (!readDefaults()) return call.logFailure("Failed to load the factory settings %s", path.c_str());
         if (!findOwner()) return false;
         (void)readWorkingCopy(configuration::path());
         (void)utils::loadFromFlashRaw(flash.text);
@@ -141,7 +141,8 @@ class Recovery {
             return mayPass(noFlash.error) ? FlashCopy::Unreadable : FlashCopy::Damaged;
         }
         if (!isTrusted(flash.access)) {
-            const std::string reason = "it belongs to user " + std::to_string(flash.access.owner);
+            const std::string reason =
+                utils::format("it belongs to user %lu", static_cast<unsigned long>(flash.access.owner));
             (void)fail(&noFlash, {Step::Load, 0, copy, 0, reason});
             return FlashCopy::Damaged;
         }
@@ -216,7 +217,7 @@ class Recovery {
         if (noFlash.error != ENOENT)
             KORVO_LOG("restore", LevelWarning, 0, "damaged flash copy of system.cfg, taking %s",
                       path.c_str());
-        const std::string line = noFlash.line != 0 ? ':' + std::to_string(noFlash.line) : "";
+        const std::string line = noFlash.line != 0 ? utils::format(":%zu", noFlash.line) : "";
         KORVO_LOG("restore", LevelWarning, noFlash.error, "%s%s: %s", noFlash.subject.c_str(), line.c_str(),
                   noFlash.reason.c_str());
     }
@@ -227,7 +228,8 @@ class Recovery {
         FlashCopy copy = readFlashCopy();
         const bool hasDefaults = readDefaults();
         const bool wasDamaged = utils::loadDamagedFlashCopy(damaged) || errno != ENOENT;
-        if (copy == FlashCopy::Good && !raiseCount(flash.text, largestCount(), utils::flashCopyPath(), noFlash))
+        if (copy == FlashCopy::Good &&
+            !raiseCount(flash.text, largestCount(), utils::flashCopyPath(), noFlash))
             copy = FlashCopy::Damaged;
         if (copy == FlashCopy::Good) {
             failure = {};

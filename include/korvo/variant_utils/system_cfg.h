@@ -353,6 +353,9 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool checkOpen(const char* function);
     [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool checkLocked(const char* function);
     [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool checkWritable(const char* function);
+    [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool find(const std::string& key,
+                                                        korvo::variant::VariantType type,
+                                                        korvo::variant::Variant*& node, bool* notFound);
     [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool store(const std::string& key,
                                                          korvo::variant::Variant& value, bool* valueChanged);
     [[nodiscard]] KORVO_VARIANT_UTILS_PRIVATE bool countFlashWrite();
@@ -369,7 +372,6 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     korvo::variant::Variant* variant;  ///< the tree: that one or the caller's
     std::unique_ptr<InterProcessMutex> mutex;
     bool emptiedByRead;          ///< the tree is not the file's content but what a failed read() left
-    std::size_t textSize = 0;    ///< of the text that was written last
     korvo::Failure lastFailure;  ///< of the last call
 };
 
