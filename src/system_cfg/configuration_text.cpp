@@ -27,13 +27,10 @@ struct Lines {
     /** Goes on to the next line; false after the last. */
     bool next() {
         if (rest.empty()) return false;
-        const std::size_t lineFeed = rest.find('\n');
+        const std::size_t lineFeed = std::min(rest.find('\n'), rest.size());
         line = rest.substr(0, lineFeed);
-        end = lineFeed == std::string_view::npos ? "" : "\n";
-        if (!end.empty() && !line.empty() && line.back() == '\r') {
-            line.remove_suffix(1);
-            end = "\r\n";
-        }
+        if (lineFeed < rest.size() && !line.empty() && line.back() == '\r') line.remove_suffix(1);
+        end = rest.substr(line.size(), lineFeed + 1 - line.size());
         rest.remove_prefix(line.size() + end.size());
         ++number;
         const std::size_t equals = line.find('=');
@@ -99,13 +96,10 @@ void appendKey(std::string& text, std::string_view key, Indices indices) {
 
 /** A value as it is loaded: a digit for a boolean word. */
 std::string_view loadedValue(std::string_view value) {
-    static constexpr std::string_view on[] = {"enabled", "enable", "on"};
-    static constexpr std::string_view off[] = {"disabled", "disable", "off"};
-    for (const std::string_view& word : on) {
-        if (value == word) return "1";
-    }
-    for (const std::string_view& word : off) {
-        if (value == word) return "0";
+    static constexpr std::pair<std::string_view, std::string_view> words[] = {
+        {"enabled", "1"}, {"enable", "1"}, {"on", "1"}, {"disabled", "0"}, {"disable", "0"}, {"off", "0"}};
+    for (const auto& [word, digit] : words) {
+        if (value == word) return digit;
     }
     return value;
 }

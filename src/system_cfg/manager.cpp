@@ -31,14 +31,8 @@ using korvo::variant::VariantType;
 
 namespace {
 
-// Failures
-
 bool refuse(const Call& call, Step step, const char* reason, const char* message) {
     return call.fail({step, 0, "", 0, reason}, message);
-}
-
-bool failOfState(const Call& call, const char* reason) {
-    return refuse(call, Step::State, reason, "SystemCfgManager not initialized");
 }
 
 bool failToSerialize(const Call& call, const char* reason) {
@@ -47,12 +41,10 @@ bool failToSerialize(const Call& call, const char* reason) {
 
 // Keys
 
-/** Splits a key into its components. False when it has a fault, which is null when it has none. */
-[[nodiscard]] bool splitKey(const std::string& key, const char* fault, std::vector<std::string>& components,
-                            Failure* failure) {
-    if (fault != nullptr) return fail(failure, {Step::Key, 0, key, 0, fault});
+std::vector<std::string> split(const std::string& key) {
+    std::vector<std::string> components;
     utils::split(key, ".", components);
-    return true;
+    return components;
 }
 
 bool isContainer(const Variant& node) {
@@ -69,10 +61,11 @@ Variant* findMember(Variant& node, const std::string& component, VariantType typ
 
 /** The value under a key; null when there is none. False when the key is refused. */
 [[nodiscard]] bool findValue(Variant& root, const std::string& key, VariantType type, Variant*& value,
-                             Failure* failure) {
-    std::vector<std::string> components;
+                             Failure& failure) {
     value = nullptr;
-    if (!splitKey(key, configuration::pathFault(key), components, failure)) return false;
+    if (const char* const fault = configuration::pathFault(key))
+        return fail(&failure, {Step::Key, 0, key, 0, fault});
+    const std::vector<std::string> components = split(key);
     Variant* node = &root;
     for (std::size_t i = 0; node != nullptr && i < components.size(); ++i)
         node = findMember(*node, components[i], i + 1 < components.size() ? TypeAny : type);
@@ -97,19 +90,22 @@ const char* obstacle(Variant& node, const std::string& name) {
  * key. Null when the key is refused, and nothing is made then.
  */
 Variant* makeParent(Variant& root, bool escapeIndexKeys, const std::string& key, std::string& lastKey,
-                    Failure* failure) {
-    std::vector<std::string> components;
+                    Failure& failure) {
     const char* fault = SystemCfgManager::keyFault(key);
     if (fault == nullptr && escapeIndexKeys && configuration::hasBareIndex(key))
         fault = "an index component of it has no underscore";
-    if (!splitKey(key, fault, components, failure)) return nullptr;
+    if (fault != nullptr) {
+        (void)fail(&failure, {Step::Key, 0, key, 0, fault});
+        return nullptr;
+    }
+    std::vector<std::string> components = split(key);
     Variant* node = &root;
     std::size_t length = 0;  // of the part of the key that leads to the node, with its dot
     for (const std::string& component : components) {
         // An obstacle stands before the first missing node, so nothing has been made then.
         if (const char* const reason = obstacle(*node, component)) {
             const std::string path = length == 0 ? "the tree" : '"' + key.substr(0, length - 1) + '"';
-            (void)fail(failure, {Step::Key, 0, key, 0, path + reason});
+            (void)fail(&failure, {Step::Key, 0, key, 0, path + reason});
             return nullptr;
         }
         if (!isContainer(*node)) node->IsArray(false);
@@ -144,11 +140,11 @@ int toCount(const Variant& value) {
  * when the key or the value is refused.
  */
 [[nodiscard]] bool storeValue(Variant& root, bool escapeIndexKeys, const std::string& key, Variant& value,
-                              bool& differs, Failure* failure) {
+                              bool& differs, Failure& failure) {
     const bool isText = static_cast<VariantType>(value) == TypeString;
     const std::string& text = value;
     if (const char* const reason = isText ? SystemCfgManager::valueFault(text) : nullptr)
-        return fail(failure, {Step::Value, 0, key, 0, reason});
+        return fail(&failure, {Step::Value, 0, key, 0, reason});
     std::string lastKey;
     Variant* const parent = makeParent(root, escapeIndexKeys, key, lastKey, failure);
     if (parent == nullptr) return false;
@@ -161,8 +157,7 @@ int toCount(const Variant& value) {
 
 /** Makes null of what is under a key that may break any rule: a null member has no line in the file. */
 void remove(Variant& root, const std::string& key) {
-    std::vector<std::string> components;
-    utils::split(key, ".", components);
+    std::vector<std::string> components = split(key);
     if (components.empty()) components.emplace_back();
     Variant* node = &root;
     for (const std::string& component : components) {
@@ -176,15 +171,14 @@ void remove(Variant& root, const std::string& key) {
 
 /** Makes one change in a tree. False when it is refused. */
 [[nodiscard]] bool makeChange(Variant& root, bool escapeIndexKeys, const SystemCfgManager::Change& change,
-                              Failure* failure) {
-    if (!change.value) {
-        remove(root, change.key);
-        return true;
-    }
-    Variant value;
-    value = *change.value;
+                              Failure& failure) {
     bool differs = false;
-    return storeValue(root, escapeIndexKeys, change.key, value, differs, failure);
+    Variant value;
+    if (change.value)
+        value = *change.value;
+    else
+        remove(root, change.key);
+    return !change.value || storeValue(root, escapeIndexKeys, change.key, value, differs, failure);
 }
 
 // Trees
@@ -206,16 +200,11 @@ void remove(Variant& root, const std::string& key) {
 SystemCfgManager::SystemCfgManager() : SystemCfgManager(&ownTree, false, true, true) {}
 
 SystemCfgManager::SystemCfgManager(Variant* tree, bool escape, bool asStrings, bool lastKvpFlag)
-    : initialized(false),
-      changed(false),
-      notSaved(false),
-      readOnly(false),
-      escapeIndexKeys(escape),
+    : escapeIndexKeys(escape),
       valuesAsStrings(asStrings),
       fromKvpFlag(lastKvpFlag),
       variant(tree),
-      mutex(std::make_unique<InterProcessMutex>(utils::configurationLock, true)),
-      emptiedByRead(false) {}
+      mutex(std::make_unique<InterProcessMutex>(utils::configurationLock, true)) {}
 
 SystemCfgManager::~SystemCfgManager() {
     try {
@@ -228,18 +217,16 @@ SystemCfgManager::~SystemCfgManager() {
 // A forked child has inherited the object but not the lock, which a reader does not need.
 bool SystemCfgManager::isOpen() const { return readOnly || (initialized && mutex->acquired()); }
 
-bool SystemCfgManager::checkOpen(const char* function) {
-    return isOpen() || failOfState({function, lastFailure}, "the configuration is not open");
-}
-
-bool SystemCfgManager::checkLocked(const char* function) {
-    if (!readOnly) return checkOpen(function);
-    return failOfState({function, lastFailure}, "the configuration is open for reading only");
-}
-
-bool SystemCfgManager::checkWritable(const char* function) {
-    return checkLocked(function) &&
-           (!emptiedByRead || failToSerialize({function, lastFailure}, "a failed read has emptied the tree"));
+bool SystemCfgManager::check(Need need, const char* function) {
+    const Call call{function, lastFailure};
+    const char* state = nullptr;
+    if (!isOpen())
+        state = "the configuration is not open";
+    else if (need != Need::Open && readOnly)
+        state = "the configuration is open for reading only";
+    if (state != nullptr) return refuse(call, Step::State, state, "SystemCfgManager not initialized");
+    return need != Need::Tree || !emptiedByRead ||
+           failToSerialize(call, "a failed read has emptied the tree");
 }
 
 const Failure& SystemCfgManager::failure() const { return lastFailure; }
@@ -301,25 +288,25 @@ bool SystemCfgManager::read() {
 
 bool SystemCfgManager::write() {
     std::string text;
-    return checkWritable(__func__) && makeText(*variant, escapeIndexKeys, text, lastFailure) &&
+    return check(Need::Tree, __func__) && makeText(*variant, escapeIndexKeys, text, lastFailure) &&
            replaceFile(text, *mutex, lastFailure) && succeed();
 }
 
 bool SystemCfgManager::getVariant(Variant& out) {
-    if (!checkOpen(__func__)) return false;
+    if (!check(Need::Open, __func__)) return false;
     out = *variant;
     return succeed();
 }
 
 void SystemCfgManager::markChanged() {
-    if (!checkLocked(__func__)) return;
+    if (!check(Need::Lock, __func__)) return;
     changed = true;
     if (variant != &ownTree) emptiedByRead = false;  // the host has filled its tree again
     (void)succeed();
 }
 
 void SystemCfgManager::getLastNode(const std::string& key, Variant*& node, std::string& lastKey) {
-    node = makeParent(*variant, escapeIndexKeys, key, lastKey, &lastFailure);
+    node = makeParent(*variant, escapeIndexKeys, key, lastKey, lastFailure);
     if (node == nullptr)
         lastKey.clear();
     else
@@ -328,20 +315,20 @@ void SystemCfgManager::getLastNode(const std::string& key, Variant*& node, std::
 
 bool SystemCfgManager::getSystemCfgValue(const std::string& key, VariantType type, Variant** value) {
     Variant* found = nullptr;
-    const bool accepted = findValue(*variant, key, type, found, &lastFailure);
+    const bool accepted = findValue(*variant, key, type, found, lastFailure);
     if (value != nullptr) *value = found;
     return accepted && succeed();
 }
 
 bool SystemCfgManager::find(const std::string& key, VariantType type, Variant*& node, bool* notFound) {
-    if (!findValue(*variant, key, type, node, &lastFailure))
+    if (!findValue(*variant, key, type, node, lastFailure))
         return Call{"get", lastFailure}.logFailure("Failed to get system.cfg key %s", key.c_str());
     if (notFound != nullptr) *notFound = node == nullptr;
     return true;
 }
 
 bool SystemCfgManager::get(const std::string& key, int* value, bool* notFound) {
-    if (!checkOpen(__func__)) return false;
+    if (!check(Need::Open, __func__)) return false;
     Variant* node = nullptr;
     const bool accepted = find(key, integerType(valuesAsStrings), node, notFound);
     if (value != nullptr) *value = node != nullptr ? toInt(*node) : -1;
@@ -349,7 +336,7 @@ bool SystemCfgManager::get(const std::string& key, int* value, bool* notFound) {
 }
 
 bool SystemCfgManager::get(const std::string& key, std::string* value, bool* notFound) {
-    if (!checkOpen(__func__)) return false;
+    if (!check(Need::Open, __func__)) return false;
     Variant* node = nullptr;
     const bool accepted = find(key, TypeString, node, notFound);
     // Last: `key` may be `*value`.
@@ -371,9 +358,9 @@ bool SystemCfgManager::set(const std::string& key, const std::string& value, boo
 }
 
 bool SystemCfgManager::store(const std::string& key, Variant& value, bool* valueChanged) {
-    if (!checkWritable("set")) return false;
+    if (!check(Need::Tree, "set")) return false;
     bool differs = false;
-    if (!storeValue(*variant, escapeIndexKeys, key, value, differs, &lastFailure))
+    if (!storeValue(*variant, escapeIndexKeys, key, value, differs, lastFailure))
         return Call{"set", lastFailure}.logFailure("Failed to set system.cfg key %s", key.c_str());
     changed = changed || differs;
     if (valueChanged != nullptr) *valueChanged = differs;
@@ -381,7 +368,7 @@ bool SystemCfgManager::store(const std::string& key, Variant& value, bool* value
 }
 
 bool SystemCfgManager::apply(const std::vector<Change>& changes, bool* valuesChanged) {
-    if (!checkWritable(__func__)) return false;
+    if (!check(Need::Tree, __func__)) return false;
     // In a copy, which takes the tree's place once it is written.
     Variant edited = *variant;
     Variant given;
@@ -390,7 +377,7 @@ bool SystemCfgManager::apply(const std::vector<Change>& changes, bool* valuesCha
         const bool isTwice = static_cast<VariantType>(mark) != TypeNull;
         mark = true;
         if (isTwice) (void)fail(&lastFailure, {Step::Key, 0, change.key, 0, "it is given twice"});
-        if (isTwice || !makeChange(edited, escapeIndexKeys, change, &lastFailure))
+        if (isTwice || !makeChange(edited, escapeIndexKeys, change, lastFailure))
             return Call{__func__, lastFailure}.logFailure("Failed to set system.cfg key %s",
                                                           change.key.c_str());
     }
@@ -408,9 +395,9 @@ bool SystemCfgManager::apply(const std::vector<Change>& changes, bool* valuesCha
 }
 
 bool SystemCfgManager::close(bool saveToFlash, bool forceSave) {
-    if (!checkOpen(__func__)) return false;
+    if (!check(Need::Open, __func__)) return false;
     if (readOnly) {
-        const bool done = !forceSave || checkLocked(__func__);
+        const bool done = !forceSave || check(Need::Lock, __func__);
         readOnly = false;
         return done && succeed();
     }
@@ -432,7 +419,7 @@ bool SystemCfgManager::close(bool saveToFlash, bool forceSave) {
 bool SystemCfgManager::countFlashWrite() {
     Variant* stored = nullptr;
     (void)findValue(*variant, configuration::flashCyclesKey, integerType(valuesAsStrings), stored,
-                    &lastFailure);  // the key is well-formed
+                    lastFailure);  // the key is well-formed
     const int count = stored != nullptr ? toCount(*stored) : 0;
     return set(configuration::flashCyclesKey, std::min(count, INT_MAX - 1) + 1, nullptr);
 }

@@ -61,7 +61,7 @@ std::string directoryOf(const std::string& path) { return path.substr(0, path.rf
 SystemCfgWatch::~SystemCfgWatch() { end(); }
 
 bool SystemCfgWatch::start() {
-    if (folder >= 0) return true;
+    if (watched >= 0) return true;
     const CancellationShield shield;
     if (queue < 0) queue = openQueue();
     return queue >= 0 && follow(directoryOf(configuration::path()));
@@ -75,8 +75,8 @@ bool SystemCfgWatch::follow(const std::string& directory) {
         return false;
     }
     // Fails where the old directory is gone.
-    if (folder >= 0 && folder != found) (void)::inotify_rm_watch(queue, folder);
-    folder = found;
+    if (watched >= 0 && watched != found) (void)::inotify_rm_watch(queue, watched);
+    watched = found;
     return true;
 }
 
@@ -84,14 +84,14 @@ void SystemCfgWatch::end() {
     const CancellationShield shield;
     const int error = errno;
     if (queue >= 0) (void)::close(queue);
-    queue = folder = -1;
+    queue = watched = -1;
     errno = error;
 }
 
 int SystemCfgWatch::descriptor() const { return queue; }
 
 bool SystemCfgWatch::takeChange() {
-    if (folder < 0) return false;
+    if (watched < 0) return false;
     const CancellationShield shield;
     // Before events are taken, since memory may run out.
     const std::string path = configuration::path();
@@ -108,7 +108,7 @@ bool SystemCfgWatch::takeChange() {
             const char* const concerned = event.len > 0 ? at + sizeof event : "";
             at += sizeof event + event.len;
             if ((event.mask & IN_Q_OVERFLOW) != 0) lost = true;
-            if (event.wd != folder) continue;
+            if (event.wd != watched) continue;
             if ((event.mask & (IN_IGNORED | IN_MOVE_SELF)) != 0) lost = true;
             if (std::strcmp(concerned, name) == 0 && ((event.mask & IN_CREATE) == 0 || isWhole(path)))
                 changed = true;
