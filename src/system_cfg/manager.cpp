@@ -119,9 +119,6 @@ Variant* makeParent(Variant& root, bool escapeIndexKeys, const std::string& key,
 
 // Values
 
-/** What an integer is held as. */
-VariantType integerType(bool valuesAsStrings) { return valuesAsStrings ? TypeString : TypeNumeric; }
-
 /** The integer that get() delivers of a value. */
 int toInt(const Variant& value) {
     const VariantType type = value;
@@ -330,7 +327,7 @@ bool SystemCfgManager::find(const std::string& key, VariantType type, Variant*& 
 bool SystemCfgManager::get(const std::string& key, int* value, bool* notFound) {
     if (!check(Need::Open, __func__)) return false;
     Variant* node = nullptr;
-    const bool accepted = find(key, integerType(valuesAsStrings), node, notFound);
+    const bool accepted = find(key, valuesAsStrings ? TypeString : TypeNumeric, node, notFound);
     if (value != nullptr) *value = node != nullptr ? toInt(*node) : -1;
     return accepted && succeed();
 }
@@ -418,7 +415,8 @@ bool SystemCfgManager::close(bool saveToFlash, bool forceSave) {
 
 bool SystemCfgManager::countFlashWrite() {
     Variant* stored = nullptr;
-    (void)findValue(*variant, configuration::flashCyclesKey, integerType(valuesAsStrings), stored,
+    (void)findValue(*variant, configuration::flashCyclesKey, valuesAsStrings ? TypeString : TypeNumeric,
+                    stored,
                     lastFailure);  // the key is well-formed
     const int count = stored != nullptr ? toCount(*stored) : 0;
     return set(configuration::flashCyclesKey, std::min(count, INT_MAX - 1) + 1, nullptr);

@@ -28,12 +28,6 @@ namespace {
 
 constexpr char facility[] = "src/system_cfg";
 
-/** A configuration, and who may access the file it is from. */
-struct Source {
-    std::string text;
-    utils::FileAccess access;
-};
-
 /** What a flash copy is good for. */
 enum class FlashCopy {
     Good,
@@ -46,18 +40,13 @@ enum class FlashCopy {
 std::string damagedCopyPath() { return utils::flashCopyPath() + ".damaged"; }
 
 /** Reads the flash copy. Retries for a second, because the reaction to a failure may be a factory reset. */
-[[nodiscard]] bool loadFlashCopy(Source& flash) {
+[[nodiscard]] bool loadFlashCopy(std::string& text, utils::FileAccess& access) {
     constexpr int attempts = 20;
     for (int attempt = 1;; ++attempt) {
-        if (utils::loadFromFlashRaw(flash.text, flash.access)) return true;
+        if (utils::loadFromFlashRaw(text, access)) return true;
         if (errno == ENOENT || attempt == attempts) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-}
-
-/** Whether the cause of a failed read may go away, and the file be good. */
-bool mayPass(int error) {
-    return error == EACCES || error == EPERM || error == EMFILE || error == ENFILE || error == ENOMEM;
 }
 
 /** Raises the count of flash writes in a text that loads. False where it has no place for the count. */
@@ -94,7 +83,7 @@ class Recovery {
         if (!readDefaults()) return call.logFailure("Failed to load the factory settings %s", path.c_str());
         if (!findOwner()) return false;
         (void)readWorkingCopy(configuration::path());
-        (void)utils::loadFromFlashRaw(flash.text);
+        (void)utils::loadFromFlashRaw(flash);
         (void)utils::loadDamagedFlashCopy(damaged);
         return installDefaults(false);
     }
@@ -112,11 +101,11 @@ class Recovery {
     /** Reads the factory settings. After a failure the text is what could be read. */
     [[nodiscard]] bool readDefaults() {
         utils::File file;
-        if (!file.Initialize(path, utils::FILE_OPEN_MODE_READ) || !file.ReadStringAll(defaults.text))
+        if (!file.Initialize(path, utils::FILE_OPEN_MODE_READ) || !file.ReadStringAll(defaults))
             return fail(&failure, {Step::Read, errno, path, 0, path.empty() ? "no defaults are given" : ""});
-        defaults.access = file.Access();
-        if (!configuration::loads(defaults.text, path, &failure)) return false;
-        return configuration::contentsOf(defaults.text).settings ||
+        defaultsAccess = file.Access();
+        if (!configuration::loads(defaults, path, &failure)) return false;
+        return configuration::contentsOf(defaults).settings ||
                fail(&failure, {Step::Load, 0, path, 0, "it holds no settings"});
     }
 
@@ -135,26 +124,29 @@ class Recovery {
     /** Reads the flash copy and judges it; `noFlash` receives why it is not good. */
     FlashCopy readFlashCopy() {
         const std::string copy = utils::flashCopyPath();
-        if (!loadFlashCopy(flash)) {
-            (void)fail(&noFlash, {Step::Read, errno, copy});
-            if (noFlash.error == ENOENT) return FlashCopy::Missing;
-            return mayPass(noFlash.error) ? FlashCopy::Unreadable : FlashCopy::Damaged;
+        if (!loadFlashCopy(flash, flashAccess)) {
+            const int error = errno;
+            (void)fail(&noFlash, {Step::Read, error, copy});
+            if (error == ENOENT) return FlashCopy::Missing;
+            const bool mayPass =
+                error == EACCES || error == EPERM || error == EMFILE || error == ENFILE || error == ENOMEM;
+            return mayPass ? FlashCopy::Unreadable : FlashCopy::Damaged;
         }
-        if (!isTrusted(flash.access)) {
+        if (!isTrusted(flashAccess)) {
             const std::string reason =
-                utils::format("it belongs to user %lu", static_cast<unsigned long>(flash.access.owner));
+                utils::format("it belongs to user %lu", static_cast<unsigned long>(flashAccess.owner));
             (void)fail(&noFlash, {Step::Load, 0, copy, 0, reason});
             return FlashCopy::Damaged;
         }
-        if (!configuration::loads(flash.text, copy, &noFlash)) return FlashCopy::Damaged;
-        if (configuration::contentsOf(flash.text).settings) return FlashCopy::Good;
+        if (!configuration::loads(flash, copy, &noFlash)) return FlashCopy::Damaged;
+        if (configuration::contentsOf(flash).settings) return FlashCopy::Good;
         (void)fail(&noFlash, {Step::Load, 0, copy, 0, "it holds no settings"});
         return FlashCopy::Empty;
     }
 
     int largestCount() const {
         int count = 0;
-        for (const std::string* text : {&working, &flash.text, &damaged, &defaults.text})
+        for (const std::string* text : {&working, &flash, &damaged, &defaults})
             count = std::max(count, configuration::contentsOf(*text).largestCount);
         return count;
     }
@@ -165,13 +157,6 @@ class Recovery {
         return file.write(text, &access) && (!isDamaged || setAside()) && file.commit();
     }
 
-    /** A root-owned copy in another user's directory comes as his: root has saved it for him. */
-    [[nodiscard]] bool installFlashCopy() {
-        utils::FileAccess access = flash.access;
-        if (access.owner == 0) access.owner = owner.owner;
-        return install(flash.text, access, false);
-    }
-
     /** The access that a working copy has with the factory settings; false, with errno, if it cannot be told. */
     [[nodiscard]] bool chooseAccess(utils::FileAccess& access) const {
         struct stat status {};
@@ -179,7 +164,7 @@ class Recovery {
         constexpr mode_t others = 07;
         access = {status.st_uid, status.st_gid, status.st_mode & 0777U};
         if (!S_ISREG(status.st_mode) || status.st_nlink != 1 || !isTrusted(access))
-            access = {owner.owner, owner.group, defaults.access.bits & ~others};
+            access = {owner.owner, owner.group, defaultsAccess.bits & ~others};
         return true;
     }
 
@@ -202,13 +187,13 @@ class Recovery {
      * next restore() finds neither, and warns.
      */
     [[nodiscard]] bool installDefaults(bool isDamaged) {
-        if (!raiseCount(defaults.text, largestCount(), path, failure))
+        if (!raiseCount(defaults, largestCount(), path, failure))
             return call.logFailure("Failed to set system.cfg key %s", configuration::flashCyclesKey);
         utils::FileAccess access;
         if (!chooseAccess(access))
             return configuration::Call{"write", failure}.fail({Step::Write, errno, configuration::path()},
                                                               "Failed to write system.cfg");
-        return install(defaults.text, access, isDamaged);
+        return install(defaults, access, isDamaged);
     }
 
     /** Warns that the factory settings are in place, unless there never was a flash copy. */
@@ -228,12 +213,13 @@ class Recovery {
         FlashCopy copy = readFlashCopy();
         const bool hasDefaults = readDefaults();
         const bool wasDamaged = utils::loadDamagedFlashCopy(damaged) || errno != ENOENT;
-        if (copy == FlashCopy::Good &&
-            !raiseCount(flash.text, largestCount(), utils::flashCopyPath(), noFlash))
+        if (copy == FlashCopy::Good && !raiseCount(flash, largestCount(), utils::flashCopyPath(), noFlash))
             copy = FlashCopy::Damaged;
         if (copy == FlashCopy::Good) {
             failure = {};
-            return installFlashCopy();
+            // A root-owned copy in another user's directory comes as his: root has saved it for him.
+            if (flashAccess.owner == 0) flashAccess.owner = owner.owner;
+            return install(flash, flashAccess, false);
         }
         if (copy == FlashCopy::Unreadable) failure = std::exchange(noFlash, {});
         if (copy == FlashCopy::Unreadable || !hasDefaults)
@@ -249,10 +235,10 @@ class Recovery {
     const configuration::Call call;
     InterProcessMutex lock;
     const std::string& path;  ///< of the factory settings
-    Source flash, defaults;
-    std::string working;
-    std::string damaged;        ///< a flash copy that was set aside
-    utils::FileAccess owner{};  ///< of the store
+    std::string working, flash, defaults;
+    std::string damaged;  ///< a flash copy that was set aside
+    utils::FileAccess flashAccess, defaultsAccess;
+    utils::FileAccess owner;  ///< of the store
 };
 
 }  // namespace

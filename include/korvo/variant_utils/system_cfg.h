@@ -9,18 +9,8 @@
  *        store.close(true, false);                             // saves to flash if it changed, unlocks
  * @endcode
  *
- * A service that only reads, and reads again after each change:
- * @code
- * SystemCfgWatch watch;
- * SystemCfgManager store;
- * if (!watch.start() || !store.initReadOnly()) return false;  // in this order, so that no change is missed
- * use(store);
- * while (watch.descriptor() >= 0) {
- *     pollfd changes = {watch.descriptor(), POLLIN, 0};
- *     (void)poll(&changes, 1, -1);
- *     if (watch.takeChange() && store.read()) use(store);
- * }
- * @endcode
+ * A service that only reads, and again after each change, starts a SystemCfgWatch before initReadOnly(), so
+ * that it misses no change (an example is in docs/hosts.md).
  */
 #pragma once
 
@@ -90,7 +80,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     /** One change for apply(). */
     struct Change {
         std::string key;                   ///< dotted
-        std::optional<std::string> value;  ///< none removes the key and all below it
+        std::optional<std::string> value;  ///< none removes the key and all below it; always a text
     };
 
     /** What stands in the place of the configuration after restore(). */
@@ -165,30 +155,25 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     void markChanged();
 
     /**
-     * Reads an integer.
+     * Reads an integer, -1 when there is none. @p notFound receives whether the key is missing or its value is
+     * of another type.
      *
      * From a value held as a string: its leading decimal digits, after white space and a sign; 0 without any,
      * the nearest int beyond int. From a number: the number as int, losing the upper bits of a wider one.
      *
-     * @param key       dotted
-     * @param value     receives the integer; -1 when there is none
-     * @param notFound  receives whether the key is missing or its value is of another type
      * @return true even if the key is missing; false when the manager is not open, which leaves the
      *         out-parameters alone, or the key is refused, which leaves only @p notFound alone
      */
     [[nodiscard]] bool get(const std::string& key, int* value, bool* notFound);
 
-    /** Reads a string, likewise; @p value receives the empty text when there is none. */
+    /** Reads a string, likewise; the empty text when there is none. */
     [[nodiscard]] bool get(const std::string& key, std::string* value, bool* notFound);
 
     /**
      * Stores an integer, as decimal text when values are held as strings, in place of whatever the key held,
      * a map included, and writes the file even if nothing changed. If writing fails the tree keeps the new
-     * value, for a later write() or close().
-     *
-     * @param key           dotted
-     * @param value         the integer
-     * @param valueChanged  receives whether the value differed; left alone when key or value is refused
+     * value, for a later write() or close(). @p valueChanged receives whether the value differed, and is left
+     * alone when key or value is refused.
      * @return whether the file was written
      */
     [[nodiscard]] bool set(const std::string& key, int value, bool* valueChanged);
@@ -202,19 +187,15 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * get() refuses; until the next load the tree keeps null there, which get() reports as missing.
      *
      * All or nothing: when a key or a value is refused, a key is given twice, or writing fails, the tree, the
-     * file and @p valuesChanged stay as they were. Success invalidates references into a borrowed tree.
-     *
-     * @param changes        the changes; texts, whatever the manager holds values as
-     * @param valuesChanged  receives whether the file has other pairs than before
+     * file and @p valuesChanged stay as they were. Otherwise @p valuesChanged receives whether the file has
+     * other pairs than before, and references into a borrowed tree are no longer valid.
      */
     [[nodiscard]] bool apply(const std::vector<Change>& changes, bool* valuesChanged);
 
     /**
-     * Ends the use of the store.
-     *
-     * Writes a tree that changed; with @p saveToFlash also copies it to flash. @p forceSave does both in any
-     * case. Each copy is counted first, in the key "system.flash.cycles", up to the largest int. What apply()
-     * changed is in the file already: with it alone nothing is written but the count.
+     * Ends the use of the store. Writes a tree that changed; with @p saveToFlash also copies it to flash.
+     * @p forceSave does both in any case. Each copy is counted first, in the key "system.flash.cycles", up to
+     * the largest int. What apply() changed is in the file already: with it alone only the count is written.
      *
      * After initReadOnly() it writes nothing, always ends the reading, and is false only with @p forceSave.
      *
@@ -224,18 +205,13 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     [[nodiscard]] bool close(bool saveToFlash, bool forceSave);
 
     /**
-     * Finds the map for the last component of @p key, making it and its parents where they are missing.
-     * @param key      dotted
-     * @param node     receives the map; null, with nothing made, when set() would refuse the key
-     * @param lastKey  receives the last component; empty when the key is refused
+     * Finds the map for the last component of a key, which @p lastKey receives, and makes it and its parents
+     * where they are missing. Of a key that set() refuses it makes nothing: null and the empty text.
      */
     void getLastNode(const std::string& key, korvo::variant::Variant*& node, std::string& lastKey);
 
     /**
-     * Finds a value.
-     * @param key    dotted
-     * @param type   what it must be, as for Variant::GetKeyChain()
-     * @param value  receives the value; null when there is none. May itself be null
+     * Finds a value of a type that Variant::GetKeyChain() takes; null when there is none.
      * @return false when the key is refused
      */
     [[nodiscard]] bool getSystemCfgValue(const std::string& key, korvo::variant::VariantType type,
@@ -251,7 +227,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * puts the flash copy in its place, or else the file @p defaults. Call it before the services start and
      * before anything untrusted runs.
      *
-     * The whole text comes in one step, unchanged but for "system.flash.cycles", which becomes the largest count
+     * The whole text comes in one step, unchanged but for "system.flash.cycles": it becomes the largest count
      * in the working copy, the flash copy, a damaged one and @p defaults. A text without any other pair holds
      * no settings.
      *
@@ -266,7 +242,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * A flash copy that cannot be read is tried again for a second. If the error is EACCES, EPERM, EMFILE,
      * ENFILE or ENOMEM even then, restore() fails and changes nothing.
      *
-     * Taking @p defaults logs a warning, unless there never was a flash copy, damaged ones included.
+     * Taking @p defaults logs a warning if there is a flash copy or a damaged one.
      *
      * Access: text from the flash copy comes with that file's owner, group and permission bits; if root owns
      * it, with its directory's owner. Text from @p defaults keeps the access of a working copy of root's or of
@@ -283,6 +259,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
 
     /**
      * The same, with the details.
+     * @param defaults   as above
+     * @param replace    as above
      * @param restored   receives what stands in the place of the configuration; left alone on failure
      * @param flashCopy  receives why the flash copy was not taken: Step::Read, with ENOENT when there is none,
      *                   or Step::Load. The reason also says what became of it; ENOENT without a reason means
@@ -297,7 +275,6 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * Factory settings: puts the file @p defaults in the place of "/tmp/system.cfg", whatever that is but a
      * directory. Keeps only the count of flash writes and the access, as restore() does. The flash copy stays
      * as it is until the configuration is saved.
-     * @param defaults  path of the factory settings, not below the device root
      */
     [[nodiscard]] static bool reset(const std::string& defaults);
 
@@ -310,23 +287,17 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * @{ */
 
     /**
-     * Loads a text as read() loads the file, with every value held as a string.
-     *
-     * @param text    the text of a configuration
-     * @param tree    receives the tree; null when the text does not load
-     * @param faults  receives, in addition, what keeps the text from loading, in the order of the lines
+     * Loads a text as read() loads the file, with every value held as a string. If it does not load, the tree
+     * becomes null, and all reasons are added to @p faults, in the order of the lines.
      */
     [[nodiscard]] static bool load(const std::string& text, korvo::variant::Variant& tree,
                                    std::vector<Fault>* faults);
 
     /**
      * Makes changes for apply() of the pairs of a text, in the order of the lines, with the values as written,
-     * boolean words too. The last line of a repeated key counts. Refuses a text that does not load, or has a
-     * key or a value that set() refuses.
-     *
-     * @param text     the text of a configuration or a part of one
-     * @param changes  receives, in addition, the changes of a text that is accepted
-     * @param faults   receives, in addition, why the text is refused, in the order of the lines
+     * boolean words too, and adds them to @p changes. The last line of a repeated key counts. Refuses a text
+     * that does not load, or has a key or a value that set() refuses: then all reasons are added to @p faults,
+     * in the order of the lines.
      */
     [[nodiscard]] static bool parse(const std::string& text, std::vector<Change>& changes,
                                     std::vector<Fault>* faults);
