@@ -13,6 +13,7 @@
 
 namespace configuration = korvo::configuration;
 namespace utils = korvo::utils;
+using configuration::Components;
 using korvo::variant::TypeMap;
 using korvo::variant::TypeNull;
 using korvo::variant::Variant;
@@ -147,24 +148,20 @@ Variant* makePlace(const Lines& lines, std::string_view text, Variant& tree, std
     else if (hasTooManyComponents(lines.key))
         reason = "the key has more than 64 components";
     Variant* node = &tree;
-    for (std::size_t begin = 0; reason.empty();) {
-        const std::size_t dot = lines.key.find('.', begin);
-        const bool isLast = dot == std::string_view::npos;
-        const std::string path(lines.key.substr(0, dot));
-        node = &(*node)[path.substr(begin)];
+    for (Components at{lines.key}; reason.empty() && at.next();) {
+        node = &(*node)[at.name];
         const VariantType type = *node;
-        if (isLast && type != TypeMap) return node;
-        if (isLast)
-            reason = utils::format("\"%s\" is a group of keys since line %d", path.c_str(),
-                                   firstLine(text, path + '.'));
-        else if (type != TypeNull && type != TypeMap)
+        const std::string path(lines.key.substr(0, at.end));
+        if (type != TypeNull && type != TypeMap && !at.isLast())
             reason = utils::format("\"%s\" is a value since line %d, so nothing can be below it",
                                    path.c_str(), firstLine(text, path + '='));
-        else
+        else if (type == TypeMap && at.isLast())
+            reason = utils::format("\"%s\" is a group of keys since line %d", path.c_str(),
+                                   firstLine(text, path + '.'));
+        else if (!at.isLast())
             node->IsArray(false);
-        begin = dot + 1;
     }
-    return nullptr;
+    return reason.empty() ? node : nullptr;
 }
 
 /** Why a change may not be made; empty when it may. */
@@ -179,6 +176,14 @@ std::string refusal(const SystemCfgManager::Change& change) {
 }  // namespace
 
 namespace korvo::configuration {
+
+bool Components::next() {
+    if (isLast()) return false;
+    begin = end + 1;
+    end = std::min(key.find('.', begin), key.size());
+    name = key.substr(begin, end - begin);
+    return true;
+}
 
 const char* pathFault(const std::string& key) {
     const std::string dotted = '.' + key + '.';

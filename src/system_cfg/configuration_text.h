@@ -15,6 +15,16 @@ namespace korvo::configuration {
 
 constexpr char flashCyclesKey[] = "system.flash.cycles";
 
+/** The components of a key: `for (Components at{key}; at.next();)`. The empty key has one, which is empty. */
+struct Components {
+    /** Goes on to the next component; false after the last. */
+    bool next();
+    bool isLast() const { return end == key.size(); }
+    std::string_view key;
+    std::string name = {};
+    std::size_t begin = 0, end = std::string_view::npos;  ///< of the component, in the key
+};
+
 /** Which rule a key breaks that get() refuses; null for one that may name a value. */
 const char* pathFault(const std::string& key);
 

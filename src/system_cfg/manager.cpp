@@ -17,6 +17,7 @@
 namespace configuration = korvo::configuration;
 namespace utils = korvo::utils;
 using configuration::Call;
+using configuration::Components;
 using korvo::fail;
 using korvo::Failure;
 using korvo::Step;
@@ -41,12 +42,6 @@ bool failToSerialize(const Call& call, const char* reason) {
 
 // Keys
 
-std::vector<std::string> split(const std::string& key) {
-    std::vector<std::string> components;
-    utils::split(key, ".", components);
-    return components;
-}
-
 bool isContainer(const Variant& node) {
     const VariantType type = node;
     return type == TypeMap || type == TypeArray;
@@ -65,10 +60,9 @@ Variant* findMember(Variant& node, const std::string& component, VariantType typ
     value = nullptr;
     if (const char* const fault = configuration::pathFault(key))
         return fail(&failure, {Step::Key, 0, key, 0, fault});
-    const std::vector<std::string> components = split(key);
     Variant* node = &root;
-    for (std::size_t i = 0; node != nullptr && i < components.size(); ++i)
-        node = findMember(*node, components[i], i + 1 < components.size() ? TypeAny : type);
+    for (Components at{key}; node != nullptr && at.next();)
+        node = findMember(*node, at.name, at.isLast() ? type : TypeAny);
     value = node;
     return true;
 }
@@ -98,22 +92,19 @@ Variant* makeParent(Variant& root, bool escapeIndexKeys, const std::string& key,
         (void)fail(&failure, {Step::Key, 0, key, 0, fault});
         return nullptr;
     }
-    std::vector<std::string> components = split(key);
     Variant* node = &root;
-    std::size_t length = 0;  // of the part of the key that leads to the node, with its dot
-    for (const std::string& component : components) {
+    for (Components at{key}; at.next(); node = &(*node)[at.name]) {
         // An obstacle stands before the first missing node, so nothing has been made then.
-        if (const char* const reason = obstacle(*node, component)) {
-            const std::string path = length == 0 ? "the tree" : '"' + key.substr(0, length - 1) + '"';
+        if (const char* const reason = obstacle(*node, at.name)) {
+            const std::string path = at.begin == 0 ? "the tree" : '"' + key.substr(0, at.begin - 1) + '"';
             (void)fail(&failure, {Step::Key, 0, key, 0, path + reason});
             return nullptr;
         }
         if (!isContainer(*node)) node->IsArray(false);
-        if (&component == &components.back()) break;
-        node = &(*node)[component];
-        length += component.size() + 1;
+        if (!at.isLast()) continue;
+        lastKey = std::move(at.name);  // last: it may be the key itself
+        break;
     }
-    lastKey = std::move(components.back());  // last: it may be the key itself
     return node;
 }
 
@@ -154,16 +145,14 @@ int toCount(const Variant& value) {
 
 /** Makes null of what is under a key that may break any rule: a null member has no line in the file. */
 void remove(Variant& root, const std::string& key) {
-    std::vector<std::string> components = split(key);
-    if (components.empty()) components.emplace_back();
     Variant* node = &root;
-    for (const std::string& component : components) {
-        const bool hasPath = configuration::pathFault(component) == nullptr;
-        if (!hasPath && static_cast<VariantType>(*node) != TypeMap) return;
-        node = hasPath ? findMember(*node, component, TypeAny) : &(*node)[component];
-        if (node == nullptr) return;
+    for (Components at{key}; node != nullptr && at.next();) {
+        if (configuration::pathFault(at.name) == nullptr)
+            node = findMember(*node, at.name, TypeAny);
+        else
+            node = static_cast<VariantType>(*node) == TypeMap ? &(*node)[at.name] : nullptr;
     }
-    node->Reset();
+    if (node != nullptr) node->Reset();
 }
 
 /** Makes one change in a tree. False when it is refused. */
