@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
-#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -164,13 +163,36 @@ Variant* makePlace(const Lines& lines, std::string_view text, Variant& tree, std
     return reason.empty() ? node : nullptr;
 }
 
-/** Why a change may not be made; empty when it may. */
-std::string refusal(const SystemCfgManager::Change& change) {
-    if (const char* const fault = SystemCfgManager::keyFault(change.key))
+/** Makes a change of a line, whose place holds where its key is among the changes; why it is refused. */
+std::string addChange(const Lines& lines, Variant& place, std::vector<SystemCfgManager::Change>& changes) {
+    if (static_cast<VariantType>(place) == TypeNull) {
+        place = static_cast<long long>(changes.size());
+        changes.push_back({std::string(lines.key), std::nullopt});
+    }
+    auto& [key, value] = changes[static_cast<std::size_t>(static_cast<long long>(place))];
+    value = std::string(lines.value);
+    if (const char* const fault = SystemCfgManager::keyFault(key))
         return std::string("the key is refused: ") + fault;
-    if (const char* const fault = SystemCfgManager::valueFault(*change.value))
+    if (const char* const fault = SystemCfgManager::valueFault(*value))
         return std::string("the value is refused: ") + fault;
     return "";
+}
+
+/** Loads a text into a tree or, where they are given, into changes. */
+bool loadLines(const std::string& text, Variant& tree, std::vector<SystemCfgManager::Change>* changes,
+               std::vector<SystemCfgManager::Fault>* faults) {
+    bool accepted = true;
+    std::string reason;
+    tree.IsArray(false);
+    for (Lines lines{text}; lines.next() && (accepted || faults != nullptr);) {
+        Variant* const place = makePlace(lines, text, tree, reason);
+        if (place != nullptr && changes == nullptr) *place = std::string(loadedValue(lines.value));
+        if (place != nullptr && changes != nullptr) reason = addChange(lines, *place, *changes);
+        if (reason.empty()) continue;
+        accepted = false;
+        if (faults != nullptr) faults->push_back({lines.number, reason});
+    }
+    return accepted;
 }
 
 }  // namespace
@@ -265,16 +287,7 @@ void raiseFlashWrites(std::string& text, int count) {
 
 bool SystemCfgManager::load(const std::string& text, Variant& tree, std::vector<Fault>* faults) {
     Variant loaded;
-    loaded.IsArray(false);
-    bool accepted = true;
-    std::string reason;
-    for (Lines lines{text}; lines.next() && (accepted || faults != nullptr);) {
-        if (Variant* const place = makePlace(lines, text, loaded, reason))
-            *place = std::string(loadedValue(lines.value));
-        if (reason.empty()) continue;
-        accepted = false;
-        if (faults != nullptr) faults->push_back({lines.number, reason});
-    }
+    const bool accepted = loadLines(text, loaded, nullptr, faults);
     if (!accepted) loaded.Reset();
     tree = std::move(loaded);  // last: the text may be in the tree
     return accepted;
@@ -282,27 +295,11 @@ bool SystemCfgManager::load(const std::string& text, Variant& tree, std::vector<
 
 bool SystemCfgManager::parse(const std::string& text, std::vector<Change>& changes,
                              std::vector<Fault>* faults) {
-    Variant tree;  // holds for each key where it is in `found`
-    tree.IsArray(false);
+    Variant places;
     std::vector<Change> found;
-    bool accepted = true;
-    std::string reason;
-    for (Lines lines{text}; lines.next();) {
-        if (Variant* const place = makePlace(lines, text, tree, reason)) {
-            if (static_cast<VariantType>(*place) == TypeNull) {
-                *place = static_cast<long long>(found.size());
-                found.push_back({std::string(lines.key), std::nullopt});
-            }
-            Change& change = found[static_cast<std::size_t>(static_cast<long long>(*place))];
-            change.value = std::string(lines.value);
-            reason = refusal(change);
-        }
-        if (reason.empty()) continue;
-        accepted = false;
-        if (faults != nullptr) faults->push_back({lines.number, reason});
-    }
-    if (accepted) std::move(found.begin(), found.end(), std::back_inserter(changes));
-    return accepted;
+    if (!loadLines(text, places, &found, faults)) return false;
+    for (Change& change : found) changes.push_back(std::move(change));
+    return true;
 }
 
 const char* SystemCfgManager::keyFault(const std::string& key) {

@@ -47,11 +47,13 @@ bool isContainer(const Variant& node) {
     return type == TypeMap || type == TypeArray;
 }
 
+std::string bracketed(const std::string& component) { return utils::format("[%s]", component.c_str()); }
+
 /** The member of a node that a component of a key names; null when there is none of the type. */
 Variant* findMember(Variant& node, const std::string& component, VariantType type) {
     // In brackets a letter is a text key in every variant library; bare, it need not be.
     const bool letter = component.size() == 1 && std::isalpha(static_cast<unsigned char>(component[0])) != 0;
-    return node.GetKeyChain(type, (letter ? "[" + component + "]" : component).c_str(), true);
+    return node.GetKeyChain(type, letter ? bracketed(component).c_str() : component.c_str(), true);
 }
 
 /** The value under a key; null when there is none. False when the key is refused. */
@@ -74,7 +76,7 @@ const char* obstacle(Variant& node, const std::string& name) {
     // In a tree that a host filled, an indexed member may have a line of that name already.
     const long long index = std::strtoll(name.c_str(), nullptr, 10);
     if (utils::format("%lld", index) != name) return nullptr;
-    const Variant* indexed = node.GetKeyChain(TypeAny, ("[" + name + "]").c_str(), true);
+    const Variant* indexed = node.GetKeyChain(TypeAny, bracketed(name).c_str(), true);
     if (indexed == nullptr || indexed == findMember(node, name, TypeAny)) return nullptr;
     return " has an indexed member of that name";
 }
@@ -97,7 +99,7 @@ Variant* makeParent(Variant& root, bool escapeIndexKeys, const std::string& key,
         // An obstacle stands before the first missing node, so nothing has been made then.
         if (const char* const reason = obstacle(*node, at.name)) {
             const std::string path = at.begin == 0 ? "the tree" : '"' + key.substr(0, at.begin - 1) + '"';
-            (void)fail(&failure, {Step::Key, 0, key, 0, path + reason});
+            (void)fail(&failure, {Step::Key, 0, key, 0, utils::format("%s%s", path.c_str(), reason)});
             return nullptr;
         }
         if (!isContainer(*node)) node->IsArray(false);
