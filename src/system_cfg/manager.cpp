@@ -112,6 +112,14 @@ Variant* makeParent(Variant& root, bool escapeIndexKeys, const std::string& key,
 
 // Values
 
+/** A text or an integer as the tree holds it. */
+template <class Value>
+Variant held(const Value& value) {
+    Variant holder;
+    holder = value;
+    return holder;
+}
+
 /** The integer that get() delivers of a value. */
 int toInt(const Variant& value) {
     const VariantType type = value;
@@ -129,7 +137,7 @@ int toCount(const Variant& value) {
  * Moves a text or an integer to where a key leads, if another value is there, and reports whether it was. False
  * when the key or the value is refused.
  */
-[[nodiscard]] bool storeValue(Variant& root, bool escapeIndexKeys, const std::string& key, Variant& value,
+[[nodiscard]] bool storeValue(Variant& root, bool escapeIndexKeys, const std::string& key, Variant value,
                               bool& differs, Failure& failure) {
     const bool isText = static_cast<VariantType>(value) == TypeString;
     const std::string& text = value;
@@ -161,12 +169,10 @@ void remove(Variant& root, const std::string& key) {
 [[nodiscard]] bool makeChange(Variant& root, bool escapeIndexKeys, const SystemCfgManager::Change& change,
                               Failure& failure) {
     bool differs = false;
-    Variant value;
     if (change.value)
-        value = *change.value;
-    else
-        remove(root, change.key);
-    return !change.value || storeValue(root, escapeIndexKeys, change.key, value, differs, failure);
+        return storeValue(root, escapeIndexKeys, change.key, held(*change.value), differs, failure);
+    remove(root, change.key);
+    return true;
 }
 
 // Trees
@@ -207,12 +213,15 @@ bool SystemCfgManager::isOpen() const { return readOnly || (initialized && mutex
 
 bool SystemCfgManager::check(Need need, const char* function) {
     const Call call{function, lastFailure};
-    const char* state = nullptr;
-    if (!isOpen())
-        state = "the configuration is not open";
-    else if (need != Need::Open && readOnly)
-        state = "the configuration is open for reading only";
-    if (state != nullptr) return refuse(call, Step::State, state, "SystemCfgManager not initialized");
+    if (need == Need::Closed)
+        return !isOpen() || refuse(call, Step::State, "the configuration is open already",
+                                   "SystemCfgManager already initialized");
+    const bool forReading = readOnly && need != Need::Open;
+    if (forReading || !isOpen())
+        return refuse(
+            call, Step::State,
+            forReading ? "the configuration is open for reading only" : "the configuration is not open",
+            "SystemCfgManager not initialized");
     return need != Need::Tree || !emptiedByRead ||
            failToSerialize(call, "a failed read has emptied the tree");
 }
@@ -222,17 +231,11 @@ const Failure& SystemCfgManager::failure() const { return lastFailure; }
 /** To be called last: a key may be the text of the failure before. */
 bool SystemCfgManager::succeed() { return !fail(&lastFailure, {Step::None}); }
 
-bool SystemCfgManager::begin(const Call& call) {
-    if (isOpen())
-        return refuse(call, Step::State, "the configuration is open already",
-                      "SystemCfgManager already initialized");
-    initialized = changed = notSaved = false;
-    return true;
-}
-
 bool SystemCfgManager::init() {
     const Call call{__func__, lastFailure};
-    if (!begin(call) || !configuration::acquireLock(*mutex, call)) return false;
+    if (!check(Need::Closed, __func__)) return false;
+    initialized = changed = notSaved = false;
+    if (!configuration::acquireLock(*mutex, call)) return false;
     // Releases the lock if reading throws.
     const auto giveBack = [](InterProcessMutex* held) { (void)held->release(); };
     std::unique_ptr<InterProcessMutex, decltype(giveBack)> lock(mutex.get(), giveBack);
@@ -246,10 +249,9 @@ bool SystemCfgManager::init() {
 }
 
 bool SystemCfgManager::initReadOnly() {
-    const Call call{__func__, lastFailure};
-    if (!begin(call)) return false;
+    if (!check(Need::Closed, __func__)) return false;
     readOnly = read();
-    return readOnly || call.logFailure("Failed to read system.cfg into variant");
+    return readOnly || Call{__func__, lastFailure}.logFailure("Failed to read system.cfg into variant");
 }
 
 bool SystemCfgManager::read() {
@@ -333,22 +335,18 @@ bool SystemCfgManager::get(const std::string& key, std::string* value, bool* not
 }
 
 bool SystemCfgManager::set(const std::string& key, int value, bool* valueChanged) {
-    if (valuesAsStrings) return set(key, utils::format("%d", value), valueChanged);
-    Variant held;
-    held = value;
-    return store(key, held, valueChanged);
+    return valuesAsStrings ? set(key, utils::format("%d", value), valueChanged)
+                           : store(key, held(value), valueChanged);
 }
 
 bool SystemCfgManager::set(const std::string& key, const std::string& value, bool* valueChanged) {
-    Variant held;
-    held = value;
-    return store(key, held, valueChanged);
+    return store(key, held(value), valueChanged);
 }
 
-bool SystemCfgManager::store(const std::string& key, Variant& value, bool* valueChanged) {
+bool SystemCfgManager::store(const std::string& key, Variant value, bool* valueChanged) {
     if (!check(Need::Tree, "set")) return false;
     bool differs = false;
-    if (!storeValue(*variant, escapeIndexKeys, key, value, differs, lastFailure))
+    if (!storeValue(*variant, escapeIndexKeys, key, std::move(value), differs, lastFailure))
         return Call{"set", lastFailure}.logFailure("Failed to set system.cfg key %s", key.c_str());
     changed = changed || differs;
     if (valueChanged != nullptr) *valueChanged = differs;

@@ -25,9 +25,6 @@
 #include "korvo/variant_utils/failure.h"
 
 class InterProcessMutex;
-namespace korvo::configuration {
-struct Call;
-}
 
 /**
  * One use of the configuration file, exclusive between init() and close(), or a reader of it.
@@ -310,14 +307,13 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     /** @} */
 
   private:
-    enum class Need { Open, Lock, Tree };
+    enum class Need { Closed, Open, Lock, Tree };
 
     KORVO_VARIANT_UTILS_PRIVATE bool isOpen() const;
-    KORVO_VARIANT_UTILS_PRIVATE bool begin(const korvo::configuration::Call& call);
     KORVO_VARIANT_UTILS_PRIVATE bool check(Need need, const char* function);
     KORVO_VARIANT_UTILS_PRIVATE bool find(const std::string& key, korvo::variant::VariantType type,
                                           korvo::variant::Variant*& node, bool* notFound);
-    KORVO_VARIANT_UTILS_PRIVATE bool store(const std::string& key, korvo::variant::Variant& value,
+    KORVO_VARIANT_UTILS_PRIVATE bool store(const std::string& key, korvo::variant::Variant value,
                                            bool* valueChanged);
     KORVO_VARIANT_UTILS_PRIVATE bool countFlashWrite();
     KORVO_VARIANT_UTILS_PRIVATE bool succeed();
