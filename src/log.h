@@ -1,4 +1,4 @@
-/** @file How the facilities log, and fail. Each source file says as `facility` which one it belongs to. */
+/** @file How the facilities log and fail. Each source file names its own as `facility`. */
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 
 namespace korvo {
 
-/** A Failure where it is found. */
+/** A Failure whose texts are views. */
 struct Cause {
     Step step;
     int error = 0;
@@ -18,7 +18,7 @@ struct Cause {
     std::string_view reason = {};
 };
 
-/** Gives a failure to a caller who asked for it; false, for the operation to return. */
+/** Stores a failure, if @p failure is not null; false, for the operation to return. */
 bool fail(Failure* failure, const Cause& cause);
 
 }  // namespace korvo

@@ -17,7 +17,7 @@ bool Call::logFailure(const char* message, const char* argument, int line) const
 }
 
 bool Call::fail(const Cause& cause, const char* message, const char* argument, int line) const {
-    // In this order: the argument may be a text of the failure before.
+    // Log first: the argument may be a text of the previous failure.
     (void)logFailure(message, argument, line);
     return korvo::fail(&failure, cause);
 }
@@ -49,7 +49,7 @@ Replacement::Replacement(const InterProcessMutex& held, Failure& failure)
       temporary(utils::devicePath(name.c_str())),
       target(path()) {}
 
-// Named after this process, so it is no other's even when the lock is lost.
+// Its name holds the process id: it is ours even if the lock is lost.
 Replacement::~Replacement() {
     if (exists) (void)::unlink(temporary.c_str());
 }
@@ -64,7 +64,7 @@ bool Replacement::write(const std::string& text, const utils::FileAccess* access
 }
 
 bool Replacement::commit() {
-    // Whoever holds a lost lock by now may have changed the file.
+    // If the lock is lost, another process may hold it and have changed the file.
     if (!lock.held()) return call.fail({Step::Write, ESTALE, target}, "Failed to write system.cfg");
     if (std::rename(temporary.c_str(), target.c_str()) != 0)
         return call.fail({Step::Write, errno, target}, "Failed to move %s to /tmp/system.cfg", name.c_str());

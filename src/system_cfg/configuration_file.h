@@ -9,7 +9,7 @@
 
 namespace korvo::configuration {
 
-/** An operation of the store: its name for the log, and where the reason of its failure goes. */
+/** An operation of the store: its name for the log, and where its failure goes. */
 struct Call {
     const char* function;
     Failure& failure;
@@ -17,7 +17,7 @@ struct Call {
     /** Logs a message, in which "%s" stands for @p argument; false, for the caller to return. */
     bool logFailure(const char* message, const char* argument = "", int line = __builtin_LINE()) const;
 
-    /** The same, and keeps the cause. */
+    /** The same, and stores the cause in the failure. */
     bool fail(const Cause& cause, const char* message, const char* argument = "",
               int line = __builtin_LINE()) const;
 };
@@ -34,18 +34,18 @@ std::string lockPath();
 /** Reads the file whole. */
 [[nodiscard]] bool readFile(std::string& text, const Call& call);
 
-/** A text on its way to the place of the file. One that does not arrive leaves nothing. */
+/** A text that is to replace the file. Without commit() nothing is left of it. */
 class Replacement {
   public:
-    /** @param held  the lock, which outlives the object, as @p failure does */
+    /** Both must outlive the object. */
     Replacement(const InterProcessMutex& held, Failure& failure);
     Replacement(const Replacement&) = delete;
     ~Replacement();
 
-    /** Writes the text beside the file. Null for @p access keeps that of the file. */
+    /** Writes the text beside the file, with the access of the file if @p access is null. */
     [[nodiscard]] bool write(const std::string& text, const utils::FileAccess* access);
 
-    /** Puts it in the place of the file, in one step, if the lock is still held. */
+    /** Replaces the file, in one step, if the lock is still held. */
     [[nodiscard]] bool commit();
 
   private:

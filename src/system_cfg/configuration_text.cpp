@@ -22,7 +22,7 @@ namespace {
 
 // Lines
 
-/** The lines of a text, as they are loaded: `for (Lines lines{text}; lines.next();)`. */
+/** The lines of a text as loading reads them: `for (Lines lines{text}; lines.next();)`. */
 struct Lines {
     /** Goes on to the next line; false after the last. */
     bool next() {
@@ -42,16 +42,16 @@ struct Lines {
 
     std::string_view rest;
     std::string_view line = {};
-    std::string_view end = {};  ///< what ends the line: "\n", "\r\n" or, at the end of the text, nothing
+    std::string_view end = {};  ///< of the line: "\n", "\r\n" or, at the end of the text, nothing
     std::size_t number = 0;     ///< of the line, counted from 1
-    bool isPair = false;        ///< `key=value`; not a comment, a blank line or one that is wrong
+    bool isPair = false;        ///< neither a comment nor blank nor wrong
     std::string_view key = {}, value = {};
 };
 
 // Keys and values
 
 bool hasTooManyComponents(std::string_view key) {
-    // The size first: it spares nearly every key the count, a tenth of loading.
+    // The size first: counting dots in every key would take a tenth of loading.
     constexpr std::size_t limit = korvo::variant::maxKeyComponents;
     return key.size() >= limit && std::count(key.begin(), key.end(), '.') >= std::ptrdiff_t{limit};
 }
@@ -66,7 +66,7 @@ bool hasControl(const std::string& text) {
 
 bool isIndexDigit(char character) { return character >= '1' && character <= '4'; }
 
-/** Whether a component, or what begins with one, is an index component, bare or after underscores. */
+/** Whether a text begins with an index component, bare or escaped. */
 bool isIndex(std::string_view component) {
     const std::size_t digit = component.find_first_not_of('_');
     return digit != std::string_view::npos && isIndexDigit(component[digit]);
@@ -104,7 +104,7 @@ std::string_view loadedValue(std::string_view value) {
     return value;
 }
 
-/** Converts the pairs of a text, whose values are to be loaded or not; all else stays as it is. */
+/** Converts the pairs of a text and keeps all else. @p load turns boolean words into digits. */
 std::string converted(std::string_view text, Indices indices, bool load) {
     std::string result;
     result.reserve(text.size());
@@ -132,8 +132,8 @@ int firstLine(std::string_view text, const std::string& begin) {
 }
 
 /**
- * Makes the place for the value of a line in a tree of values and maps. Null for a line that has none: with
- * the reason for one that does not load, else without. A value must be stored in the place.
+ * Makes the place for the value of a line in a tree of values and maps, for the caller to fill. Null for a
+ * line without a value; @p reason is empty unless the line does not load.
  */
 Variant* makePlace(const Lines& lines, std::string_view text, Variant& tree, std::string& reason) {
     reason.clear();
@@ -163,7 +163,7 @@ Variant* makePlace(const Lines& lines, std::string_view text, Variant& tree, std
     return reason.empty() ? node : nullptr;
 }
 
-/** Makes a change of a line, whose place holds where its key is among the changes; why it is refused. */
+/** Makes a change of a line; @p place holds its index. Returns why it is refused, else the empty text. */
 std::string addChange(const Lines& lines, Variant& place, std::vector<SystemCfgManager::Change>& changes) {
     if (static_cast<VariantType>(place) == TypeNull) {
         place = static_cast<long long>(changes.size());
@@ -178,7 +178,7 @@ std::string addChange(const Lines& lines, Variant& place, std::vector<SystemCfgM
     return "";
 }
 
-/** Loads a text into a tree or, where they are given, into changes. */
+/** Loads a text into @p changes, or into the tree if there are none. */
 bool loadLines(const std::string& text, Variant& tree, std::vector<SystemCfgManager::Change>* changes,
                std::vector<SystemCfgManager::Fault>* faults) {
     bool accepted = true;
@@ -235,8 +235,8 @@ bool toFileText(std::string& text) {
     text = converted(text, Indices::Unescaped, false);
     if (!bareIndex) return true;
     // Only a host that fills the tree itself leaves an index component bare. Then two keys may have become
-    // one. Loaded as strings and written again, each line is the same, only their order is another; where two
-    // have the same key, the first is missing. So the size tells whether all lines are there.
+    // one, and loading drops the first of two equal keys. Otherwise loading and writing again only reorders
+    // the lines, so the size stays.
     Variant tree;
     std::string again;
     return tree.FromKVP(text, true, true, true) && tree.ToKVP(again, "=", "\n") &&
@@ -304,7 +304,7 @@ bool SystemCfgManager::parse(const std::string& text, std::vector<Change>& chang
 
 const char* SystemCfgManager::keyFault(const std::string& key) {
     if (const char* const fault = configuration::pathFault(key)) return fault;
-    // Only a slip of the hand makes such a key. Other white space is a control character.
+    // Only a typing slip makes such a key. Other white space is a control character.
     const std::string dotted = '.' + key + '.';
     if (dotted.find(". ") != std::string::npos || dotted.find(" .") != std::string::npos)
         return "a component of it begins or ends with a blank";
@@ -313,7 +313,7 @@ const char* SystemCfgManager::keyFault(const std::string& key) {
 }
 
 const char* SystemCfgManager::valueFault(const std::string& value) {
-    // What would end the line, and what a host may take for the end of the text.
+    // They would end the line, or what a host takes for the text.
     if (value.find('\n') != std::string::npos || (!value.empty() && value.back() == '\r'))
         return "it holds a line break";
     if (value.find('\0') != std::string::npos) return "it holds a zero byte";

@@ -1,8 +1,7 @@
 /**
  * @file
- * The configuration as text: its lines, what the file's text is to the tree and the tree's to the file, and
- * the count of flash writes. Which lines do not load, and which keys and values are refused, and why, is told
- * by the functions of SystemCfgManager that are defined beside these.
+ * The configuration as text: lines, keys, the count of flash writes, and the way from the file's text to the
+ * tree's and back. Also load(), parse(), keyFault() and valueFault() of the manager.
  */
 #pragma once
 
@@ -31,19 +30,19 @@ const char* pathFault(const std::string& key);
 /** Whether a key has an index component that is not escaped. */
 bool hasBareIndex(std::string_view key);
 
-/** The text that the tree is loaded from, for one of the file. */
+/** Turns the file's text into the one that the tree is loaded from. */
 std::string treeText(const std::string& text, bool escapeIndexKeys);
 
-/** Turns the text of a tree with escaped index components into the file's; false when it would not load. */
+/** Turns the text of a tree with escaped index components into the file's; false if that would not load. */
 [[nodiscard]] bool toFileText(std::string& text);
 
-/** Whether a text, which was read from the file at @p path, loads. */
+/** Whether the text of the file at @p path loads. */
 [[nodiscard]] bool loads(const std::string& text, const std::string& path, Failure* failure);
 
-/** What stands in a text, whether or not it loads. */
+/** What a text holds, whether or not it loads. */
 struct Contents {
-    bool pairs = false;     ///< any line `key=value`
-    bool settings = false;  ///< any other than the count of flash writes
+    bool pairs = false;     ///< a line `key=value`
+    bool settings = false;  ///< one other than the count of flash writes
     int largestCount = 0;   ///< of flash writes, 0 when no line has one
     int lastCount = 0;
     std::string_view lastValue = {};  ///< the last of them, as a piece of the text
@@ -51,10 +50,10 @@ struct Contents {
 
 Contents contentsOf(const std::string& text);
 
-/** The integer that a text stands for; the nearest int, whatever the width of long. */
+/** The integer at the beginning of a text; the nearest int, whatever the width of long. */
 int clampedInt(const char* text);
 
-/** Raises the count of flash writes in a text and leaves the rest as it is. It may not load any more then. */
+/** Raises the count of flash writes in a text and keeps the rest. The result may not load. */
 void raiseFlashWrites(std::string& text, int count);
 
 }  // namespace korvo::configuration

@@ -82,8 +82,8 @@ const char* obstacle(Variant& node, const std::string& name) {
 }
 
 /**
- * The node to store a value in, made with its parents where they are missing, and the last component of its
- * key. Null when the key is refused, and nothing is made then.
+ * Finds the map to store a value in, and the last component of the key. Makes the map and its parents where
+ * they are missing. Null, with nothing made, when the key is refused.
  */
 Variant* makeParent(Variant& root, bool escapeIndexKeys, const std::string& key, std::string& lastKey,
                     Failure& failure) {
@@ -96,7 +96,7 @@ Variant* makeParent(Variant& root, bool escapeIndexKeys, const std::string& key,
     }
     Variant* node = &root;
     for (Components at{key}; at.next(); node = &(*node)[at.name]) {
-        // An obstacle stands before the first missing node, so nothing has been made then.
+        // Missing nodes have no obstacle, so nothing has been made before one.
         if (const char* const reason = obstacle(*node, at.name)) {
             const std::string path = at.begin == 0 ? "the tree" : '"' + key.substr(0, at.begin - 1) + '"';
             (void)fail(&failure, {Step::Key, 0, key, 0, utils::format("%s%s", path.c_str(), reason)});
@@ -120,23 +120,20 @@ Variant held(const Value& value) {
     return holder;
 }
 
-/** The integer that get() delivers of a value. */
+/** The integer that get() returns for a value. */
 int toInt(const Variant& value) {
     const VariantType type = value;
     return type == TypeString ? configuration::clampedInt(value) : static_cast<int>(value);
 }
 
-/** The count that a value stands for: the nearest int, where get() loses the upper bits. */
+/** The count in a value: the nearest int, where get() loses the upper bits. */
 int toCount(const Variant& value) {
     const VariantType type = value;
     const double number = type == TypeString ? 0 : static_cast<double>(value);
     return number >= INT_MAX ? INT_MAX : number <= INT_MIN ? INT_MIN : toInt(value);
 }
 
-/**
- * Moves a text or an integer to where a key leads, if another value is there, and reports whether it was. False
- * when the key or the value is refused.
- */
+/** Stores a text or an integer, unless the key holds an equal one. False when key or value is refused. */
 [[nodiscard]] bool storeValue(Variant& root, bool escapeIndexKeys, const std::string& key, Variant value,
                               bool& differs, Failure& failure) {
     const bool isText = static_cast<VariantType>(value) == TypeString;
@@ -153,7 +150,7 @@ int toCount(const Variant& value) {
     return true;
 }
 
-/** Makes null of what is under a key that may break any rule: a null member has no line in the file. */
+/** Sets what is under a key to null, which has no line in the file. The key may break any rule. */
 void remove(Variant& root, const std::string& key) {
     Variant* node = &root;
     for (Components at{key}; node != nullptr && at.next();) {
@@ -204,7 +201,7 @@ SystemCfgManager::~SystemCfgManager() {
     try {
         if (isOpen()) (void)close(false, false);
     } catch (const std::bad_alloc&) {
-        // The file stays as it was, which is all that can be done for it here.
+        // The file stays as it was.
     }
 }
 
@@ -228,7 +225,7 @@ bool SystemCfgManager::check(Need need, const char* function) {
 
 const Failure& SystemCfgManager::failure() const { return lastFailure; }
 
-/** To be called last: a key may be the text of the failure before. */
+/** Call it last: a key may be a text of the previous failure. */
 bool SystemCfgManager::succeed() { return !fail(&lastFailure, {Step::None}); }
 
 bool SystemCfgManager::init() {
@@ -262,10 +259,10 @@ bool SystemCfgManager::read() {
     // A reader keeps what it has until the new text is loaded.
     Variant loaded;
     Variant& tree = readOnly ? loaded : *variant;
-    emptiedByRead = !readOnly;  // also when memory runs out
+    emptiedByRead = !readOnly;  // even if memory runs out
     tree.Reset();
     if (!tree.FromKVP(treeText, true, valuesAsStrings, fromKvpFlag)) {
-        // A maker's FromKVP() may refuse what load() accepts.
+        // Another variant library's FromKVP() may refuse what load() accepts.
         const std::string path = configuration::path();
         if (configuration::loads(text, path, &lastFailure))
             (void)fail(&lastFailure, {Step::Load, 0, path, 0, "it is no key=value text"});
@@ -367,7 +364,7 @@ bool SystemCfgManager::apply(const std::vector<Change>& changes, bool* valuesCha
             return Call{__func__, lastFailure}.logFailure("Failed to set system.cfg key %s",
                                                           change.key.c_str());
     }
-    // By what they come to in the end: to remove a group and store it anew need not wear the flash.
+    // Compare the results: removing a group and storing it again need not wear flash.
     std::string text;
     std::string before;
     if (!makeText(edited, escapeIndexKeys, text, lastFailure)) return false;
@@ -388,7 +385,7 @@ bool SystemCfgManager::close(bool saveToFlash, bool forceSave) {
         return done && succeed();
     }
     const Call call{__func__, lastFailure};
-    // What apply() changed is in the file; storing the count writes it again.
+    // What apply() changed is in the file already; storing the count writes it again.
     const bool toWrite = forceSave || changed;
     const bool save = forceSave || (saveToFlash && (changed || notSaved));
     if (save && !countFlashWrite()) return call.logFailure("Failed to read flash write cycles");

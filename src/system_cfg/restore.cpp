@@ -1,4 +1,4 @@
-// The life of a configuration before it is opened, and after.
+// restore() and reset(): how a configuration comes into its place.
 
 #include <sys/stat.h>
 
@@ -28,12 +28,12 @@ namespace {
 
 constexpr char facility[] = "src/system_cfg";
 
-/** What a flash copy is good for. */
+/** What a flash copy is worth. */
 enum class FlashCopy {
     Good,
     Missing,
     Empty,      ///< it holds no setting
-    Damaged,    ///< to be kept for whoever can repair it
+    Damaged,    ///< set it aside, so that somebody can repair it
     Unreadable  ///< for now: it may be good
 };
 
@@ -68,7 +68,7 @@ class Recovery {
         if (!configuration::acquireLock(lock, call)) return false;
         const std::string target = configuration::path();
         const bool hasWorking = readWorkingCopy(target);
-        // What has no pair at all is what a full disk leaves of a configuration. No directory can be replaced.
+        // A full disk leaves a configuration without a pair. A directory cannot be replaced.
         const bool isFree = hasWorking ? replace || !configuration::contentsOf(working).pairs
                                        : errno == ENOENT || (replace && errno != EISDIR);
         if (isFree) return bringBack();
@@ -98,7 +98,7 @@ class Recovery {
         return file.Initialize(from, utils::FILE_OPEN_MODE_READ_NOFOLLOW) && file.ReadStringAll(working);
     }
 
-    /** Reads the factory settings. After a failure the text is what could be read. */
+    /** Reads the factory settings; after a failure, as much as possible. */
     [[nodiscard]] bool readDefaults() {
         utils::File file;
         if (!file.Initialize(path, utils::FILE_OPEN_MODE_READ) || !file.ReadStringAll(defaults))
@@ -116,7 +116,7 @@ class Recovery {
                          "Failed to find the owner of the flash copy of system.cfg");
     }
 
-    /** Root and the store's owner; anybody else's file is not the store's. */
+    /** Whether a file belongs to root or the store's owner. */
     bool isTrusted(const utils::FileAccess& access) const {
         return access.owner == 0 || access.owner == owner.owner;
     }
@@ -151,13 +151,13 @@ class Recovery {
         return count;
     }
 
-    /** Puts a text in place. Before the last step, a damaged flash copy is set aside. */
+    /** Puts a text in place. Sets a damaged flash copy aside right before the rename. */
     [[nodiscard]] bool install(const std::string& text, const utils::FileAccess& access, bool isDamaged) {
         configuration::Replacement file(lock, failure);
         return file.write(text, &access) && (!isDamaged || setAside()) && file.commit();
     }
 
-    /** The access that a working copy has with the factory settings; false, with errno, if it cannot be told. */
+    /** Chooses the access that factory settings get; false with errno if the working copy hides its own. */
     [[nodiscard]] bool chooseAccess(utils::FileAccess& access) const {
         struct stat status {};
         if (::lstat(configuration::path().c_str(), &status) != 0 && errno != ENOENT) return false;
@@ -168,7 +168,7 @@ class Recovery {
         return true;
     }
 
-    /** Keeps a damaged flash copy from being replaced by the next save; `noFlash` tells what became of it. */
+    /** Keeps the next save from replacing a damaged flash copy; `noFlash` receives what became of that. */
     [[nodiscard]] bool setAside() {
         const std::string kept = damagedCopyPath();
         // Another holder of the lock may have saved a good copy meanwhile.
@@ -182,10 +182,7 @@ class Recovery {
         return true;
     }
 
-    /**
-     * Puts the factory settings in place, and before that a damaged flash copy aside: killed in between, the
-     * next restore() finds neither, and warns.
-     */
+    /** Puts the factory settings in place. If killed after setting a copy aside, the next restore() warns. */
     [[nodiscard]] bool installDefaults(bool isDamaged) {
         if (!raiseCount(defaults, largestCount(), path, failure))
             return call.logFailure("Failed to set system.cfg key %s", configuration::flashCyclesKey);
@@ -196,7 +193,7 @@ class Recovery {
         return install(defaults, access, isDamaged);
     }
 
-    /** Warns that the factory settings are in place, unless there never was a flash copy. */
+    /** Warns of the factory settings, unless there never was a flash copy. */
     void warnOfDefaults() const {
         if (noFlash.error == ENOENT && noFlash.reason.empty()) return;
         if (noFlash.error != ENOENT)
@@ -217,7 +214,7 @@ class Recovery {
             copy = FlashCopy::Damaged;
         if (copy == FlashCopy::Good) {
             failure = {};
-            // A root-owned copy in another user's directory comes as his: root has saved it for him.
+            // Root saved a root-owned copy in another user's directory for that user.
             if (flashAccess.owner == 0) flashAccess.owner = owner.owner;
             return install(flash, flashAccess, false);
         }

@@ -16,11 +16,11 @@ namespace configuration = korvo::configuration;
 
 namespace {
 
-/** Of the directory, since a file that is replaced is another one. Its end is told unasked. */
+/** Of the directory, since renaming replaces the file. The kernel reports its end unasked. */
 constexpr std::uint32_t eventsToSee =
     IN_MOVED_TO | IN_MOVED_FROM | IN_CREATE | IN_CLOSE_WRITE | IN_DELETE | IN_MOVE_SELF | IN_ONLYDIR;
 
-/** While one exists, its thread cannot be cancelled: neither a descriptor nor what was read gets lost. */
+/** While one exists, its thread cannot be cancelled and lose a descriptor or events. */
 class CancellationShield {
   public:
     CancellationShield() { (void)::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before); }
@@ -44,8 +44,8 @@ int openQueue() {
 }
 
 /**
- * Whether a name that was just made in the directory is a whole configuration: a hard link to one. A file
- * that somebody makes in place is empty at first, and is reported when he closes it.
+ * Whether a file that just appeared is a whole configuration: a hard link to one. A file that is made in
+ * place is empty at first, and reported when its writer closes it.
  */
 bool isWhole(const std::string& path) {
     struct stat status {};
@@ -93,12 +93,12 @@ int SystemCfgWatch::descriptor() const { return queue; }
 bool SystemCfgWatch::takeChange() {
     if (watched < 0) return false;
     const CancellationShield shield;
-    // Before events are taken, since memory may run out.
+    // Before taking events, since memory may run out.
     const std::string path = configuration::path();
     const std::string directory = directoryOf(path);
     const char* const name = path.c_str() + directory.size();
     bool changed = false;
-    bool lost = false;  // the directory, or events that may have told of its end
+    bool lost = false;  // the directory, or events that may have reported its end
     alignas(inotify_event) char events[1024];
     ssize_t length = 0;
     while ((length = ::read(queue, events, sizeof events)) > 0) {

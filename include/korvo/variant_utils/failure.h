@@ -9,7 +9,7 @@
 
 namespace korvo {
 
-/** What failed, and which members of Failure tell more. Any step may have a reason as well. */
+/** What failed, and which members of Failure say more. Any step may have a reason as well. */
 enum class Step {
     None,       ///< nothing failed
     State,      ///< the manager is not open, or open already; reason
@@ -32,9 +32,9 @@ enum class Step {
  */
 struct Failure {
     Step step = Step::None;
-    int error = 0;             ///< the errno value that tells why; 0 where none does
-    std::string subject = {};  ///< the path, the key or the host that it is about
-    std::size_t line = 0;      ///< of the file, counted from 1; 0 where it is no line
+    int error = 0;             ///< errno value, or 0
+    std::string subject = {};  ///< path, key or host
+    std::size_t line = 0;      ///< of the file, counted from 1; 0 if it is no line
     std::string reason = {};   ///< such as `there is no "="`
 };
 

@@ -49,13 +49,13 @@ class InterProcessMutex;
  * A refusal changes nothing. Loading takes every key, and apply() can remove it.
  *
  * Writing replaces the file in one step: every reader sees the whole old text or the whole new one, even if
- * the process is killed. It is not durable; the flash copy that close() makes is. Keep "/tmp" on a tmpfs, since
- * every set() wears flash. The new file keeps the old one's permission bits, and its group and owner where the
- * process may set them; where the group cannot be kept, the new group gets no access that others lacked. A
- * failed write leaves no temporary file. A killed process may leave one; its name holds the process id, and the
- * next process of that id replaces it. Any user who may write to "/tmp" can make writing fail, by directories
- * of such names. While the file is missing, whoever makes it first is believed: call restore() before anything
- * untrusted runs.
+ * the process is killed. It is not durable; the flash copy that close() makes is. Keep "/tmp" on a tmpfs,
+ * since every set() wears flash. The new file keeps the old one's permission bits, and its group and owner
+ * where the process may set them; where the group cannot be kept, the new group gets no access that others
+ * lacked. A failed write leaves no temporary file. A killed process may leave one; its name holds the process
+ * id, and the next process of that id replaces it. Any user who may write to "/tmp" can make writing fail, by
+ * directories of such names. While the file is missing, whoever makes it first is believed: call restore()
+ * before anything untrusted runs.
  *
  * Processes: the lock is the InterProcessMutex "system.cfg", which is free again when its holder dies. After
  * fork, a manager that init() opened is open in the parent only, one that initReadOnly() opened in both. When
@@ -128,17 +128,17 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
 
     /**
      * Loads the file and opens the manager for reading: get(), getVariant() and getSystemCfgValue() work, and
-     * read() loads the file again; set(), apply(), write() and markChanged() fail as if it were not open. Takes
-     * no lock and writes nothing, so readers work beside a writer, on a read-only device, and as any user who
-     * may read the file. After a failure the manager is open only if it was before.
+     * read() loads the file again; set(), apply(), write() and markChanged() fail as if it were not open.
+     * Takes no lock and writes nothing, so readers work beside a writer, on a read-only device, and as any
+     * user who may read the file. After a failure the manager is open only if it was before.
      */
     [[nodiscard]] bool initReadOnly();
 
     /**
-     * Loads the file, losing unwritten changes to the tree. Neither takes nor needs the lock. A failure leaves
-     * the tree as it was; only, except after initReadOnly(), a text that does not load empties it. An emptied
-     * tree is never written until a read() or init() succeeds or the host, having filled its own tree again,
-     * calls markChanged().
+     * Loads the file, losing unwritten changes to the tree. Neither takes nor needs the lock. A text that
+     * does not load empties the tree, except after initReadOnly(); any other failure leaves it as it was. An
+     * emptied tree is never written until a read() or init() succeeds or the host, having filled its own tree
+     * again, calls markChanged().
      */
     [[nodiscard]] bool read();
 
@@ -152,8 +152,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     void markChanged();
 
     /**
-     * Reads an integer, -1 when there is none. @p notFound receives whether the key is missing or its value is
-     * of another type.
+     * Reads an integer, -1 when there is none. @p notFound receives whether the key is missing or its value
+     * is of another type.
      *
      * From a value held as a string: its leading decimal digits, after white space and a sign; 0 without any,
      * the nearest int beyond int. From a number: the number as int, losing the upper bits of a wider one.
@@ -231,10 +231,10 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * @p defaults are taken when the flash copy
      * - is missing, as on a first start;
      * - holds no settings;
-     * - does not load, has no place for the count, cannot be read, is no regular file with one name, or belongs
-     *   to neither root nor the owner of its directory. It is kept as "system.cfg.damaged" in its directory, in
-     *   place of an older one; on a read-only file system it stays. If it cannot be kept, restore() fails and
-     *   changes nothing.
+     * - does not load, has no place for the count, cannot be read, is no regular file with one name, or
+     *   belongs to neither root nor the owner of its directory. It is kept as "system.cfg.damaged" in its
+     *   directory, in place of an older one; on a read-only file system it stays. If it cannot be kept,
+     *   restore() fails and changes nothing.
      *
      * A flash copy that cannot be read is tried again for a second. If the error is EACCES, EPERM, EMFILE,
      * ENFILE or ENOMEM even then, restore() fails and changes nothing.
@@ -242,8 +242,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * Taking @p defaults logs a warning if there is a flash copy or a damaged one.
      *
      * Access: text from the flash copy comes with that file's owner, group and permission bits; if root owns
-     * it, with its directory's owner. Text from @p defaults keeps the access of a working copy of root's or of
-     * that owner; otherwise it gets owner and group of the directory, and the bits of the file @p defaults
+     * it, with its directory's owner. Text from @p defaults keeps the access of a working copy of root's or
+     * of that owner; otherwise it gets owner and group of the directory, and the bits of the file @p defaults
      * without those for others. Each as far as the process may, see File::SetAccess().
      *
      * @param defaults  path of the factory settings, not below the device root; may be empty
@@ -259,7 +259,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * @param defaults   as above
      * @param replace    as above
      * @param restored   receives what stands in the place of the configuration; left alone on failure
-     * @param flashCopy  receives why the flash copy was not taken: Step::Read, with ENOENT when there is none,
+     * @param flashCopy  receives why the flash copy was not taken: Step::Read, with ENOENT if there is none,
      *                   or Step::Load. The reason also says what became of it; ENOENT without a reason means
      *                   that there never was one. Step::None when it was taken or not needed
      * @param failure    receives why nothing was put in place, which may be a flash copy that cannot be read;
@@ -291,10 +291,10 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
                                    std::vector<Fault>* faults);
 
     /**
-     * Makes changes for apply() of the pairs of a text, in the order of the lines, with the values as written,
-     * boolean words too, and adds them to @p changes. The last line of a repeated key counts. Refuses a text
-     * that does not load, or has a key or a value that set() refuses: then all reasons are added to @p faults,
-     * in the order of the lines.
+     * Makes changes for apply() of the pairs of a text, in the order of the lines, with the values as
+     * written, boolean words too, and adds them to @p changes. The last line of a repeated key counts.
+     * Refuses a text that does not load, or has a key or a value that set() refuses: then all reasons are
+     * added to @p faults, in the order of the lines.
      */
     [[nodiscard]] static bool parse(const std::string& text, std::vector<Change>& changes,
                                     std::vector<Fault>* faults);
@@ -338,14 +338,14 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
  * calls of takeChange() as one. It may report a file that is made in place, where there was none, before its
  * writer closes it as well; so rename whole files.
  *
- * Takes no lock; needs read access to "/tmp" only. If the directory itself is removed, moved or unmounted, that
- * is a change too: the watch moves on to the directory that has the name then, or ends where there is none. It
- * does not see what is mounted over the directory.
+ * Takes no lock; needs read access to "/tmp" only. If the directory itself is removed, moved or unmounted,
+ * that is a change too: the watch moves on to the directory that has the name then, or ends where there is
+ * none. It does not see what is mounted over the directory.
  *
  * Processes: a child made by fork shares the queue of events, and would take changes from its parent. It may
- * destroy the object and start a watch of its own. Threads: one at a time may use an object. No operation is a
- * cancellation point. The host must not close the descriptor: a daemon that closes all of them does so before
- * start(). Nothing is thrown but std::bad_alloc, which takes no change away.
+ * destroy the object and start a watch of its own. Threads: one at a time may use an object. No operation is
+ * a cancellation point. The host must not close the descriptor: a daemon that closes all of them does so
+ * before start(). Nothing is thrown but std::bad_alloc, which takes no change away.
  */
 class KORVO_VARIANT_UTILS_EXPORT SystemCfgWatch {
   public:
@@ -356,14 +356,14 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgWatch {
 
     /**
      * Begins to watch; does nothing while the watch lasts.
-     * @return false with errno set: ENOENT without the directory, EMFILE when the user has too many watches or
-     *         the process too many files
+     * @return false with errno set: ENOENT without the directory, EMFILE when the user has too many watches
+     *         or the process too many files
      */
     [[nodiscard]] bool start();
 
     /**
-     * For poll() with POLLIN: readable when takeChange() has something to look at, which need not be a change.
-     * Non-blocking, close-on-exec, never the number of a standard stream.
+     * For poll() with POLLIN: readable when takeChange() has something to look at, which need not be a
+     * change. Non-blocking, close-on-exec, never the number of a standard stream.
      * @return the same number from start() to the end of the watch; otherwise -1
      */
     int descriptor() const;
