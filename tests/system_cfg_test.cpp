@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <system_error>
 
@@ -122,11 +123,17 @@ class SystemCfgTest : public testing::Test {
     SystemCfgManager store{&tree, true, true, true};  // strings, with escaped index components
 };
 
-/** The changes `KEY=VALUE` or, to remove, `-KEY`, between commas. */
+/** The pieces of a list between commas. */
+std::vector<std::string> listed(const std::string& list) {
+    std::vector<std::string> pieces;
+    korvo::utils::split(list, ",", pieces);
+    return pieces;
+}
+
+/** The changes `KEY=VALUE` or, to remove, `-KEY`, of a list. */
 std::vector<SystemCfgManager::Change> changesIn(const std::string& list) {
     std::vector<SystemCfgManager::Change> changes;
-    std::istringstream rest(list);
-    for (std::string change; std::getline(rest, change, ',');) {
+    for (const std::string& change : listed(list)) {
         const std::size_t equals = change.find('=');
         changes.push_back({change.substr(0, equals), change.substr(equals + 1)});
         if (change[0] == '-') changes.back() = {change.substr(1), std::nullopt};
@@ -165,8 +172,12 @@ std::string SystemCfgTest::answer(SystemCfgManager& user, const std::string& ste
         const std::string read = verb == "get" ? got(user, rest, std::string("old")) : got(user, rest, 99);
         return read == "refused" ? result(user, false) : read;
     }
-    if (verb == "refuse")
-        return refused(user, rest.substr(0, rest.rfind('=')), rest.substr(rest.rfind('=') + 1));
+    if (verb == "refuse") {
+        std::set<std::string> reasons;
+        for (const std::string& pair : listed(rest))
+            reasons.insert(refused(user, pair.substr(0, pair.rfind('=')), pair.substr(pair.rfind('=') + 1)));
+        return reasons.size() == 1 ? *reasons.begin() : testing::PrintToString(reasons);
+    }
     if (verb == "flash") return flashCopy();
     if (verb == "file") return configuration(rest), "";
     if (verb == "plant") return root.write(rest, "in the way"), "";
