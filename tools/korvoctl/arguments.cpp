@@ -1,6 +1,7 @@
 #include "arguments.h"
 
 #include <algorithm>
+#include <set>
 #include <string_view>
 
 #include "commands.h"
@@ -66,9 +67,9 @@ void describeOptions(const Command& command, Variant& definitions) {
     }
 }
 
-Arguments::Arguments(int argc, const char** argv) {
-    const char** const end = argv + argc;
-    const char** const optionsEnd = std::find(argv, end, std::string_view("--"));
+Arguments::Arguments(int argc, char** argv) {
+    char** const end = argv + argc;
+    char** const optionsEnd = std::find(argv, end, std::string_view("--"));
     std::vector<std::string> rest;
     if (!parse(static_cast<int>(optionsEnd - argv), argv, rest)) return;
     if (optionsEnd != end) rest.insert(rest.end(), optionsEnd + 1, end);
@@ -76,7 +77,7 @@ Arguments::Arguments(int argc, const char** argv) {
 }
 
 /** Takes the options from the words before a "--"; the others are the rest. */
-bool Arguments::parse(int argc, const char** argv, std::vector<std::string>& rest) {
+bool Arguments::parse(int argc, char** argv, std::vector<std::string>& rest) {
     Variant definitions;
     Variant parsed;
     for (const Option& option : allOptions)
@@ -133,10 +134,15 @@ bool Arguments::checkOperands() {
     if (words.size() < chosen->least)
         return refuse(name + ": missing " + operands.substr(0, operands.find("...")), chosen);
     if (words.size() > chosen->most) return refuse(name + ": too many arguments", chosen);
+    const bool areKeys = operands.find("KEY") != std::string::npos;
     // An empty key has a message of its own.
-    const bool mayBeEmpty = operands.find("KEY") != std::string::npos;
-    if (!mayBeEmpty && std::find(words.begin(), words.end(), "") != words.end())
+    if (!areKeys && std::find(words.begin(), words.end(), "") != words.end())
         return refuse(name + ": empty argument", chosen);
+    std::set<std::string> keys;
+    for (const std::string& word : words) {
+        const std::string key = word.substr(0, word.find('='));
+        if (!keys.insert(key).second) return refuse("key '" + key + "' given twice", chosen);
+    }
     return true;
 }
 

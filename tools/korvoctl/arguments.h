@@ -16,7 +16,7 @@ struct Command;
 class Arguments {
   public:
     /** Parses and checks. Prints what is wrong to standard error; ok() is then false. */
-    Arguments(int argc, const char** argv);
+    Arguments(int argc, char** argv);
 
     [[nodiscard]] bool ok() const { return valid; }
 
@@ -36,7 +36,7 @@ class Arguments {
     std::string text(const char* option) const;
 
   private:
-    [[nodiscard]] bool parse(int argc, const char** argv, std::vector<std::string>& rest);
+    [[nodiscard]] bool parse(int argc, char** argv, std::vector<std::string>& rest);
     [[nodiscard]] bool check(const std::vector<std::string>& rest);
     [[nodiscard]] bool checkOptions();
     [[nodiscard]] bool checkOperands();

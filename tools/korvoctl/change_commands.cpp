@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -58,14 +57,15 @@ bool flashHoldsTheSame(korvo::variant::Variant& flash) {
 /** Raises the count of flash writes to the flash copy's, in the tree alone: what saves it writes it. */
 void raiseFlashWrites(SystemCfgManager& store, const korvo::variant::Variant& flash) {
     const std::string key = "system.flash.cycles";
-    const Values saved = part(valuesOf(flash), key);
+    const Values values = valuesOf(flash);
+    const auto saved = values.find(key);
+    int count = 0;
+    if (saved == values.end() || !store.get(key, &count, nullptr)) return;
+    if (std::strtoll(saved->second.c_str(), nullptr, 10) <= count) return;
     korvo::variant::Variant* parent = nullptr;
     std::string name;
-    int count = 0;
-    if (saved.count(key) == 0 || !store.get(key, &count, nullptr)) return;
-    if (std::strtoll(saved.at(key).c_str(), nullptr, 10) <= count) return;
     store.getLastNode(key, parent, name);
-    if (parent != nullptr) (*parent)[name] = saved.at(key);
+    if (parent != nullptr) (*parent)[name] = saved->second;
 }
 
 /** Makes the name of the flash copy durable: whoever saved it may have been killed before doing so. */
@@ -96,42 +96,27 @@ Outcome close(SystemCfgManager& store, bool saveToFlash, const std::string& alre
     return {Failed, describe(store.failure())};
 }
 
-/** The first of a key's parents that has a value; empty when none has. */
-std::string parentWithValue(const Values& values, const std::string& key) {
-    for (std::size_t dot = key.find('.'); dot != std::string::npos; dot = key.find('.', dot + 1)) {
-        std::string parent = key.substr(0, dot);
-        if (values.count(parent) != 0) return parent;
-    }
-    return {};
-}
-
-/** Why a change cannot be made in these values; empty when it can. */
-std::string obstacle(const Values& values, const Change& change, bool force) {
-    const std::string parent = change.value ? parentWithValue(values, change.key) : "";
-    if (!parent.empty()) return "cannot set " + change.key + ": " + parent + " has a value";
-    if (!isGroup(values, change.key) || force) return {};
-    return change.key + " is a group of keys; use --force to " + (change.value ? "replace" : "remove") +
-           " it";
-}
-
 /** Why a change is refused, with the line that it is from: the last one of its key. */
-std::string located(const Request& request, const std::string& key, const std::string& reason) {
-    if (request.file.empty()) return reason;
+Outcome refused(const Request& request, const std::string& key, const std::string& reason) {
+    if (request.file.empty()) return {Failed, reason};
     const std::size_t begin = ('\n' + request.text).rfind('\n' + key + '=');
     const auto linesBefore = std::count(request.text.data(), request.text.data() + begin, '\n');
-    return describe(request.file, {static_cast<std::size_t>(linesBefore) + 1, reason});
+    return {Failed, describe(request.file, {static_cast<std::size_t>(linesBefore) + 1, reason})};
 }
 
-/** Tries changes on values. Not Done where one of them is refused. */
+/** Tries changes on values: each needs something to remove, and discards no group unless forced. */
 Outcome tryOut(const Values& before, const Request& request) {
     Values values = before;
-    for (const Change& change : request.changes) {
-        const std::string reason = obstacle(values, change, request.force);
-        if (!reason.empty()) return {Failed, located(request, change.key, reason)};
+    for (const auto& [key, value] : request.changes) {
+        if (isGroup(values, key) && !request.force) {
+            const std::string act = value ? "replace" : "remove";
+            return refused(request, key, key + " is a group of keys; use --force to " + act + " it");
+        }
         // A key that went with a group before it counts as found.
-        if (!change.value && !isThere(before, change.key)) return {No, "no such key '" + change.key + "'"};
-        remove(values, change.key);
-        if (change.value) values[change.key] = *change.value;
+        if (!value && before.count(key) == 0 && !isGroup(before, key))
+            return {No, "no such key '" + key + "'"};
+        remove(values, key);
+        if (value) values[key] = *value;
     }
     return {};
 }
@@ -141,9 +126,10 @@ Outcome change(SystemCfgManager& store, const Request& request, bool& changed) {
     korvo::variant::Variant tree;
     if (!store.getVariant(tree)) return {Failed, describe(store.failure())};
     Outcome outcome = tryOut(valuesOf(tree), request);
-    if (outcome.status == Done && !store.apply(request.changes, &changed))
-        outcome = {Failed, describe(store.failure())};
-    return outcome;
+    if (outcome.status != Done || store.apply(request.changes, &changed)) return outcome;
+    const korvo::Failure& failure = store.failure();
+    const bool isKey = failure.step == korvo::Step::Key;
+    return isKey ? refused(request, failure.subject, describe(failure)) : Outcome{Failed, describe(failure)};
 }
 
 /**
@@ -181,17 +167,6 @@ ExitStatus makeChanges(Request request, const Arguments& arguments) {
     return status;
 }
 
-/** Whether no key is given twice; prints the first that is. */
-[[nodiscard]] bool eachOnce(const std::vector<Change>& changes, const char* command) {
-    std::set<std::string> keys;
-    for (const Change& change : changes) {
-        if (keys.insert(change.key).second) continue;
-        (void)wrongUsage("key '" + change.key + "' given twice", command);
-        return false;
-    }
-    return true;
-}
-
 }  // namespace
 
 ExitStatus setValues(const Arguments& arguments) {
@@ -203,7 +178,6 @@ ExitStatus setValues(const Arguments& arguments) {
             return wrongUsage("expected KEY=VALUE, got '" + pair + "'" + hint, "set");
         changes.push_back({pair.substr(0, equals), pair.substr(equals + 1)});
     }
-    if (!eachOnce(changes, "set")) return WrongUsage;
     for (const Change& change : changes) {
         if (const char* const fault = SystemCfgManager::keyFault(change.key))
             return failed(describe({korvo::Step::Key, 0, change.key, 0, fault}));
@@ -216,7 +190,7 @@ ExitStatus setValues(const Arguments& arguments) {
 ExitStatus unsetKeys(const Arguments& arguments) {
     std::vector<Change> changes;
     for (const std::string& key : arguments.operands()) changes.push_back({key, std::nullopt});
-    return eachOnce(changes, "unset") ? makeChanges({changes}, arguments) : WrongUsage;
+    return makeChanges({changes}, arguments);
 }
 
 ExitStatus applyFile(const Arguments& arguments) {

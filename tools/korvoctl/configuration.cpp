@@ -18,15 +18,15 @@ using korvo::variant::VariantType;
 /** Sorts behind the keys of a group, which go on with a dot. */
 constexpr char afterDot = '.' + 1;
 
-/** Nests no deeper than key=value text may. */
+/** Nests no deeper than key=value text may, of which all trees are made: none has indices. */
 void collect(const Variant& tree, const std::string& prefix, Values& values) {
     for (const auto& member : tree) {
         const std::string key = prefix + std::string(member.first);
         const VariantType type = member.second;
         if (type == korvo::variant::TypeMap) {
             collect(member.second, key + '.', values);
-        } else if (type == korvo::variant::TypeString) {
-            values[key] = static_cast<const std::string&>(member.second);
+        } else {
+            values[key] = textOf(member.second);
         }
     }
 }
@@ -91,26 +91,34 @@ Values valuesOf(const Variant& tree) {
     return values;
 }
 
+std::string textOf(const Variant& scalar) {
+    const VariantType type = scalar;
+    if (type == korvo::variant::TypeString) return static_cast<const std::string&>(scalar);
+    Variant named;
+    named["value"] = scalar;
+    std::string text;
+    (void)named.ToKVP(text, "=", "");
+    return text.substr(text.find('=') + 1);
+}
+
+Variant& at(Variant& tree, const std::string& key) {
+    std::vector<std::string> components;
+    korvo::utils::split(key, ".", components);
+    if (components.empty()) components.emplace_back();
+    Variant* node = &tree;
+    for (const std::string& component : components) node = &(*node)[component];
+    return *node;
+}
+
 Variant nested(const Values& values) {
     Variant tree;
     tree.IsArray(false);
-    for (const auto& [key, value] : values) {
-        std::vector<std::string> components;
-        korvo::utils::split(key, ".", components);
-        if (components.empty()) components.emplace_back();
-        Variant* node = &tree;
-        for (const std::string& component : components) node = &(*node)[component];
-        *node = value;
-    }
+    for (const auto& [key, value] : values) at(tree, key) = value;
     return tree;
 }
 
 bool isGroup(const Values& values, const std::string& key) {
     return values.lower_bound(key + '.') != values.lower_bound(key + afterDot);
-}
-
-bool isThere(const Values& values, const std::string& key) {
-    return values.count(key) != 0 || isGroup(values, key);
 }
 
 void remove(Values& values, const std::string& key) {

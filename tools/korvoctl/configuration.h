@@ -41,17 +41,20 @@ std::string keyRefusal(const std::string& key);
 /** Loads the configuration in a file as the store does. False, with the reason printed, when it does not load. */
 [[nodiscard]] bool loadFile(const std::string& path, Values& values);
 
-/** The values of a tree of strings. */
+/** A text, a number or a boolean as key=value text has it; for finite numbers, JSON has the same. */
+std::string textOf(const korvo::variant::Variant& scalar);
+
+/** The values of a tree; an empty map has none. */
 Values valuesOf(const korvo::variant::Variant& tree);
+
+/** The member of a tree under a dotted key; made, as null, where there is none. */
+korvo::variant::Variant& at(korvo::variant::Variant& tree, const std::string& key);
 
 /** The tree in which the values are nested as their keys are. */
 korvo::variant::Variant nested(const Values& values);
 
 /** Whether there are values below a key. */
 bool isGroup(const Values& values, const std::string& key);
-
-/** Whether there is a value under a key or below it. */
-bool isThere(const Values& values, const std::string& key);
 
 /** Removes what is under a key and below it. */
 void remove(Values& values, const std::string& key);

@@ -1,12 +1,9 @@
 #include <string>
-#include <vector>
 
 #include "arguments.h"
 #include "commands.h"
 #include "configuration.h"
-#include "json.h"
 #include "korvo/utils/device_root.h"
-#include "korvo/utils/text.h"
 #include "korvo/variant_utils/camerainfo.h"
 #include "output.h"
 
@@ -17,25 +14,18 @@ using korvo::variant::CameraInfo;
 using korvo::variant::Variant;
 using korvo::variant::VariantType;
 
-/** Prints one fact alone; false when there is none of that name. */
-[[nodiscard]] bool printFact(const CameraInfo& info, const std::string& name, bool asJson) {
-    std::vector<std::string> components;  // a board file may nest facts
-    korvo::utils::split(name, ".", components);
-    const Variant* fact = &info;
-    Variant result;
-    Variant* copy = &result;
-    for (const std::string& component : components) {
-        fact = &(*fact)[component];
-        copy = &(*copy)[component];
-    }
-    const VariantType type = *fact;
+/** Prints one fact alone, which a board file may have nested; false when there is none of that name. */
+[[nodiscard]] bool printFact(CameraInfo& info, const std::string& name, bool asJson) {
+    const Variant& fact = at(info, name);
+    const VariantType type = fact;
     if (type == korvo::variant::TypeNull || type == korvo::variant::TypeMap) return false;
-    *copy = *fact;
-    if (asJson)
-        printJson(result);
-    else
-        printLine(type == korvo::variant::TypeString ? static_cast<const std::string&>(*fact)
-                                                     : scalarText(*fact));
+    if (asJson) {
+        Variant alone;
+        at(alone, name) = fact;
+        printJson(alone);
+    } else {
+        printLine(textOf(fact));
+    }
     return true;
 }
 

@@ -1,9 +1,11 @@
-#include "json.h"
-
 #include <cmath>
 #include <cstdio>
+#include <set>
+#include <stdexcept>
 
+#include "configuration.h"
 #include "korvo/logger/logger.h"
+#include "output.h"
 
 namespace korvoctl {
 namespace {
@@ -11,8 +13,8 @@ namespace {
 using korvo::variant::Variant;
 using korvo::variant::VariantType;
 
-void appendText(std::string& out, std::string_view text) {
-    out += '"';
+std::string quoted(std::string_view text) {
+    std::string out = "\"";
     while (!text.empty()) {
         char32_t code = 0;
         const std::size_t length = korvo::logger::utf8Character(text, code);
@@ -28,52 +30,36 @@ void appendText(std::string& out, std::string_view text) {
         }
         text.remove_prefix(length != 0 ? length : 1);
     }
-    out += '"';
+    return out + '"';
+}
+
+std::string json(const Variant& value, const std::string& indent);
+
+std::string object(const Variant& map, const std::string& indent) {
+    std::string out;
+    std::set<std::string> names;
+    for (const auto& member : map) {
+        const std::string name = quoted(member.first);
+        // Such as two keys with different bytes that are not UTF-8.
+        if (!names.insert(name).second) throw std::runtime_error("two keys are the same in JSON: " + name);
+        out += out.empty() ? "{\n" : ",\n";
+        out += indent + "  " + name + ": " + json(member.second, indent + "  ");
+    }
+    return out.empty() ? "{}" : out + '\n' + indent + '}';
 }
 
 /** Nests no deeper than key=value text may, of which all maps are made: none has indices. */
-void append(std::string& out, const Variant& value, std::size_t level) {
+std::string json(const Variant& value, const std::string& indent) {
     const VariantType type = value;
-    if (type == korvo::variant::TypeMap) {
-        const std::string indent(2 * level + 2, ' ');
-        const char* separator = "{\n";
-        for (const auto& member : value) {
-            out.append(separator).append(indent);
-            appendText(out, member.first);
-            out += ": ";
-            append(out, member.second, level + 1);
-            separator = ",\n";
-        }
-        if (*separator == '{') {
-            out += "{}";
-        } else {
-            out.append("\n").append(indent, 2).append("}");
-        }
-    } else if (type == korvo::variant::TypeString) {
-        appendText(out, static_cast<const std::string&>(value));
-    } else if (type == korvo::variant::TypeBool) {
-        out += static_cast<bool>(value) ? "true" : "false";
-    } else if (type == korvo::variant::TypeNull || !std::isfinite(static_cast<double>(value))) {
-        out += "null";
-    } else {
-        out += scalarText(value);
-    }
+    if (type == korvo::variant::TypeMap) return object(value, indent);
+    if (type == korvo::variant::TypeString) return quoted(static_cast<const std::string&>(value));
+    if (type == korvo::variant::TypeBool) return static_cast<bool>(value) ? "true" : "false";
+    const bool isNumber = type != korvo::variant::TypeNull && std::isfinite(static_cast<double>(value));
+    return isNumber ? textOf(value) : "null";
 }
 
 }  // namespace
 
-std::string scalarText(const Variant& value) {
-    Variant named;
-    named["value"] = value;
-    std::string text;
-    (void)named.ToKVP(text, "=", "");
-    return text.substr(text.find('=') + 1);
-}
-
-std::string json(const Variant& value) {
-    std::string text;
-    append(text, value, 0);
-    return text += '\n';
-}
+void printJson(const Variant& value) { std::puts(json(value, "").c_str()); }
 
 }  // namespace korvoctl

@@ -16,7 +16,7 @@
 namespace korvoctl {
 namespace {
 
-ExitStatus run(int argc, const char** argv) {
+ExitStatus run(int argc, char** argv) {
     // The library's messages are for developers; korvoctl prints its own.
     korvo::logger::setSink([](const korvo::logger::Record&) {});
     const Arguments arguments(argc, argv);
@@ -39,7 +39,7 @@ ExitStatus run(int argc, const char** argv) {
 int main(int argc, char** argv) {
     int status = korvoctl::Failed;
     try {
-        status = korvoctl::run(argc, const_cast<const char**>(argv));
+        status = korvoctl::run(argc, argv);
     } catch (const std::bad_alloc&) {
         std::fputs("korvoctl: not enough memory\n", stderr);  // which tell() would need too
     } catch (const std::exception& error) {

@@ -22,12 +22,6 @@ std::string cannotRead(const std::string& path, int error) {
     return cannot("read", path, error) + (notRestored ? "; run 'korvoctl restore'" : "");
 }
 
-/** For a file that is written under a lock, the loss of which has an errno value of its own. */
-std::string cannotWrite(const std::string& path, int error) {
-    if (error != ESTALE) return cannot("write", path, error);
-    return "cannot write " + path + ": its lock file was removed or replaced";
-}
-
 }  // namespace
 
 void tell(const std::string& message) {
@@ -51,11 +45,11 @@ ExitStatus wrongUsage(const std::string& message, const std::string& command) {
 }
 
 std::string systemError(int number) {
-    // What the libraries call a pipe, a socket or a device in the place of a file.
+    // These four have a meaning of their own in the libraries.
     if (number == ENOTSUP) return "Not a regular file";
-    // And what they call a file that another name leads to.
     if (number == ELOOP) return "Is a symbolic link";
     if (number == EMLINK) return "Has a second name";
+    if (number == ESTALE) return "Its lock file was removed or replaced";
     return std::generic_category().message(number);
 }
 
@@ -82,7 +76,7 @@ std::string describe(const Failure& failure) {
             return "cannot write the configuration as KEY=VALUE lines: " + failure.reason;
         case Step::Write:
         case Step::Save:
-            return cannotWrite(failure.subject, failure.error);
+            return cannot("write", failure.subject, failure.error);
         case Step::Uri:
             return "invalid URI: " + failure.reason;
         case Step::Resolve:

@@ -1,7 +1,6 @@
 // These commands take no lock and write nothing, so that they work for other users, on a read-only image,
 // beside a writer and into a pipe that nobody reads for a while.
 
-#include <set>
 #include <string>
 #include <vector>
 
@@ -13,69 +12,53 @@
 namespace korvoctl {
 namespace {
 
-std::string pairLines(const Values& values) {
-    std::string lines;
-    for (const auto& [key, value] : values) lines.append(key).append("=").append(value).append("\n");
-    return lines;
-}
-
-/** The values under the keys; prints the missing ones, which make the status No. */
-ExitStatus select(const Values& all, const std::vector<std::string>& keys, Values& found) {
-    ExitStatus status = Done;
-    for (const std::string& key : keys) {
-        const auto value = all.find(key);
-        if (value != all.end()) {
-            found.insert(*value);
-        } else if (isGroup(all, key)) {
-            status = answerNo(key + " is a group of keys; use 'korvoctl dump'");
-        } else {
-            status = answerNo("no such key '" + key + "'");
-        }
-    }
-    return status;
-}
+std::string pairLine(const std::string& key, const std::string& value) { return key + '=' + value + '\n'; }
 
 }  // namespace
 
 ExitStatus getValues(const Arguments& arguments) {
     const std::vector<std::string>& keys = arguments.operands();
-    std::set<std::string> once;
-    for (const std::string& key : keys) {
-        if (!once.insert(key).second) return wrongUsage("key '" + key + "' given twice", "get");
-    }
     for (const std::string& key : keys) {
         const std::string refusal = keyRefusal(key);
         if (!refusal.empty()) return failed(refusal);
     }
     Values all;
     Values found;
+    std::string lines;
+    ExitStatus status = Done;
     if (!loadFile(workingCopyPath(), all)) return Failed;
-    const ExitStatus status = select(all, keys, found);
+    for (const std::string& key : keys) {
+        const auto value = all.find(key);
+        if (value != all.end()) {
+            found.insert(*value);
+            lines += keys.size() > 1 ? pairLine(key, value->second) : value->second + '\n';
+        } else {
+            status = answerNo(isGroup(all, key) ? key + " is a group of keys; use 'korvoctl dump'"
+                                                : "no such key '" + key + "'");
+        }
+    }
     if (arguments.has("json")) {
         printJson(nested(found));
-    } else if (keys.size() > 1) {
-        for (const std::string& key : keys) {
-            const auto value = found.find(key);
-            if (value != found.end()) printLines(pairLines({*value}));
-        }
-    } else if (!found.empty()) {
-        printLines(found.begin()->second + '\n');
+    } else {
+        printLines(lines);
     }
     return status;
 }
 
 ExitStatus dump(const Arguments& arguments) {
-    const std::string refusal = arguments.operands().empty() ? "" : keyRefusal(arguments.operand());
+    const std::string key = arguments.operand();
+    const std::string refusal = arguments.operands().empty() ? "" : keyRefusal(key);
     if (!refusal.empty()) return failed(refusal);
     Values values;
     if (!loadFile(workingCopyPath(), values)) return Failed;
-    values = part(values, arguments.operand());
-    if (values.empty() && !arguments.operand().empty())
-        return answerNo("no such key '" + arguments.operand() + "'");
+    values = part(values, key);
+    if (values.empty() && !key.empty()) return answerNo("no such key '" + key + "'");
     if (arguments.has("json")) {
         printJson(nested(values));
     } else {
-        printLines(pairLines(values));
+        std::string lines;
+        for (const auto& [each, value] : values) lines += pairLine(each, value);
+        printLines(lines);
     }
     return Done;
 }
