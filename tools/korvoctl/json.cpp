@@ -43,7 +43,7 @@ std::string object(const Variant& map, const std::string& indent) {
         // Such as two keys with different bytes that are not UTF-8.
         if (!names.insert(name).second) throw std::runtime_error("two keys are the same in JSON: " + name);
         out += out.empty() ? "{\n" : ",\n";
-        out += indent + "  " + name + ": " + json(member.second, indent + "  ");
+        out.append(indent).append("  ").append(name).append(": ").append(json(member.second, indent + "  "));
     }
     return out.empty() ? "{}" : out + '\n' + indent + '}';
 }
