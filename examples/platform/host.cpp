@@ -1,4 +1,4 @@
-// A host that uses each facility once on this platform: ./host DEVICE_ROOT
+// Uses each facility once on this platform: ./host DEVICE_ROOT
 
 #include <korvo/variant_utils/camerainfo.h>
 #include <korvo/variant_utils/commandline.h>
@@ -47,7 +47,7 @@ int main(int /*argc*/, const char** argv) {
     std::string value;
     EXPECT(store.init() && store.set("network.rtsp.port", "1", nullptr) && store.close(true, false));
     EXPECT(store.init() && store.get("network.rtsp.port", &value, nullptr) && value == "1");
-    // A key of digits, which on some platforms an index component finds too.
+    // On some platforms an index component finds a key of digits too.
     EXPECT(store.set("sensor.8", "on", nullptr) && store.set("sensor.8", "off", nullptr));
     EXPECT(store.get("sensor.8", &value, nullptr) && value == "off");
     EXPECT(store.get("system.flash.cycles", &value, nullptr) && store.close(false, false));

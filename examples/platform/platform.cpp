@@ -1,5 +1,5 @@
-// The least that a platform has to be for the library to run on it, written against the declarations of
-// docs/porting.md alone. No device should live on it: its lock excludes nobody, and nothing reaches a flash.
+// The smallest platform that the library runs on, written against the declarations of docs/porting.md alone. Not for a
+// device: its lock excludes nobody, and it saves nothing to flash.
 
 #include <cerrno>
 #include <cstdarg>
@@ -18,7 +18,7 @@
 #include "korvo/variant/variant.h"
 
 std::string deviceRoot;  // where the device's files are
-int messages = 0;        // so many were logged
+int messages = 0;        // how many were logged
 
 void logInternal(const char*, const char*, const char*, int, int, int, int, const char*, ...) { ++messages; }
 
