@@ -54,7 +54,7 @@ Outcome outcomeOfInit() {
 TEST(CameraInfo, GathersWhatEachDeviceHasInEveryLocale) {
     test::inEveryLocale([] {
         Outcome usual;
-        test::forEachCase("devices.txt", [&](const std::string& input, std::string expected) {
+        for (auto [input, expected] : test::readCases("devices.txt")) {
             const CompleteDevice device;
             const auto given = test::fields(input);
             std::filesystem::remove(device.path() / given[0]);
@@ -69,19 +69,18 @@ TEST(CameraInfo, GathersWhatEachDeviceHasInEveryLocale) {
             }
             EXPECT_EQ(outcomeOfInit(), wanted);
             if (usual.empty()) usual = wanted;
-        });
+        }
     });
 }
 
 TEST(CameraInfo, TheFirmwareVersionMustHaveItsFormInEveryLocale) {
     const CompleteDevice device;
     test::inEveryLocale([&] {
-        test::forEachCase(
-            "firmware_versions.txt", [&](const std::string& version, const std::string& expected) {
-                device.write("lib/version", version);
-                Outcome outcome = outcomeOfInit();
-                EXPECT_EQ(outcome.count("fails") == 0 ? outcome["protocolVer"] : "no match", expected);
-            });
+        for (const auto& [version, expected] : test::readCases("firmware_versions.txt")) {
+            device.write("lib/version", version);
+            Outcome outcome = outcomeOfInit();
+            EXPECT_EQ(outcome.count("fails") == 0 ? outcome["protocolVer"] : "no match", expected);
+        }
     });
 }
 

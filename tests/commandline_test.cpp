@@ -83,7 +83,7 @@ TEST(CommandLine, FindsOptionsByNameAndConvertsValuesByHowTheyAreWrittenInEveryL
     options["byLongName"]["unfinished"]["longName"] = "unfinished";
     test::inEveryLocale([&] {
         for (const char* table : {"options.txt", "option_values.txt"})
-            test::forEachCase(table, [&](const std::string& argument, const std::string& expected) {
+            for (const auto& [argument, expected] : test::readCases(table)) {
                 const char* const arguments[] = {"cam", nullptr, argument.c_str()};
                 Variant result = parse(options, {argument.c_str()});
                 std::string given;
@@ -98,7 +98,7 @@ TEST(CommandLine, FindsOptionsByNameAndConvertsValuesByHowTheyAreWrittenInEveryL
                 EXPECT_EQ(unknown ? "unknown" : given, expected);
                 EXPECT_EQ(result["unknownParameters"][0], unknown ? Variant(argument) : Variant());
                 EXPECT_EQ(log.messages(), unknown ? "unknown parameter detected: `" + argument + "`" : "");
-            });
+            }
     });
     AddParameter(options, 'e', "", "Empty long name", 1);
     EXPECT_EQ(parse(options, {"--"})["parameters"][""], Variant(1));

@@ -32,7 +32,7 @@ std::string korvo::utils::getHostByName(const std::string& name) {
 namespace {
 
 TEST(ParseUri, TakesEachPieceFromItsPlace) {
-    test::forEachCase("uri.txt", [](const std::string& text, std::string expected) {
+    for (auto [text, expected] : test::readCases("uri.txt")) {
         URI uri = parsed(text);
         EXPECT_EQ(uri.Size(), 16);
         EXPECT_EQ(uri["fullUriWithAuth"], text);
@@ -46,11 +46,11 @@ TEST(ParseUri, TakesEachPieceFromItsPlace) {
             const std::string member = test::shown(*uri.GetKeyChain(TypeAny, name.c_str(), false));
             EXPECT_EQ(name + '=' + member.substr(member.find(' ') + 1), field);
         }
-    });
+    }
 }
 
 TEST(ParseUri, RefusesWithOneMessageAndAnEmptyRecord) {
-    test::forEachCase("uri_refused.txt", [](const std::string& text, const std::string& expected) {
+    for (const auto& [text, expected] : test::readCases("uri_refused.txt")) {
         test::LogCapture log;
         korvo::Failure failure;
         URI uri = parsed("http://h/");
@@ -62,7 +62,7 @@ TEST(ParseUri, RefusesWithOneMessageAndAnEmptyRecord) {
             told +=
                 line.sourceFile + ' ' + line.function + ' ' + std::to_string(line.level) + ' ' + line.message;
         EXPECT_EQ(told + '|' + failure.reason, "src/uri parseURI 3 " + expected);
-    });
+    }
 }
 
 TEST(UriRecord, SettersStoreTheirMemberAndGettersADefaultWhereNothingFits) {
@@ -100,9 +100,9 @@ TEST(UriRecord, ComposesOtherUrisWithoutPuttingAnythingBetween) {
 }
 
 TEST(PercentDecode, DecodesEscapesOnceAndLeavesTheRest) {
-    test::forEachCase("percent_escapes.txt", [](const std::string& text, const std::string& decoded) {
+    for (const auto& [text, decoded] : test::readCases("percent_escapes.txt")) {
         EXPECT_EQ(percentDecode(text), decoded);
-    });
+    }
 }
 
 TEST(UriFromString, ResolvesTheHostOnlyWhenAskedTo) {
