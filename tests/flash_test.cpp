@@ -142,22 +142,4 @@ TEST_F(FlashTest, SetsTheCopyAsideWhateverItIs) {
     EXPECT_EQ(text, "b=2");
 }
 
-TEST_F(FlashTest, TheStoreBelongsToTheOwnerOfTheFlashDirectory) {
-    if (::geteuid() != 0) GTEST_SKIP() << "only root can make directories of other users";
-    const auto found = [] {
-        uid_t owner = 1;
-        gid_t group = 1;
-        const int error = storeOwner(owner, group) ? 0 : errno;
-        return std::tuple(error, owner, group);
-    };
-    EXPECT_EQ(found(), std::tuple(0, 0, 0)) << "it is missing";
-    fs::create_directories(directory);
-    ASSERT_EQ(::chown(directory.c_str(), 12, 34), 0);
-    EXPECT_EQ(found(), std::tuple(0, 12, 34));
-    fs::remove(directory), fs::create_symlink(directory.filename(), directory);
-    EXPECT_EQ(found(), std::tuple(ELOOP, 1, 1)) << "they are to stay as they were";
-    fs::remove_all(directory.parent_path()), root.write(fs::path(name).parent_path().parent_path(), "");
-    EXPECT_EQ(found(), std::tuple(0, 0, 0)) << "it cannot be there";
-}
-
 }  // namespace

@@ -201,23 +201,6 @@ TEST(File, RefusesWhatIsNoRegularFile) {
     EXPECT_EQ(text, "kept");
 }
 
-TEST(File, TakesTheAccessOfARegularFileWithOneName) {
-    const test::TemporaryFolder folder;
-    const auto at = [&](const char* name) { return folder.path() / name; };
-    for (const char* name : {"file", "two"}) fs::permissions(folder.write(name, ""), fs::perms(0664));
-    fs::create_symlink("file", at("link"));
-    fs::create_hard_link(at("two"), at("names"));
-    for (const auto& [name, mode] :
-         {std::pair("link", 0600U), {"names", 0600U}, {"missing", 0600U}, {"file", 0664U}}) {
-        File file;
-        ASSERT_TRUE(file.Initialize(at("new"), FILE_OPEN_MODE_TRUNCATE));
-        EXPECT_TRUE(file.CopyAccess(at(name)));
-        EXPECT_EQ(fs::status(at("new")).permissions(), fs::perms(mode)) << name;
-        EXPECT_EQ(file.Access().bits, mode) << name;
-        EXPECT_FALSE(file.CopyAccess(at("file/x"))) << "there may be a file whose access is not known";
-    }
-}
-
 /** The number of the standard streams that are open. */
 int openStreams() {
     int open = 0;
