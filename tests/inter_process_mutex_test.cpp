@@ -68,7 +68,7 @@ class InterProcessMutexTest : public testing::Test {
 
     void plant(uid_t owner, mode_t mode, const char* content = "") const {
         ASSERT_EQ(::chmod(root.write("tmp/name.lock", content).c_str(), mode), 0);
-        ASSERT_EQ(::chown(lockFile.c_str(), owner, owner), 0);
+        ASSERT_EQ(::chown(lockFile.c_str(), owner, static_cast<gid_t>(-1)), 0);
     }
 
     void makeTheStoreTheOtherUsers() const {
