@@ -25,14 +25,14 @@ inline const char* typeName(VariantType type) {
 
 inline void PrintTo(const Variant& value, std::ostream* out) {
     const VariantType type = value;
-    const bool isContainer = type == TypeMap || type == TypeArray;
+    std::string text = "(no key=value text)\n";
     Variant tree;
-    tree["v"] = value;
-    std::string text = "v=(no key=value text)\n";
-    (void)(isContainer ? value : tree).ToKVP(text, "=", "\n");
-    *out << typeName(type);
-    if (!isContainer) text.erase(0, 2);
-    if (type != TypeNull) *out << ' ' << text.substr(0, text.size() - 1);
+    tree[""] = value;
+    if (type == TypeMap || type == TypeArray)
+        (void)value.ToKVP(text, "=", "\n");
+    else if (tree.ToKVP(text, "", ""))
+        text += '\n';
+    *out << typeName(type) << (type != TypeNull ? " " : "") << text.substr(0, text.size() - 1);
 }
 
 }  // namespace korvo::variant
