@@ -16,7 +16,7 @@ constexpr auto signBit = 1ULL << 63;
 std::uintptr_t rankOf(std::string_view key) {
     std::uintptr_t bytes = 0;
     if (key.size() >= sizeof bytes)
-        std::memcpy(&bytes, key.data(), sizeof bytes);  // the compiler knows the size, so this is no call
+        std::memcpy(&bytes, key.data(), sizeof bytes);  // a size the compiler knows: no call
     else
         key.copy(reinterpret_cast<char*>(&bytes), sizeof bytes);
     return sizeof bytes == sizeof(std::uint64_t) ? be64toh(bytes)
@@ -60,7 +60,7 @@ void Members::destroy(Member* member) noexcept {
 
 Members::Place Members::locate(std::uintptr_t rank, std::string_view key) const {
     std::size_t low = 0, high = sorted.size();
-    // The last one first: texts and declarations mostly come in order.
+    // Tries the last one first: texts and declarations mostly come in order.
     for (std::size_t middle = high - 1; low < high; middle = (low + high) / 2) {
         const int order = compare(sorted[middle], rank, key);
         if (order == 0) return {middle, sorted[middle].member};
@@ -83,7 +83,7 @@ Variant& Members::insert(std::string_view key) {
     if (found != nullptr) return found->value;
     if (sorted.size() == sorted.capacity()) sorted.reserve(std::max<std::size_t>(8, 2 * sorted.size()));
     Member* const member = create(key);
-    // Has room, so it throws nothing.
+    // Does not throw: there is room.
     sorted.emplace(sorted.begin() + static_cast<std::ptrdiff_t>(position), rank, member);
     return member->value;
 }

@@ -15,7 +15,7 @@
 
 namespace korvo::variant {
 
-/** An index as the text of a key: most significant byte first, sign bit flipped, it orders like the number. */
+/** An index as the text of a key that orders like the number: big-endian, with the sign bit flipped. */
 class IndexKey {
   public:
     explicit IndexKey(long long index);
@@ -29,7 +29,7 @@ class IndexKey {
 /** The members of one container with keys of one kind. */
 class Members {
   public:
-    /** Allocated by itself, with the bytes of its key right behind it, and never moved. */
+    /** Allocated individually, followed by the bytes of its key, and never moved. */
     struct Member {
         Variant value;
         std::size_t keySize;
@@ -38,7 +38,8 @@ class Members {
 
     struct Entry {
         Entry(std::uintptr_t keyRank, Member* owned) : rank(keyRank), member(owned) {}
-        std::uintptr_t rank;  ///< the key's first bytes, which decide most comparisons without a look at it
+        std::uintptr_t
+            rank;  ///< the key's first bytes, which decide most comparisons without following the pointer
         Member* member;
     };
 
@@ -59,7 +60,7 @@ class Members {
     /** Removes the member under a key; false when it is missing. */
     bool remove(std::string_view key) noexcept;
 
-    /** Adds the members of @p source to none; @p copyValue copies each value. */
+    /** Copies the members of @p source into this empty list; @p copyValue copies each value. */
     template <class CopyValue>
     void copyFrom(const Members& source, CopyValue copyValue) {
         sorted.reserve(source.sorted.size());
@@ -73,10 +74,10 @@ class Members {
     void shrink() { sorted.shrink_to_fit(); }
 
   private:
-    /** Where a key stands in the vector, or would stand. */
+    /** Where a key is in the vector, or belongs. */
     struct Place {
         std::size_t position;
-        Member* member;  ///< null where the key is missing
+        Member* member;  ///< null if the key is missing
     };
 
     static Member* create(std::string_view key);
@@ -89,15 +90,15 @@ class Members {
 /** All members of one Variant that is a map or an array. */
 class Container {
   public:
-    /** Destroys a container with all below it. Without recursion: a tree may be deeper than the stack. */
+    /** Destroys a container and all below it, without recursion: a tree may be deeper than the stack. */
     static void destroy(Container* container) noexcept;
 
     using Owner = std::unique_ptr<Container, decltype(&destroy)>;
 
-    /** A deep copy, likewise without recursion. */
+    /** A deep copy, also without recursion. */
     static Container* copy(const Container& source);
 
-    /** Compact() of a container with all below it, likewise. */
+    /** Variant::Compact() for a container and all below it, also without recursion. */
     static void compact(Container* container) noexcept;
 
     /** The index that appending uses. */
@@ -107,7 +108,7 @@ class Container {
     Members& of(bool hasIndex) { return hasIndex ? indexed : named; }
 
     Members named;
-    Members indexed;  ///< their keys are each an IndexKey
+    Members indexed;  ///< each key is an IndexKey
 
   private:
     ~Container() = default;

@@ -24,7 +24,7 @@ template <class Number>
 std::string numberText(Number number) {
     char buffer[32];  // the longest double takes 24 characters
     if constexpr (std::is_floating_point<Number>::value) {
-        if (std::isnan(number)) return "nan";  // not "-nan", about which machines disagree
+        if (std::isnan(number)) return "nan";  // some machines would write "-nan"
     }
     std::string text(buffer, std::to_chars(buffer, buffer + sizeof buffer, number).ptr);
     if (std::is_floating_point<Number>::value && text.find_first_not_of("-0123456789") == std::string::npos)
@@ -41,7 +41,7 @@ std::string numberText(const Variant& number) {
 /** Sets a value to the number in @p text; false when that number would be written as another text. */
 template <class Number>
 [[nodiscard]] bool setNumber(Variant& value, std::string_view text) {
-    Number number = 0;  // and it stays 0 when there is none to be read
+    Number number = 0;  // stays 0 when the text is no number
     (void)std::from_chars(text.data(), text.data() + text.size(), number);
     if (numberText(number) != text) return false;
     value = number;
@@ -79,7 +79,7 @@ class KeyValueReader {
     [[nodiscard]] bool readLine(std::string_view line) {
         if (line.empty() || line.front() == '#') return true;
         const std::size_t equals = line.find('=');
-        if (equals == std::string_view::npos)  // then only a blank line is one
+        if (equals == std::string_view::npos)  // only a blank line may lack it
             return line.find_first_not_of(" \t\n\v\f\r") == std::string_view::npos;
         const std::string_view value = line.substr(equals + 1);
         if (!value.empty() && value.back() == '\r') return false;
@@ -127,7 +127,7 @@ class KeyValueWriter {
     KeyValueWriter(const std::string& betweenKeyAndValue, const std::string& afterLine, std::size_t expected)
         : keySeparator(betweenKeyAndValue), lineSeparator(afterLine), lines(expected, '\0') {}
 
-    /** Appends the lines of a group, whose members' keys have so many components; false to refuse the tree. */
+    /** Appends the lines of a group whose members' keys have so many components; false refuses the tree. */
     [[nodiscard]] bool writeGroup(const Variant& group, std::size_t components) {
         if (components > maxKeyComponents) return group.Size() == 0;
         for (const auto& [index, member] : group.Indexed()) {
@@ -145,7 +145,6 @@ class KeyValueWriter {
         return true;
     }
 
-    /** What was written. */
     std::string takeLines() {
         lines.resize(length);
         return std::move(lines);
@@ -186,7 +185,7 @@ class KeyValueWriter {
         return isFirst(keySeparator, begin, keyEnd) && isFirst(lineSeparator, begin, valueEnd);
     }
 
-    /** Appends what there is room for. Inlined, as std::string's own is not: the whole takes 1.2 times as long with that. */
+    /** Appends where there is room. ToKVP() takes 1.2 times as long with std::string::append, a call. */
     void append(std::string_view piece) {
         if (piece.size() == 1)
             lines[length] = piece[0];
@@ -195,7 +194,7 @@ class KeyValueWriter {
         length += piece.size();
     }
 
-    /** Whether a separator stands first at @p position in what was written from @p begin on. */
+    /** Whether the first separator in what was written from @p begin on is at @p position. */
     bool isFirst(const std::string& separator, std::size_t begin, std::size_t position) const {
         const std::string_view written(lines.data(), length);
         if (separator.size() == 1) return written.find(separator[0], begin) == position;  // in half the time
@@ -204,9 +203,9 @@ class KeyValueWriter {
 
     const std::string& keySeparator;
     const std::string& lineSeparator;
-    std::string path;  ///< of the group that is being written: each key with a dot behind it
+    std::string path;  ///< of the current group: each key followed by a dot
     std::string lines;
-    std::size_t length = 0;  ///< so much of the lines is written
+    std::size_t length = 0;  ///< of what is written; the rest of `lines` is room
 };
 
 }  // namespace

@@ -11,17 +11,17 @@
 namespace korvo::variant {
 namespace {
 
-/** A double as an integer with so many value bits, and with a sign bit or without; modulo 2^64. */
+/** A double as an integer with so many value bits and perhaps a sign bit; modulo 2^64. */
 std::uint64_t saturated(double value, int valueBits, bool isSigned) {
     const std::uint64_t largest = ~0ULL >> (64 - valueBits);
-    const double bound = 2.0 * static_cast<double>(1ULL << (valueBits - 1));  // the largest and one more
+    const double bound = 2.0 * static_cast<double>(1ULL << (valueBits - 1));  // largest + 1
     if (std::isnan(value)) return 0;
     if (value >= bound) return largest;
     if (!isSigned) return value > 0 ? static_cast<std::uint64_t>(value) : 0;
     return value <= -bound ? ~largest : static_cast<std::uint64_t>(static_cast<std::int64_t>(value));
 }
 
-/** A value that outlives every use. */
+/** Never destroyed, so it outlives every use. */
 template <class T>
 union Lasting {
     constexpr Lasting() : value() {}
@@ -29,8 +29,8 @@ union Lasting {
     T value;
 };
 const Lasting<Variant> nothing;
-// Made while the library is loaded, before what needs no such order; made on first use it could keep a child
-// waiting that was forked meanwhile.
+// Constructed while the library loads, before other globals. Constructed on first use, it could block a child
+// that another thread forks meanwhile.
 __attribute__((init_priority(101))) const Lasting<std::string> emptyText;
 
 }  // namespace
@@ -69,13 +69,13 @@ void Variant::Reset() noexcept {
     type = TypeNull;
 }
 
-/** Becomes a text. This value must hold nothing to release. */
+/** Makes this a text. The value must own nothing. */
 void Variant::holdText(std::string_view value) {
     ::new (&payload.text) std::string(value);
     type = TypeString;
 }
 
-/** Becomes a copy of a value, of a container one without members. This value must hold nothing to release. */
+/** Copies a value, of a container only the type. This value must own nothing. */
 void Variant::copyWithoutMembers(const Variant& other) {
     if (other.type == TypeString) {
         ::new (&payload.text) std::string(other.payload.text);
@@ -89,7 +89,7 @@ void Variant::copyWithoutMembers(const Variant& other) {
     type = other.type;
 }
 
-/** Takes over another value's content, which becomes null. This value must hold nothing to release. */
+/** Takes over another value's content and makes that null. This value must own nothing. */
 void Variant::moveFrom(Variant& other) noexcept {
     if (other.type == TypeString) {
         ::new (&payload.text) std::string(std::move(other.payload.text));
@@ -109,7 +109,7 @@ Variant& Variant::operator=(const Variant& other) {
         payload.text = other.payload.text;
         return *this;
     }
-    Variant copy(other);  // before releasing: other may be a member of this value
+    Variant copy(other);  // first: other may be a member of this value
     Reset();
     moveFrom(copy);
     return *this;
@@ -130,7 +130,7 @@ Variant& Variant::operator=(std::string_view value) {
     else if (type == TypeNull)
         holdText(value);
     else
-        *this = Variant(value);  // copied before releasing, for it may be a text inside this value
+        *this = Variant(value);  // copied first: it may be a text inside this value
     return *this;
 }
 
@@ -146,11 +146,11 @@ void Variant::IsArray(bool array) noexcept {
     type = array ? TypeArray : TypeMap;
 }
 
-/** Rare, so it is kept out of the way of finding a member. */
+/** Not inlined, since it is rare: finding a member is faster without it. */
 __attribute__((noinline)) Variant& Variant::firstMember(std::string_view key, bool hasIndex) {
     Container::Owner owner(new Container, &Container::destroy);
     Variant& added = owner->of(hasIndex).insert(key);
-    if (!isContainer()) IsArray(hasIndex);  // not before, since the key may be a text inside this value
+    if (!isContainer()) IsArray(hasIndex);  // last: the key may be a text inside this value
     payload.container = owner.release();
     return added;
 }
@@ -265,7 +265,7 @@ namespace {
 
 using ValuePairs = std::vector<std::pair<const Variant*, const Variant*>>;
 
-/** Whether both ranges have the same keys; appends the pairs of values that are still to be compared. */
+/** Whether both ranges have the same keys; appends the pairs of values that remain to be compared. */
 template <class Iterator>
 bool sameKeys(Iterator left, Iterator leftEnd, Iterator right, Iterator rightEnd, ValuePairs& values) {
     for (; left != leftEnd && right != rightEnd; ++left, ++right) {
@@ -279,7 +279,7 @@ bool sameKeys(Iterator left, Iterator leftEnd, Iterator right, Iterator rightEnd
 
 bool sameReal(double left, double right) { return left == right || (std::isnan(left) && std::isnan(right)); }
 
-/** Whether a double is exactly the integer, which is its low 64 bits and its sign. */
+/** Whether a double equals an integer, given as its low 64 bits and its sign. */
 bool sameNumber(double real, std::uint64_t integer, bool isNegative) {
     const int valueBits = isNegative ? 63 : 64;
     const bool isInRange = isNegative ? real < 0 && real >= -0x1p63 : real >= 0 && real < 0x1p64;
@@ -288,7 +288,7 @@ bool sameNumber(double real, std::uint64_t integer, bool isNegative) {
 
 }  // namespace
 
-/** Whether an integer is below zero. The tags of signed ones have 0x0100, those of unsigned ones 0x0200. */
+/** Whether an integer is negative. Tags of signed integers have 0x0100, of unsigned ones 0x0200. */
 bool Variant::isNegative() const noexcept {
     return (type & 0xff00) == 0x4100 && static_cast<std::int64_t>(payload.integer) < 0;
 }

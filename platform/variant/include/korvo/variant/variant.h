@@ -1,7 +1,7 @@
 /**
  * @file
- * Variant, the dynamically typed value in which the device's libraries exchange everything: a null, a
- * boolean, an integer, a double, a string, or a container of further values.
+ * Variant, the dynamically typed value that the device's libraries exchange: null, a boolean, an integer, a
+ * double, a string, or a container of further values.
  *
  * @code
  * Variant camera;
@@ -16,15 +16,15 @@
  *
  * Ownership: a Variant owns its content. Copies are deep; a moved-from Variant is null.
  *
- * References to members, from `operator[]` and GetKeyChain(), stay valid until that member is removed, or its
- * container is assigned to, reset, freed or destroyed; adding and removing other members does not disturb
- * them. Moving or swapping a container takes the members along, and references to them with it.
+ * References: what `operator[]` and GetKeyChain() return stays valid until that member is removed or its
+ * container is assigned to, reset, freed or destroyed. Adding and removing other members does not affect it.
+ * Moving or swapping a container moves its members with it, and references to them stay valid.
  *
- * Threads: distinct values may be used from distinct threads. One value may be read by several threads at
- * once through const operations; any other operation needs it alone.
+ * Threads: distinct values may be used from distinct threads. Several threads may read one value through
+ * const operations; every other operation needs exclusive access.
  *
- * Errors: the only exception that passes through is std::bad_alloc, and it leaves every value valid; an
- * assignment that fails so leaves its target as it was.
+ * Errors: the only exception is std::bad_alloc. It leaves every value valid, and the target of a failed
+ * assignment unchanged.
  *
  * Conversions never fail and have no undefined behaviour:
  *
@@ -49,7 +49,7 @@
 /** Marks what the variant library exports. */
 #define KORVO_VARIANT_EXPORT __attribute__((visibility("default")))
 
-/** Marks a member of an exported class that is not exported. */
+/** Hides a member of an exported class. */
 #define KORVO_VARIANT_PRIVATE __attribute__((visibility("hidden")))
 
 namespace korvo::variant {
@@ -64,7 +64,7 @@ enum VariantType : std::uint16_t {
     TypeTypedMap = 0x1011,  ///< also map form; never produced
     TypeArray = 0x1012,     ///< container, array form
     TypeString = 0x100e,
-    TypeNumeric = 0x4000,  ///< the category of all integers and of double; no value has this very tag
+    TypeNumeric = 0x4000,  ///< the category of all integers and of double; no value has exactly this tag
     TypeInt8 = 0x4110,
     TypeInt32 = 0x4140,
     TypeInt64 = 0x4180,
@@ -104,7 +104,7 @@ constexpr VariantType numberTag() {
 class Container;
 class Variant;
 
-// What the interface below is written with.
+// Used by the templates below.
 namespace detail {
 
 template <class T>
@@ -113,7 +113,7 @@ inline constexpr bool isNumber = numberTag<T>() != TypeNull;
 template <class T>
 inline constexpr bool isIndex = std::is_integral<T>::value && !std::is_same<T, bool>::value;
 
-/** Whether the enumeration was declared with its type: each number of that type is one of its values. */
+/** Whether an enumeration has a fixed underlying type, so that every number of that type is a valid value. */
 template <class T, class = void>
 inline constexpr bool isFixedEnumeration = false;
 template <class T>
@@ -126,7 +126,7 @@ inline constexpr bool isNamedConversion = (std::is_arithmetic<T>::value && isNum
                                           || std::is_same<T, std::string_view>::value
                                           || std::is_same<T, const char*>::value;
 
-/** What a value is compared with by its number or text; a type tag would be taken for a number. */
+/** Types that compare by number or by text. Not VariantType, which would compare as a number. */
 template <class T>
 inline constexpr bool isComparedNumber = isNumber<T> && !std::is_same<T, VariantType>::value;
 template <class T>
@@ -134,7 +134,7 @@ inline constexpr bool isComparedText =
     !std::is_base_of<Variant, T>::value && (std::is_convertible<const T&, const char*>::value ||
                                             std::is_convertible<const T&, std::string_view>::value);
 
-/** A floating number in a type that may be narrower; one too large becomes the largest finite one. */
+/** Converts to a type that may be narrower; a finite number beyond its range becomes its largest one. */
 template <class To, class From>
 To narrowed(From value) {
     if constexpr (std::numeric_limits<From>::max_exponent > std::numeric_limits<To>::max_exponent) {
@@ -146,7 +146,7 @@ To narrowed(From value) {
     return static_cast<To>(value);
 }
 
-// A key as one of the two kinds that members have.
+// The key as one of the two kinds: text or index.
 inline std::string_view memberKey(const char* key) { return key != nullptr ? key : ""; }
 inline std::string_view memberKey(std::string_view key) { return key; }
 template <class Integer, std::enable_if_t<isIndex<Integer>, int> = 0>
@@ -154,7 +154,7 @@ long long memberKey(Integer index) {
     return static_cast<long long>(index);
 }
 
-/** The member at a position among those with such keys, and its key. */
+/** Returns the member at a position among those with keys of this kind, and stores its key. */
 KORVO_VARIANT_EXPORT Variant& memberAt(const Container& container, std::size_t position,
                                        std::string_view& key);
 KORVO_VARIANT_EXPORT Variant& memberAt(const Container& container, std::size_t position, long long& key);
@@ -177,13 +177,13 @@ class MemberIterator {
     using difference_type = std::ptrdiff_t;
     using reference = const Element;
 
-    /** What `it->first` goes through. */
+    /** Holds the element for `it->first`. */
     struct pointer {
         Element element;
         const Element* operator->() const { return &element; }
     };
 
-    /** Constant, so that the `auto&` of a loop binds to it. */
+    /** Returns a constant, so that `auto&` in a loop binds to it. */
     reference operator*() const {
         Key key{};
         Value& member = detail::memberAt(*container, index, key);
@@ -207,10 +207,10 @@ class MemberIterator {
     MemberIterator(const Container* owner, std::size_t first) : container(owner), index(first) {}
 
     const Container* container;  ///< null when the value has no members
-    std::size_t index;           ///< of the member among those with such keys
+    std::size_t index;           ///< position among the members with keys of this kind
 };
 
-/** What Variant::Indexed() gives to a loop. */
+/** The range that Variant::Indexed() returns. */
 template <class Iterator>
 struct MemberRange {
     Iterator first, last;
@@ -221,7 +221,7 @@ struct MemberRange {
 /** The most components of a key, and so the most levels of a tree, in key=value text. */
 inline constexpr std::size_t maxKeyComponents = 64;
 
-/** The dynamically typed value; see the top of this file for what holds of all its operations. */
+/** The dynamically typed value. The top of this file says what holds for all its operations. */
 class KORVO_VARIANT_EXPORT Variant {
   public:
     using iterator = MemberIterator<std::string_view, Variant>;
@@ -245,8 +245,8 @@ class KORVO_VARIANT_EXPORT Variant {
     virtual ~Variant();
 
     /** @name Assignment
-     * Replaces the value. The source may be the value itself, one of its members, or a text inside it; but a
-     * value must not be moved into one of its own members.
+     * Replaces the value. The source may be the value itself, one of its members, or a text inside it. Do not
+     * move a value into one of its own members.
      * @{ */
     Variant& operator=(const Variant& other);
     Variant& operator=(Variant&& other) noexcept;
@@ -262,20 +262,20 @@ class KORVO_VARIANT_EXPORT Variant {
     Variant& operator=(std::string&& value) noexcept;
     /** @} */
 
-    /** Back to the null value; everything held is released. */
+    /** Makes the value null and frees what it held. */
     void Reset() noexcept;
 
     void Free() noexcept { Reset(); }  ///< the same as Reset()
 
-    /** Makes the value an array or a map. A container keeps its members; any other value becomes empty. */
+    /** Makes the value an array or a map. A container keeps its members, any other value becomes empty. */
     void IsArray(bool array) noexcept;
 
     /** @name Members
      * The member under a key, added as a null value when missing. A value that is no container becomes an
      * empty one first: a map for a text key, an array for an index. A null pointer is the empty key.
      *
-     * Indices are signed 64-bit numbers; an unsigned one must be below 2^63. The index -1 appends: it is the
-     * one after the last, at least 0, and the last one itself when that is the largest possible.
+     * Indices are signed 64-bit numbers; an unsigned one must be below 2^63. The index -1 appends: it means
+     * one more than the last index, at least 0, or the last index itself if that is the largest possible.
      * @{ */
     Variant& operator[](const char* key) { return member(detail::memberKey(key)); }
     Variant& operator[](std::string_view key) { return member(key); }
@@ -296,7 +296,7 @@ class KORVO_VARIANT_EXPORT Variant {
     }
     /** @} */
 
-    /** The number of members of both kinds; 0 for what is no container. */
+    /** The number of members of both kinds; 0 unless the value is a container. */
     std::size_t Size() const noexcept { return count(false) + count(true); }
 
     /** Whether there is a member under a key, a text or an index; -1 is none. */
@@ -315,10 +315,10 @@ class KORVO_VARIANT_EXPORT Variant {
     }
 
     /** @name Iteration
-     * begin() to end() are the members with text keys, in ascending byte order; num_begin() to num_end() those
-     * with an index, in ascending order. So `for (auto& [key, member] : value)` leaves out the members with an
-     * index, all of an array; `for (auto& [index, member] : value.Indexed())` walks them. Both ranges are empty
-     * for what is no container. Adding or removing a member of this value invalidates its iterators.
+     * begin() to end() are the members with text keys, in byte order; num_begin() to num_end() those with an
+     * index, in ascending order. So `for (auto& [key, member] : value)` leaves out the members with an index,
+     * which are all of an array; `for (auto& [index, member] : value.Indexed())` walks them. Both ranges are
+     * empty unless the value is a container. Adding or removing a member invalidates the iterators.
      * @{ */
     iterator begin() { return {members(), 0}; }
     iterator end() { return {members(), count(false)}; }
@@ -336,8 +336,8 @@ class KORVO_VARIANT_EXPORT Variant {
     /**
      * Finds a value below this one; creates nothing.
      *
-     * @param filter    `(type & filter) == filter` must hold for the value; TypeAny passes all, TypeMap arrays
-     *                  too
+     * @param filter    `(type & filter) == filter` must hold for the value. TypeAny passes every value,
+     *                  TypeMap arrays too
      * @param path      components separated by "/". A component is exactly a text key, even if it is empty or
      *                  all digits; "[n]" with an integer n is an index, "[text]" with anything else the text
      *                  key between the brackets
@@ -355,9 +355,9 @@ class KORVO_VARIANT_EXPORT Variant {
      * @{ */
 
     /**
-     * Replaces the value by the map that @p text, of any bytes, describes.
+     * Replaces the value with the map that @p text describes. Accepts any bytes.
      *
-     * Returns false and leaves the value as it was for what ToKVP() could not give back: a line that is not
+     * Returns false and leaves the value unchanged for what ToKVP() could not give back: a line that is not
      * blank and has no "=", a key with both a value and keys below it, a key of more than maxKeyComponents
      * components, a value that ends with a carriage return.
      *
@@ -367,7 +367,7 @@ class KORVO_VARIANT_EXPORT Variant {
      */
     [[nodiscard]] bool FromKVP(const std::string& text, bool reserved, bool valuesAsStrings, bool reserved2);
 
-    /** The same for the text of the file at @p path; also false, with errno set, when it cannot be read. */
+    /** FromKVP() for the file at @p path; also false, with errno set, when the file cannot be read. */
     [[nodiscard]] bool FromKVPFile(const std::string& path, bool reserved, bool valuesAsStrings,
                                    bool reserved2);
 
@@ -378,7 +378,7 @@ class KORVO_VARIANT_EXPORT Variant {
      * keys. Booleans are written as 1 and 0, doubles in the shortest form that reads back the same, with ".0"
      * where that would look like an integer. Null members and empty containers have no line.
      *
-     * Returns false and leaves @p text as it was for what would not read back as the same tree: a key that
+     * Returns false and leaves @p text unchanged for what would not read back as the same tree: a key that
      * holds "=", "." or a line feed, a value that holds a line feed, a line that begins with "#" or ends with
      * a carriage return, an index and a text key that look the same, more than maxKeyComponents levels, and
      * this value itself unless it is a container or null. A member that has no line may have any key.
@@ -386,8 +386,8 @@ class KORVO_VARIANT_EXPORT Variant {
      * With other separators a line is refused unless the first key separator in it stands behind the key and
      * the first line separator behind the value; an empty separator is never refused.
      *
-     * @param text           receives the text; must not be a text inside this value. What it has reserved is
-     *                       reserved for the new text too, which spares growing
+     * @param text           receives the text; must not be a text inside this value. Its capacity is reserved
+     *                       for the new text too, which saves reallocations
      * @param keySeparator   between key and value, normally "="
      * @param lineSeparator  after each line, normally "\n"
      */
@@ -395,13 +395,13 @@ class KORVO_VARIANT_EXPORT Variant {
                              const std::string& lineSeparator) const;
     /** @} */
 
-    /** Frees what texts and lists of members hold in reserve for growing; changes no value. */
+    /** Frees the spare capacity of texts and member lists; changes no value. */
     void Compact();
 
     /** @name Conversions (table at the top of this file)
      * @{ */
     operator VariantType() const noexcept { return type; }
-    // Not one template: compilers leave templates out where an operator is ambiguous, and then take a
+    // Not one template: compilers ignore conversion templates for built-in operators, and would then pick a
     // conversion that nobody meant.
     operator bool() const noexcept { return As<bool>(); }
     operator signed char() const noexcept { return As<signed char>(); }
@@ -418,15 +418,15 @@ class KORVO_VARIANT_EXPORT Variant {
     operator double() const noexcept { return As<double>(); }
     operator long double() const noexcept { return As<long double>(); }
     operator const std::string&() const noexcept;
-    /** Valid until the value is changed; never null. */
+    /** Never null; valid until the value changes. */
     operator const char*() const noexcept { return static_cast<const std::string&>(*this).c_str(); }
     /** @} */
 
     /**
-     * The same conversions by name, for where the implicit one is ambiguous: in expressions, `switch`,
+     * The same conversions by name, where the implicit one is ambiguous: in expressions, `switch`,
      * output, and assignment to a string. @p T is an arithmetic type, characters included, an enumeration
      * with a fixed underlying type, VariantType for the type tag, std::string, std::string_view or
-     * const char*. Views and pointers are valid until the value is changed.
+     * const char*. Views and pointers stay valid until the value changes.
      */
     template <class T, std::enable_if_t<detail::isNamedConversion<T>, int> = 0>
     T As() const {
@@ -454,8 +454,8 @@ class KORVO_VARIANT_EXPORT Variant {
     friend bool operator!=(const Variant& left, const Variant& right) { return !(left == right); }
 
     /** @name Comparison with numbers and texts
-     * By value, whatever the types are: a number of any type equals the same number, a boolean being 1 or 0; a
-     * text equals the same text and no number; a container equals none. Only null equals a null pointer.
+     * By value, whatever the types: a number of any type equals the same number, a boolean being 1 or 0; a
+     * text equals the same text and no number; a container equals neither. Only null equals a null pointer.
      * @{ */
     template <class T, std::enable_if_t<detail::isComparedNumber<T>, int> = 0>
     friend bool operator==(const Variant& left, T right) noexcept {
@@ -497,7 +497,7 @@ class KORVO_VARIANT_EXPORT Variant {
     union Payload {
         constexpr Payload() noexcept : integer(0) {}
         ~Payload() {}
-        /** Of every width, sign-extended where the type is signed; 1 or 0 for a boolean. */
+        /** An integer of any width, sign-extended if its type is signed; 1 or 0 for a boolean. */
         std::uint64_t integer;
         double real;
         std::string text;
@@ -508,7 +508,7 @@ class KORVO_VARIANT_EXPORT Variant {
     bool isContainer() const noexcept { return type == TypeMap || type == TypeArray; }
     Container* members() const noexcept { return isContainer() ? payload.container : nullptr; }
 
-    // What the templates above call; a text is a text key, a number an index.
+    // Called by the templates above; the overloads take a text key or an index.
     Variant& member(std::string_view key);
     Variant& member(long long index);
     const Variant* find(std::string_view key) const noexcept;
@@ -517,7 +517,7 @@ class KORVO_VARIANT_EXPORT Variant {
     bool removeMember(long long index) noexcept;
     std::size_t count(bool hasIndex) const noexcept;
     static const Variant& orNull(const Variant* found) noexcept;
-    /** Becomes a number. This value must hold nothing to release. */
+    /** Makes this a number. The value must own nothing. */
     template <class Number>
     void holdNumber(Number value) noexcept {
         if constexpr (std::is_floating_point<Number>::value)
