@@ -38,14 +38,14 @@ double seconds(CameraInfo& info, const char* key) { return memberOrDefault(info,
     return fail(failure, {Step::Load, 0, utils::devicePath(path), 0, reason});
 }
 
-/** Replaces the record by the board's description. */
+/** Replaces the record by the content of the board file. */
 [[nodiscard]] bool readBoard(Variant& record, Failure* failure) {
     std::string text;
     if (!readFile(boardFile, text, failure)) return false;
     Variant description, texts;
     if (!description.FromKVP(text, false, false, true) || !texts.FromKVP(text, true, true, true))
         return refuseFile(boardFile, "it is no key=value text", failure);
-    // An address of digits only is still a text.
+    // An address stays a text even if it has only digits.
     const Variant* address = find(texts, TypeAny, "board/hwaddr");
     if (address != nullptr) description["board"]["hwaddr"] = *address;
 
@@ -71,7 +71,7 @@ double seconds(CameraInfo& info, const char* key) { return memberOrDefault(info,
     return true;
 }
 
-/** Minus infinity if @p upTime is 0, as the standard of doubles has it; the language leaves it open. */
+/** Minus infinity if @p upTime is 0: IEEE 754 defines that division, the language does not. */
 __attribute__((no_sanitize("float-divide-by-zero"))) double loadOf(double idleTime, double upTime) {
     static_assert(std::numeric_limits<double>::is_iec559);
     return 1.0 - idleTime / upTime;
@@ -127,8 +127,8 @@ std::string versionPattern() {
     }
     const std::unique_ptr<regex_t, decltype(&::regfree)> compiled(&pattern, &::regfree);
     const std::string version = info.fullVersion();
-    regmatch_t groups[2];  // the whole, the protocol version
-    // The matcher stops at a zero byte, and would take what stands before it for the whole version.
+    regmatch_t groups[2];  // the match, the protocol version
+    // regexec() stops at a zero byte, and would accept the text before it.
     if (version.find('\0') != std::string::npos || ::regexec(&pattern, version.c_str(), 2, groups, 0) != 0) {
         KORVO_LOG("Init", logger::LevelError, errno, "Failed to match FW version regex, fw=%s",
                   version.c_str());
@@ -141,7 +141,7 @@ std::string versionPattern() {
     return true;
 }
 
-/** Stores twelve characters of the address, or those it has, with a colon after each pair but the sixth. */
+/** Stores up to twelve characters of the address, with a colon after each pair but the sixth. */
 void storeAddressWithColons(Variant& record) {
     const Variant* member = find(record, TypeString, "hwaddr");
     const char* address = "";

@@ -47,7 +47,7 @@ bool isWhole(double value) {
     return value >= -limit && value < limit && std::trunc(value) == value;
 }
 
-/** Stores the number that a text is, which is not empty; false when it is none. */
+/** Stores a text that is not empty as a number; false if it is none. */
 [[nodiscard]] bool storeNumber(const std::string& text, Variant& target) {
     if (text.find_first_not_of("-+.x0123456789abcdefABCDEF") != std::string::npos) return false;
     if (text.find('.') != std::string::npos) {
@@ -73,20 +73,20 @@ bool isWhole(double value) {
     return true;
 }
 
-/** An argument's name, with its dashes, and its value, which is empty when there is none. */
+/** An argument's name, with its dashes, and its value, empty if there is none. */
 std::pair<std::string_view, std::string> splitOption(std::string_view argument) {
     const std::size_t nameEnd = std::min(argument.find('='), argument.size());
     return {argument.substr(0, nameEnd),
             std::string(argument.substr(std::min(nameEnd + 1, argument.size())))};
 }
 
-/** What parsing needs of a declaration; the pointers are null when there is none. */
+/** The parts of a declaration that parsing needs; null if there is no declaration. */
 struct Declaration {
     const char* longName = nullptr;
     const Variant* defaultValue = nullptr;
 };
 
-/** The declaration that an argument's name, with its dashes, stands for. */
+/** Finds the declaration by an argument's name, with its dashes. */
 Declaration findDeclaration(const Variant& definitions, std::string_view name) {
     std::string path;
     if (name.substr(0, 2) == "--") {
@@ -96,7 +96,7 @@ Declaration findDeclaration(const Variant& definitions, std::string_view name) {
     } else {
         return {};
     }
-    // A long name with "/" in it leads into the declarations; only a whole declaration counts.
+    // A name with "/" leads into a declaration; only a whole one counts.
     const Variant* found = find(definitions, TypeMap, path.c_str());
     if (found == nullptr) return {};
     const Variant* longName = find(*found, TypeString, "longName");
@@ -105,11 +105,11 @@ Declaration findDeclaration(const Variant& definitions, std::string_view name) {
     return {*longName, defaultValue};
 }
 
-/** The canonical path of a program, null where there is none. */
+/** The canonical path of a program, null if there is none. */
 Variant canonicalPath(const char* program) {
     Variant path;
     if (program == nullptr) return path;
-    // Not one that realpath() allocates: uClibc's does not look whether it got it.
+    // realpath() allocates none, since uClibc's would not check for failure.
     std::string buffer(PATH_MAX, '\0');
     const char* found = ::realpath(program, buffer.data());
     if (found == nullptr && errno == ENOMEM) throw std::bad_alloc();
@@ -117,7 +117,7 @@ Variant canonicalPath(const char* program) {
     return path;
 }
 
-/** Stores the option that one argument gives; false when it matches no declaration. */
+/** Stores the option of one argument; false if it matches no declaration. */
 [[nodiscard]] bool parseOption(const std::string& argument, const Variant& definitions, Variant& result) {
     const auto [name, value] = splitOption(argument);
     const Declaration declaration = findDeclaration(definitions, name);
@@ -139,7 +139,7 @@ void AddParameter(Variant& definitions, char shortName, const char* longName, co
     record["shortName"] = static_cast<signed char>(shortName);
     record["description"] = description;
     record["defaultValue"] = defaultValue;
-    // From here on the arguments are not looked at: they may be texts of a declaration that is replaced.
+    // Do not use the arguments below: they may be texts of a declaration that is replaced.
     const std::string& name = record["longName"];
     definitions["byShortName"][shortNameIndex(shortName)] = record;
     definitions["byLongName"][name] = record;
@@ -165,7 +165,7 @@ void PrintHelp(const char* programName, Variant& definitions) {
 }
 
 void ParseCommandLine(int argc, const char** argv, Variant& definitions, Variant& result) {
-    // Copied, since they may be texts of the values that are changed here.
+    // Copied, since they may be texts of values that change here.
     std::vector<std::string> arguments;
     for (int i = 1; i < argc; ++i) {
         if (argv[i] != nullptr) arguments.push_back(argv[i]);

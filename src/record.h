@@ -5,9 +5,9 @@
 
 namespace korvo::variant {
 
-/** The value under a path below a constant one, or null; see Variant::GetKeyChain(). */
+/** Variant::GetKeyChain() on a constant value. */
 inline const Variant* find(const Variant& value, VariantType filter, const char* path) {
-    // A look-up changes nothing, but a maker's library need not declare it const.
+    // A look-up changes nothing, but a device maker's library may not declare it const.
     return const_cast<Variant&>(value).GetKeyChain(filter, path, false);
 }
 

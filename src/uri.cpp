@@ -32,7 +32,7 @@ constexpr struct {
     {"rtsp", 554}, {"rtmp", 1935}, {"rtmpe", 1935}, {"websock", 7080}, {"websocks", 7443},
 };
 
-/** The port that a schema stands for, 0 when there is none. */
+/** The default port of a schema, 0 if it has none. */
 unsigned short defaultPort(std::string_view schema) {
     for (const auto& row : defaultPorts) {
         if (row.schema == schema) return row.port;
@@ -40,13 +40,13 @@ unsigned short defaultPort(std::string_view schema) {
     return 0;
 }
 
-/** What stands before and after the first such character; the second is empty when there is none. */
+/** The text before the first separator and the text after it; all and nothing if there is none. */
 std::pair<std::string_view, std::string_view> splitAt(std::string_view text, char separator) {
     const std::size_t end = std::min(text.find(separator), text.size());
     return {text.substr(0, end), text.substr(std::min(end + 1, text.size()))};
 }
 
-/** What utils::trim() leaves of a text. */
+/** utils::trim() for a view. */
 std::string_view trimmed(std::string_view text) {
     const auto isSpace = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
     while (!text.empty() && isSpace(text.front())) text.remove_prefix(1);
@@ -64,7 +64,7 @@ std::string_view trimmed(std::string_view text) {
 /** The parts of a URI text, as views of it. */
 struct UriParts {
     std::string_view text;                                          ///< without white space around it
-    std::pair<std::string_view, std::string_view> withoutUserInfo;  ///< what stands before and behind that
+    std::pair<std::string_view, std::string_view> withoutUserInfo;  ///< the text around it
     std::string schema;                                             ///< in lower case
     std::string_view userName;
     std::string_view password;
@@ -72,7 +72,7 @@ struct UriParts {
     unsigned short port = 0;
     bool portSpecified = false;
     std::string_view path = "/";
-    std::string_view query;  ///< with the "?" in front; empty when there is none
+    std::string_view query;  ///< with its "?"; empty if there is none
 };
 
 [[nodiscard]] bool splitHostAndPort(std::string_view hostAndPort, UriParts& parts, Failure* failure) {
@@ -85,7 +85,7 @@ struct UriParts {
     if (parts.portSpecified) {
         const std::string digits(port);
         parts.port = static_cast<unsigned short>(std::strtoul(digits.c_str(), nullptr, 10));
-        // Signs, blanks, leading zeros and what is too large come back as another text.
+        // Signs, blanks, leading zeros and overflow do not survive the way back to a text.
         if (std::to_string(parts.port) != digits)
             return refuse(failure, noPort, "Invalid port number specified: `", digits.c_str(), "`");
     }
@@ -96,7 +96,7 @@ struct UriParts {
 
 [[nodiscard]] bool splitLocation(std::string_view location, UriParts& parts, Failure* failure) {
     const bool isFile = parts.schema == "file";
-    // A "?" ends the host only where there is no "/".
+    // A "?" ends the host only if there is no "/".
     std::size_t hostEnd = location.find('/');
     if (hostEnd == std::string_view::npos) hostEnd = location.find('?');
     if (!isFile && !splitHostAndPort(location.substr(0, hostEnd), parts, failure)) return false;
@@ -104,20 +104,20 @@ struct UriParts {
     if (!isFile) location.remove_prefix(hostEnd);
     const std::size_t pathEnd = std::min(location.find('?'), location.size());
     parts.query = location.substr(pathEnd);
-    // A query without a path is one of the root, except for a file.
+    // A query without a path belongs to the root, except for a file.
     if (isFile || pathEnd > 0) parts.path = location.substr(0, pathEnd);
     return true;
 }
 
 /**
- * Splits a text, without the white space around it, by the grammar
+ * Splits a trimmed text by the grammar
  *
  *   uri       = schema "://" [ user-info "@" ] location
  *   user-info = user-name [ ":" password ]
  *   location  = host [ ":" port ] [ path ] [ "?" query ]     for every schema but file
  *             | [ path ] [ "?" query ]                       for file
  *
- * where the "@" stands before the first "/" after the schema. False, with the error logged, if it cannot.
+ * where the "@" stands before the first "/" after the schema. Logs and returns false if that fails.
  */
 [[nodiscard]] bool splitUri(std::string_view given, UriParts& parts, Failure* failure) {
     parts.withoutUserInfo.first = given;
@@ -138,7 +138,7 @@ struct UriParts {
     return splitLocation(location, parts, failure);
 }
 
-/** Where in the path the document begins. The first character belongs to the directory, whatever it is. */
+/** Where in the path the document begins. Its first character always belongs to the directory. */
 std::size_t documentBegin(const UriParts& parts) {
     // A stream name such as mp4:folder/clip.mp4 is one document, slashes and all.
     const bool isStream = parts.schema.compare(0, 4, "rtmp") == 0;
@@ -156,7 +156,7 @@ void storeParameters(std::string_view query, Variant& parameters) {
     }
 }
 
-/** Stores a text, given in two pieces. */
+/** Stores a text of two pieces. */
 void store(URI& uri, const char* key, std::string_view begin, std::string_view end = {}) {
     std::string text(begin);
     if (!end.empty()) text.append(end);
@@ -278,7 +278,7 @@ std::string percentDecode(const std::string& text) {
     std::string decoded;
     decoded.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {
-        // No digit is the zero at the end, so nothing behind it is looked at.
+        // The terminating zero is no digit, so this never reads past it.
         if (text[i] == '%' && isDigit(text[i + 1]) && isDigit(text[i + 2])) {
             decoded += static_cast<char>(std::strtoul(text.substr(i + 1, 2).c_str(), nullptr, 16));
             i += 2;

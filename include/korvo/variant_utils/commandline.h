@@ -14,8 +14,8 @@
  * "byShortName" and "byLongName" the last record declared under a name. A record is a map with "longName",
  * "shortName", "description" and "defaultValue".
  *
- * Threads: the functions keep no state, but need the values passed to them for themselves. Arguments may be
- * texts of the values that a call changes. Errors: the only exception is std::bad_alloc.
+ * Threads: the functions keep no state; no other thread may use the values passed to them during a call. An
+ * argument may be a text inside a value that the call changes. Errors: the only exception is std::bad_alloc.
  */
 #pragma once
 
@@ -39,7 +39,7 @@ namespace korvo::variant {
  * @param shortName     the option's letter, as in `-p`; a character of any code
  * @param longName      the option's name without dashes, as in `--port`
  * @param description   the help's text about the option
- * @param defaultValue  the value of an option given without one; the help shows it by its type
+ * @param defaultValue  the value of an option given without one; its type selects the help's format
  */
 KORVO_VARIANT_UTILS_EXPORT void AddParameter(Variant& definitions, char shortName, const char* longName,
                                              const char* description, const Variant& defaultValue);
@@ -58,8 +58,8 @@ KORVO_VARIANT_UTILS_EXPORT void PrintHelp(const char* programName, Variant& defi
  * option is logged as a warning and collected, and the host decides what that means.
  *
  * An option is `-c`, `-c=VALUE`, `--name` or `--name=VALUE`, split at the first "=". Without a value, or with
- * an empty one, it receives a copy of its declared default. If it is given twice, the later value counts. How
- * a value is written determines its type, in every locale alike and whatever the type of the default:
+ * an empty one, it receives a copy of its declared default. Given twice, the later value counts. The spelling
+ * of a value alone determines its type, whatever the locale and the type of the default:
  *
  * - Digits become an unsigned 64-bit integer, with "-" in front a signed one. They are hexadecimal after "0x"
  *   and octal after "0": `8080`, `-3`, `0x1F`, `010`. Beyond a signed 64-bit integer they become the nearest

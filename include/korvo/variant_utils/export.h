@@ -1,10 +1,7 @@
-/**
- * @file
- * Marks what the library exports.
- */
+/** @file Marks what the library exports. */
 #pragma once
 
 #define KORVO_VARIANT_UTILS_EXPORT __attribute__((visibility("default")))
 
-/** Marks what it does not export although its class is. */
+/** Hides a member of an exported class. */
 #define KORVO_VARIANT_UTILS_PRIVATE __attribute__((visibility("hidden")))

@@ -10,8 +10,8 @@
  * connect(uri.host(), uri.port());
  * @endcode
  *
- * Threads: distinct records may be used from distinct threads, even for the first call. One record needs the
- * caller's lock even for reading, since getters may store defaults. Errors: failures are logged and returned
+ * Threads: distinct records may be used from distinct threads, even for the first call. Guard one record
+ * with a lock even for reading, since getters may store defaults. Errors: failures are logged and returned
  * as false; the only exception is std::bad_alloc.
  */
 #pragma once
@@ -53,7 +53,7 @@ namespace korvo::variant {
 class KORVO_VARIANT_UTILS_EXPORT URI : public Variant {
   public:
     /** @name Setters
-     * Each stores its member, and first makes the record an empty map if it is no map.
+     * Each stores its member. A record that is not a map first becomes an empty one.
      * @{ */
     void originalUri(std::string value);
     void schema(std::string value);
@@ -102,8 +102,8 @@ class KORVO_VARIANT_UTILS_EXPORT URI : public Variant {
     [[nodiscard]] static bool FromString(const std::string& text, bool resolveHost, URI& target);
 
     /**
-     * The same; @p failure, which may be null, receives the reason: Step::Uri as from parseURI(), or
-     * Step::Resolve with the host, which includes what follows the first "@" of a password.
+     * As above; @p failure, which may be null, receives the reason: Step::Uri as from parseURI(), or
+     * Step::Resolve with the host. The host includes everything after the first "@" of a password.
      */
     [[nodiscard]] static bool FromString(const std::string& text, bool resolveHost, URI& target,
                                          Failure* failure);
@@ -132,7 +132,7 @@ KORVO_VARIANT_UTILS_EXPORT std::string percentDecode(const std::string& text);
 [[nodiscard]] KORVO_VARIANT_UTILS_EXPORT bool parseURI(std::string text, korvo::variant::URI& uri);
 
 /**
- * The same; @p failure, which may be null, receives Step::Uri and a reason that repeats nothing of the text,
+ * As above; @p failure, which may be null, receives Step::Uri and a reason. The reason never quotes the text,
  * which may hold a password.
  */
 [[nodiscard]] KORVO_VARIANT_UTILS_EXPORT bool parseURI(std::string text, korvo::variant::URI& uri,
