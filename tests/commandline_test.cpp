@@ -16,7 +16,7 @@ namespace {
 Variant cameraOptions() {
     Variant options;
     AddParameter(options, 'p', "port", "Listening port", 554);
-    AddParameter(options, 'v', "verbose", "Say more", false);
+    AddParameter(options, 'v', "verbose", "Say more", true);
     AddParameter(options, '\xe9', "high", "Short name above ASCII", Variant());
     return options;
 }
@@ -44,7 +44,7 @@ TEST(CommandLine, HelpListsDeclarationsInOrderWithDefaultsByType) {
         EXPECT_EQ(
             text.substr(0, text.find("\t-p\t--port [=-1")),
             "cam <option>[=<value>]\n\t-p\t--port [=554] - Listening port\n"
-            "\t-v\t--verbose [=0] - Say more\n\t-\xe9\t--high - Short name above ASCII\n"
+            "\t-v\t--verbose [=1] - Say more\n\t-\xe9\t--high - Short name above ASCII\n"
             "\t-g\t--gain [=0.500] - Gain\n\t-n\t--name [=\"cam\"] - Name\n\t-u\t--limit [=-1] - Limit\n");
         EXPECT_THAT(text, testing::EndsWith(".000] - Again\n\n"));
     });
@@ -67,7 +67,7 @@ TEST(CommandLine, ParsesAWholeCommandLineAndKeepsWhatTheResultHeld) {
     EXPECT_EQ(test::shown(result),
               "map commandLine.executed=/proc/self/exe\ncommandLine.fullPath=" +
                   std::filesystem::read_symlink("/proc/self/exe").string() +
-                  "\nmine=1\nparameters.port=9\nparameters.verbose=0\nunknownParameters.0=" + arguments[5] +
+                  "\nmine=1\nparameters.port=9\nparameters.verbose=1\nunknownParameters.0=" + arguments[5] +
                   "\nunknownParameters.1=" + arguments[5]);
     ParseCommandLine(0, nullptr, options, result);
     ParseCommandLine(0, {}, options, result);
