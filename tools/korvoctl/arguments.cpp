@@ -15,7 +15,7 @@ using korvo::variant::Variant;
 struct Option {
     char shortName;
     const char* longName;
-    const char* value;  ///< what stands after "="; null for an option without a value
+    const char* value;  ///< what follows "="; null for an option without a value
     const char* description;
 };
 
@@ -48,10 +48,10 @@ bool accepts(const Command* command, const std::string& option) {
     return false;
 }
 
-/** The name of an option without its value, which a message does not repeat: it may be a secret. */
+/** The name of an option without its value, which may be a secret: no message repeats it. */
 std::string optionName(const std::string& word) { return word.substr(0, word.find('=')); }
 
-/** Nor is what follows a colon: the word may be a URI. */
+/** Nor does it repeat what follows a colon: the word may be a URI. */
 [[nodiscard]] bool refuseOption(const std::string& word) {
     return refuse("unknown option " + word.substr(0, word.find_first_of("=:")));
 }
@@ -76,7 +76,7 @@ Arguments::Arguments(int argc, char** argv) {
     valid = check(rest);
 }
 
-/** Takes the options from the words before a "--"; the others are the rest. */
+/** Takes the options from the words before a "--"; @p rest receives the other words. */
 bool Arguments::parse(int argc, char** argv, std::vector<std::string>& rest) {
     Variant definitions;
     Variant parsed;
@@ -84,7 +84,7 @@ bool Arguments::parse(int argc, char** argv, std::vector<std::string>& rest) {
         AddParameter(definitions, option.shortName, option.longName, option.description, Variant());
     for (int i = 1; i < argc; ++i) {
         const std::string name = optionName(argv[i]);
-        // The parser takes such a name for a path into the declarations, where "[save]" is "save" too.
+        // The parser takes such a name for a path into the declarations, where "[save]" is "save".
         if (name.size() > 1 && name.front() == '-' && name.find_first_of("[/") != std::string::npos)
             return refuseOption(name);
     }
@@ -97,14 +97,14 @@ bool Arguments::parse(int argc, char** argv, std::vector<std::string>& rest) {
     Variant& unknown = parsed["unknownParameters"];
     for (auto unparsed = unknown.num_begin(); unparsed != unknown.num_end(); ++unparsed) {
         const std::string& word = unparsed->second;
-        // A bare dash is the name of standard input.
+        // A bare dash names standard input.
         if (word.size() > 1 && word.front() == '-') return refuseOption(word);
         rest.push_back(word);
     }
     return true;
 }
 
-/** Checks what remains without the options: the command and its operands. */
+/** Checks the words that are not options: the command and its operands. */
 bool Arguments::check(const std::vector<std::string>& rest) {
     if (rest.empty()) return has("help") || has("version") ? checkOptions() : refuse("missing command");
     chosen = findCommand(rest.front());

@@ -15,15 +15,15 @@ struct Command;
 /** The parsed and checked command line. */
 class Arguments {
   public:
-    /** Parses and checks. Prints what is wrong to standard error; ok() is then false. */
+    /** Parses and checks. Prints what is wrong to standard error; then ok() is false. */
     Arguments(int argc, char** argv);
 
     [[nodiscard]] bool ok() const { return valid; }
 
-    /** What is to be done; null for --help or --version alone. */
+    /** The command to perform; null for --help or --version alone. */
     const Command* command() const { return chosen; }
 
-    /** The words after the command that are no options. */
+    /** The words after the command that are not options. */
     const std::vector<std::string>& operands() const { return words; }
 
     /** The first operand; empty when there is none. */
@@ -47,7 +47,7 @@ class Arguments {
     bool valid = false;
 };
 
-/** Adds the options that a command accepts to the declarations that a help text is printed from. */
+/** Declares the options that a command accepts, for its help. */
 void describeOptions(const Command& command, korvo::variant::Variant& definitions);
 
 }  // namespace korvoctl

@@ -1,4 +1,4 @@
-// These commands work under the configuration's lock, and do everything or nothing.
+// These commands hold the configuration's lock, and do everything or nothing.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -22,30 +22,30 @@ namespace {
 
 using Change = SystemCfgManager::Change;
 
-/** Begins the message where a change has been made, and saving it failed. */
+/** Begins the message when a change was made but saving it failed. */
 const char notSaved[] = "changed the working copy, but did not save it: ";
 
-/** What came of work under the lock, to be printed afterwards: a stopped terminal must stop no other writer. */
+/** The result of work under the lock, printed without it: a stopped terminal must not stop other writers. */
 struct Outcome {
     ExitStatus status = Done;
     std::string message = {};  ///< why it is not Done
 };
 
-/** Prints what is wrong. To be called once the lock is free. */
+/** Prints what is wrong. Call it once the lock is free. */
 ExitStatus report(const Outcome& outcome) {
     if (outcome.status != Done) tell(outcome.message);
     return outcome.status;
 }
 
-/** What is to be changed. */
+/** What to change. */
 struct Request {
     std::vector<Change> changes;
-    std::string file = {};  ///< that it is from; empty for the command line
+    std::string file = {};  ///< where the changes are from; empty for the command line
     std::string text = {};  ///< of the file
     bool force = false;     ///< to discard groups
 };
 
-/** Whether the flash copy loads, which fills @p flash, as the same values as the working copy. */
+/** Whether both copies load as the same values. @p flash receives the flash copy's, if that loads. */
 bool flashHoldsTheSame(korvo::variant::Variant& flash) {
     std::string text;
     korvo::variant::Variant working;
@@ -54,7 +54,7 @@ bool flashHoldsTheSame(korvo::variant::Variant& flash) {
            flash == working;
 }
 
-/** Raises the count of flash writes to the flash copy's, in the tree alone: what saves it writes it. */
+/** Raises the count of flash writes to the flash copy's, in the tree only: saving writes it. */
 void raiseFlashWrites(SystemCfgManager& store, const korvo::variant::Variant& flash) {
     const std::string key = "system.flash.cycles";
     const Values values = valuesOf(flash);
@@ -68,7 +68,7 @@ void raiseFlashWrites(SystemCfgManager& store, const korvo::variant::Variant& fl
     if (parent != nullptr) (*parent)[name] = saved->second;
 }
 
-/** Makes the name of the flash copy durable: whoever saved it may have been killed before doing so. */
+/** Makes the flash copy's name durable: the process that saved it may have been killed before doing so. */
 [[nodiscard]] bool syncFlashDirectory() {
     const std::string path = flashCopyPath();
     const int directory = ::open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -79,8 +79,8 @@ void raiseFlashWrites(SystemCfgManager& store, const korvo::variant::Variant& fl
 }
 
 /**
- * Ends the use of the store. What flash holds decides what is saved, not what this call changed.
- * @param already  what has been done before, for the message of a failure to save
+ * Closes the store. Whether to save depends on what flash holds, not on what this call changed.
+ * @param already  what was done before, for the message when saving fails
  * @param changed  whether this call has changed values, so that the store need not be forced to save
  */
 Outcome close(SystemCfgManager& store, bool saveToFlash, const std::string& already, bool changed) {
@@ -96,7 +96,7 @@ Outcome close(SystemCfgManager& store, bool saveToFlash, const std::string& alre
     return {Failed, describe(store.failure())};
 }
 
-/** Why a change is refused, with the line that it is from: the last one of its key. */
+/** Why a change is refused, with the line it is from: the last one with its key. */
 Outcome refused(const Request& request, const std::string& key, const std::string& reason) {
     if (request.file.empty()) return {Failed, reason};
     const std::size_t begin = ('\n' + request.text).rfind('\n' + key + '=');
@@ -112,7 +112,7 @@ Outcome tryOut(const Values& before, const Request& request) {
             const std::string act = value ? "replace" : "remove";
             return refused(request, key, key + " is a group of keys; use --force to " + act + " it");
         }
-        // A key that went with a group before it counts as found.
+        // A key that was removed with its group counts as found.
         if (!value && before.count(key) == 0 && !isGroup(before, key))
             return {No, "no such key '" + key + "'"};
         remove(values, key);
@@ -121,7 +121,7 @@ Outcome tryOut(const Values& before, const Request& request) {
     return {};
 }
 
-/** Makes the changes, in the open store. @p changed receives whether any value is another one. */
+/** Makes the changes in the open store. @p changed receives whether any value differs. */
 Outcome change(SystemCfgManager& store, const Request& request, bool& changed) {
     korvo::variant::Variant tree;
     if (!store.getVariant(tree)) return {Failed, describe(store.failure())};
@@ -134,11 +134,11 @@ Outcome change(SystemCfgManager& store, const Request& request, bool& changed) {
 
 /**
  * Opens the store, makes changes and saves, all under the lock.
- * @param already  what has been done before, for the message of a failure
+ * @param already  what was done before, for the message when this fails
  */
 Outcome useStore(const Request& request, bool saveToFlash, const char* already = "") {
     announceWait();
-    // Early, although the flash copy's lock is taken last: once the store is open nothing is printed.
+    // Before init(), although close() takes this lock: nothing is printed while the store is open.
     if (saveToFlash) announceWait(korvo::utils::flashLock, "save the configuration");
     SystemCfgManager store;
     if (!store.init()) return {Failed, already + describe(store.failure())};
@@ -148,7 +148,7 @@ Outcome useStore(const Request& request, bool saveToFlash, const char* already =
     return close(store, saveToFlash, request.changes.empty() ? already : notSaved, changed);
 }
 
-/** Warns of values that load as others. */
+/** Warns of values that load as different ones. */
 void warnOfBooleanWords(const std::vector<Change>& changes) {
     for (const Change& change : changes) {
         korvo::variant::Variant tree;
@@ -224,7 +224,7 @@ ExitStatus restore(const Arguments& arguments) {
     printLine(restored == Restored::Flash      ? "restored the flash copy"
               : restored == Restored::Defaults ? "restored the factory settings " + defaults
                                                : "kept the working copy");
-    // The next power-up may need what this one did not: loadFile() tells what is wrong with it.
+    // The next power-up may need the defaults: loadFile() prints what is wrong with them.
     Values unused;
     if (!defaults.empty()) (void)loadFile(defaults, unused);
     return Done;

@@ -12,16 +12,16 @@ const std::vector<Command>& allCommands() {
         {"set", "KEY=VALUE...", 1, any, "save force", "Store values",
          "All of them or none, as the very texts typed. A key that is a group of keys is\n"
          "replaced by a value only with --force. Once loaded, the words on, enable and\n"
-         "enabled are 1, and off, disable and disabled are 0; a warning tells so.",
+         "enabled are 1, and off, disable and disabled are 0; a warning says so.",
          setValues},
         {"unset", "KEY...", 1, any, "save force", "Remove values",
          "All of them or none; a group of keys only with --force. Exit status 1, and nothing\n"
-         "done, when a key does not exist. Removes any key that loads, also one that get refuses.",
+         "done, when a key does not exist. Removes any key that loads, even one that get refuses.",
          unsetKeys},
         {"apply", "FILE", 1, 1, "save force", "Store the key=value lines of a file",
          "All of them or none; of a repeated key the last line counts. With - for FILE, reads\n"
          "standard input, so that a password need not stand on a command line. --force as for\n"
-         "set. FILE:LINE: REASON for what is refused; check tells the same beforehand.",
+         "set. Prints FILE:LINE: REASON for what it refuses; check does so beforehand.",
          applyFile},
         {"dump", "[KEY]", 0, 1, "json", "Print all values, or those below a key",
          "KEY=VALUE lines in the order of the keys, as apply takes them.", dump},
@@ -30,35 +30,35 @@ const std::vector<Command>& allCommands() {
          "has. Exit status 1 when they differ.",
          diff},
         {"watch", "[KEY]", 0, 1, "", "Print each change of the values as it happens",
-         "-KEY=VALUE for the old value, +KEY=VALUE for the new one, until it is stopped.\n"
-         "Changes that follow one another faster than they are read show as one.",
+         "-KEY=VALUE for the old value, +KEY=VALUE for the new one, until you stop it.\n"
+         "Changes that come faster than they are read show as one.",
          watch},
         {"save", "", 0, 0, "", "Copy the configuration to flash",
-         "Unless the flash copy holds the same values already. Each copy is counted in\n"
-         "system.flash.cycles, on from the larger count of the two.",
+         "Unless the flash copy already holds the same values. system.flash.cycles counts the\n"
+         "copies, on from the larger count of the two.",
          save},
         {"restore", "", 0, 0, "defaults force", "Put the flash copy back, at boot",
-         "Where that is missing or damaged, the file of --defaults; a damaged one is kept as\n"
-         "system.cfg.damaged beside it. Keeps a working copy that is there, unless --force is\n"
+         "If that is missing or damaged, the --defaults file; a damaged one is kept as\n"
+         "system.cfg.damaged beside it. Keeps an existing working copy unless --force is\n"
          "given. Prints what it did.",
          restore},
         {"reset", "--defaults=FILE", 0, 0, "defaults save", "Back to the factory settings of --defaults",
          "The count of flash writes is kept. The flash copy changes only with --save.\n"
-         "Back up the configuration, and bring it back with nothing that was added since:\n"
+         "To back up the configuration, and later return to exactly that:\n"
          "  umask 077; korvoctl dump >backup\n"
          "  korvoctl reset --defaults=backup --save",
          reset},
-        {"check", "[FILE]", 0, 1, "", "Check that a configuration loads, and apply takes it",
-         "FILE:LINE: REASON for each line that does not load or has a key or a value that apply\n"
-         "refuses. Without FILE it is the working copy, and - is standard input. Exit status 1\n"
-         "when there are faults.",
+        {"check", "[FILE]", 0, 1, "", "Check that a configuration loads and apply takes it",
+         "Prints FILE:LINE: REASON for each line that does not load or that apply refuses.\n"
+         "Without FILE checks the working copy; - is standard input. Exit status 1 when there\n"
+         "are faults.",
          check},
         {"info", "[NAME]", 0, 1, "json", "Print what is known about the device, or one fact",
-         "NAME=VALUE lines; of one fact the value, exit status 1 when there is none of that name.\n"
-         "When a file is missing or damaged, prints what the others tell and exits with 3.",
+         "NAME=VALUE lines, or one fact's value; exit status 1 when there is no such fact. When\n"
+         "a file is missing or damaged, prints the facts of the others and exits with 3.",
          printDeviceInformation},
         {"uri", "URI", 1, 1, "json resolve base derive with-parameters show-password", "Take a URI apart",
-         "NAME=VALUE lines of its parts. The password shows as *** unless asked for.", parseAndPrintUri},
+         "NAME=VALUE lines of its parts. Shows the password as *** unless asked for it.", parseAndPrintUri},
         {"help", "[COMMAND]", 0, 1, "", "Explain a command, or list them all", "", help},
         {"version", "", 0, 0, "", "Print the version", "", printVersion},
     };

@@ -14,8 +14,8 @@ class Arguments;
 struct Command {
     const char* name;
     const char* operands;     ///< as the help shows them
-    std::size_t least, most;  ///< so many operands it takes
-    const char* options;      ///< the long names of those it accepts, with blanks between them
+    std::size_t least, most;  ///< the number of operands it takes
+    const char* options;      ///< the long names of those it accepts, separated by blanks
     const char* summary;      ///< one line
     const char* description;  ///< the rest of its help
     ExitStatus (*perform)(const Arguments& arguments);
@@ -28,7 +28,7 @@ const Command* findCommand(const std::string& name);
 const std::vector<Command>& allCommands();
 
 /** @name What the commands do
- * Each returns the exit status, after printing what is wrong.
+ * Each prints what is wrong and returns the exit status.
  * @{ */
 ExitStatus getValues(const Arguments& arguments);
 ExitStatus dump(const Arguments& arguments);

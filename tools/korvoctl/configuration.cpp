@@ -15,10 +15,10 @@ namespace {
 using korvo::variant::Variant;
 using korvo::variant::VariantType;
 
-/** Sorts behind the keys of a group, which go on with a dot. */
+/** Sorts right after the keys of a group, which continue with a dot. */
 constexpr char afterDot = '.' + 1;
 
-/** Nests no deeper than key=value text may, of which all trees are made: none has indices. */
+/** All trees are made of key=value text: they have no indices and at most 64 levels. */
 void collect(const Variant& tree, const std::string& prefix, Values& values) {
     for (const auto& member : tree) {
         const std::string key = prefix + std::string(member.first);
@@ -31,7 +31,7 @@ void collect(const Variant& tree, const std::string& prefix, Values& values) {
     }
 }
 
-/** The name of a file as messages have it. */
+/** The name of a file in messages. */
 std::string shownName(const std::string& name) { return name == "-" ? "standard input" : name; }
 
 }  // namespace
@@ -65,7 +65,7 @@ std::string describe(const std::string& name, const SystemCfgManager::Fault& fau
 }
 
 std::string keyRefusal(const std::string& key) {
-    SystemCfgManager store;  // takes some keys that keyFault() does not
+    SystemCfgManager store;  // get takes some keys that keyFault() refuses
     return store.getSystemCfgValue(key, korvo::variant::TypeAny, nullptr) ? "" : describe(store.failure());
 }
 
@@ -75,7 +75,7 @@ bool loadFile(const std::string& path, Values& values) {
     std::vector<SystemCfgManager::Fault> faults;
     const bool isCopy = path == workingCopyPath() || path == flashCopyPath();
     bool read = isCopy && readCopy(path, text);
-    // A copy that came by a hard link keeps its other name for a moment, which harms nobody who only looks.
+    // Whoever replaces a copy by a hard link removes the other name a moment later; reading it is harmless.
     if (!isCopy || (!read && errno == EMLINK)) read = korvo::utils::File::ReadStringAll(path, text);
     if (!read || !SystemCfgManager::load(text, tree, &faults)) {
         tell(read ? describe(path, faults.front()) : describeRead(path));

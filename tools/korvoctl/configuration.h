@@ -1,4 +1,4 @@
-/** @file Configurations as korvoctl looks at them: without the lock, and compared with one another. */
+/** @file Reads and compares configurations, without the lock. */
 #pragma once
 
 #include <map>
@@ -18,7 +18,7 @@ std::string workingCopyPath();
 using korvo::utils::flashCopyPath;
 
 /**
- * Reads the working copy or the flash copy as the store does, through no link and by one name only.
+ * Reads the working copy or the flash copy as the store does: a regular file with one name, through no link.
  * @return false, with errno set, when it cannot be read
  */
 [[nodiscard]] bool readCopy(const std::string& path, std::string& text);
@@ -35,10 +35,10 @@ std::string describeRead(const std::string& name);
 /** A fault as compilers print it: `FILE:LINE: REASON`. */
 std::string describe(const std::string& name, const SystemCfgManager::Fault& fault);
 
-/** Why a key names no value that can be got; empty when it may. */
+/** Why get refuses a key; empty when it does not. */
 std::string keyRefusal(const std::string& key);
 
-/** Loads the configuration in a file as the store does. False, with the reason printed, when it does not load. */
+/** Loads a file as the store does. False, with the reason printed, when it does not load. */
 [[nodiscard]] bool loadFile(const std::string& path, Values& values);
 
 /** A text, a number or a boolean as key=value text has it; for finite numbers, JSON has the same. */
@@ -59,15 +59,14 @@ bool isGroup(const Values& values, const std::string& key);
 /** Removes what is under a key and below it. */
 void remove(Values& values, const std::string& key);
 
-/** The part of the values that has this key or is below it; all for the empty key. */
+/** The values under a key and below it; all for the empty key. */
 Values part(const Values& values, const std::string& key);
 
-/** Removes from two configurations what both have, under the same key with the same value. */
+/** Removes from two configurations the values that are the same in both. */
 void subtractCommon(Values& before, Values& after);
 
 /**
- * What subtractCommon() left as lines in the order of the keys: `-KEY=VALUE` for before, `+KEY=VALUE` for
- * after.
+ * The lines, in key order, for what subtractCommon() left: `-KEY=VALUE` for before, `+KEY=VALUE` for after.
  */
 std::string differenceLines(const Values& before, const Values& after);
 

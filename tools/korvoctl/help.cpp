@@ -34,7 +34,7 @@ ExitStatus help(const Arguments& arguments) {
         std::printf("  %-21s %s\n", synopsis.c_str(), command.summary);
     }
     std::printf(
-        "\nEvery command accepts --root=DIR, to use the device tree in that directory.\n"
+        "\nEvery command accepts --root=DIR to use the device tree in that directory.\n"
         "'korvoctl help COMMAND' explains a command and its options. -- ends the options.\n"
         "Exit status: 0 done; 1 the answer is no; 2 wrong usage; 3 failed.\n");
     return Done;

@@ -14,7 +14,7 @@ using korvo::variant::CameraInfo;
 using korvo::variant::Variant;
 using korvo::variant::VariantType;
 
-/** Prints one fact alone, which a board file may have nested; false when there is none of that name. */
+/** Prints one fact, which a board file may have nested; false when there is no such fact. */
 [[nodiscard]] bool printFact(CameraInfo& info, const std::string& name, bool asJson) {
     const Variant& fact = at(info, name);
     const VariantType type = fact;
@@ -29,9 +29,9 @@ using korvo::variant::VariantType;
     return true;
 }
 
-/** Tells why a fact is missing. */
+/** Prints why a fact is missing. */
 [[nodiscard]] ExitStatus failedToRead(const korvo::Failure& failure) {
-    // For a damaged board file the library names no line; loadFile() does.
+    // The library names no line of a damaged board file; loadFile() does.
     Values unused;
     const bool damagedBoard = failure.step == korvo::Step::Load &&
                               failure.subject == korvo::utils::devicePath(korvo::variant::boardFile);

@@ -48,7 +48,7 @@ std::string object(const Variant& map, const std::string& indent) {
     return out.empty() ? "{}" : out + '\n' + indent + '}';
 }
 
-/** Nests no deeper than key=value text may, of which all maps are made: none has indices. */
+/** All maps are made of key=value text: they have no indices and at most 64 levels. */
 std::string json(const Variant& value, const std::string& indent) {
     const VariantType type = value;
     if (type == korvo::variant::TypeMap) return object(value, indent);

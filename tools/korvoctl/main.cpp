@@ -1,4 +1,4 @@
-// korvoctl, the operator's tool: uses the library's facilities from the command line.
+// korvoctl, the operator's tool: the library's facilities on the command line.
 
 #include <sys/stat.h>
 
@@ -41,11 +41,11 @@ int main(int argc, char** argv) {
     try {
         status = korvoctl::run(argc, argv);
     } catch (const std::bad_alloc&) {
-        std::fputs("korvoctl: not enough memory\n", stderr);  // which tell() would need too
+        std::fputs("korvoctl: not enough memory\n", stderr);  // tell() would allocate
     } catch (const std::exception& error) {
         (void)korvoctl::failed(error.what());
     }
-    // Without this, results lost on a full disk or a closed stream would count as done.
+    // Otherwise results lost on a full disk or a closed stream would count as done.
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         korvoctl::tell("cannot write to standard output: " + korvoctl::systemError(errno));
         status = korvoctl::Failed;

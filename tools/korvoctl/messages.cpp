@@ -45,7 +45,7 @@ ExitStatus wrongUsage(const std::string& message, const std::string& command) {
 }
 
 std::string systemError(int number) {
-    // These four have a meaning of their own in the libraries.
+    // The libraries give these four a meaning of their own.
     if (number == ENOTSUP) return "Not a regular file";
     if (number == ELOOP) return "Is a symbolic link";
     if (number == EMLINK) return "Has a second name";

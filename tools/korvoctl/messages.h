@@ -1,4 +1,4 @@
-/** @file Messages of korvoctl: what is wrong, in the operator's words. */
+/** @file korvoctl's messages: what is wrong, in the operator's words. */
 #pragma once
 
 #include <string>
@@ -18,13 +18,13 @@ enum ExitStatus {
 /** Prints one line to standard error, escaped. */
 void tell(const std::string& message);
 
-/** Tells a message; returns Failed. */
+/** Prints a message; returns Failed. */
 [[nodiscard]] ExitStatus failed(const std::string& message);
 
-/** Tells a message; returns No. */
+/** Prints a message; returns No. */
 [[nodiscard]] ExitStatus answerNo(const std::string& message);
 
-/** Tells a message and which help to read; returns WrongUsage. @p command may be empty. */
+/** Prints a message and which help to read; returns WrongUsage. @p command may be empty. */
 [[nodiscard]] ExitStatus wrongUsage(const std::string& message, const std::string& command);
 
 /** What an errno value means. */

@@ -1,5 +1,5 @@
-// These commands take no lock and write nothing, so that they work for other users, on a read-only image,
-// beside a writer and into a pipe that nobody reads for a while.
+// These commands take no lock and write nothing: they work for other users, on a read-only image, beside a
+// writer, and into a pipe that nobody reads for a while.
 
 #include <string>
 #include <vector>
@@ -85,7 +85,7 @@ ExitStatus check(const Arguments& arguments) {
     std::string text;
     std::vector<SystemCfgManager::Change> unused;
     std::vector<SystemCfgManager::Fault> faults;
-    // A pipe may be given by name; in the working copy's place, one would block forever.
+    // FILE may be a pipe; a pipe in the working copy's place would block forever.
     const bool read = named ? readWhole(name, text) : readCopy(name, text);
     if (!read) return failed(describeRead(name));
     if (SystemCfgManager::parse(text, unused, &faults)) return Done;

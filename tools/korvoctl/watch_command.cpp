@@ -13,13 +13,13 @@
 namespace korvoctl {
 namespace {
 
-/** Waits for the next change. False, with errno set, when nothing more can be seen. */
+/** Waits for the next change. False, with errno set, when watching has ended. */
 [[nodiscard]] bool wait(SystemCfgWatch& changes) {
     do {
         pollfd events{changes.descriptor(), POLLIN, 0};
         if (::poll(&events, 1, -1) < 0 && errno != EINTR) return false;
     } while (!changes.takeChange());
-    return changes.start();  // does nothing unless the directory went
+    return changes.start();  // does nothing unless the directory is gone
 }
 
 }  // namespace
@@ -36,7 +36,7 @@ ExitStatus watch(const Arguments& arguments) {
     known = part(known, key);
     while (wait(changes)) {
         Values now;
-        // loadFile() has printed why; the next write may fix it.
+        // loadFile() has printed why; the next change may fix it.
         if (!loadFile(path, now)) continue;
         now = part(now, key);
         Values before = std::move(known);
