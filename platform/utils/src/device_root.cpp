@@ -11,7 +11,7 @@ const std::string* deviceRoot = nullptr;
 }  // namespace
 
 void setDeviceRoot(const std::string& directory) {
-    const std::string root = directory.substr(0, directory.find_last_not_of("/") + 1);
+    const std::string root = directory.substr(0, directory.find_last_not_of('/') + 1);
     delete std::exchange(deviceRoot, root.empty() ? nullptr : new std::string(root));
 }
 
