@@ -72,6 +72,7 @@ inline std::string onDevice(int file, const char* below) {
 using Parameters = std::array<long, 4>;
 using Function = long (*)(long, long, long, long);
 
+// NOLINTNEXTLINE(performance-no-int-to-ptr): what a register holds
 inline const char* textAt(long parameter) { return reinterpret_cast<const char*>(parameter); }
 
 /** Makes a call. A watched process records it, and breaks it when its turn has come. */
