@@ -19,7 +19,7 @@ namespace korvo::utils {
 KORVO_UTILS_EXPORT void split(const std::string& text, const std::string& separator,
                               std::vector<std::string>& pieces);
 
-/** Removes ASCII white space (blank, tab, line feed, vertical tab, form feed, carriage return) at both ends. */
+/** Removes ASCII white space at both ends: blank, tab, line and form feed, vertical tab, carriage return. */
 KORVO_UTILS_EXPORT void trim(std::string& text);
 
 /**
@@ -36,9 +36,8 @@ KORVO_UTILS_EXPORT std::string lowerCase(const std::string& text);
 KORVO_UTILS_EXPORT std::string format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /**
- * strtod() as in the "C" locale, whatever locale the host has set.
- * @param end  if not null, receives the first character that is not part of the number, or @p text if there
- *             is no number
+ * strtod() as in the "C" locale, whatever locale the host has set. If @p end is not null, it receives the
+ * first character that is not part of the number, or @p text if there is no number.
  * @return the number; 0 if there is none, or if it is too small, which with the standard library of GCC 11
  *         begins at the subnormal numbers; plus or minus infinity if it is too large
  */
