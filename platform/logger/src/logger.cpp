@@ -51,11 +51,9 @@ void standardErrorSink(const Record& record) {
     char line[16], error[32] = "";
     (void)std::snprintf(line, sizeof line, ":%d ", record.line);
     if (record.errorCode != 0) (void)std::snprintf(error, sizeof error, " (error %d)", record.errorCode);
-    const char* const parts[] = {
-        levelName(record.level), " ",   record.module, " ", record.sourceFile, line, record.function, ": ",
-        record.message,          error, "\n"};
-    std::string text;
-    for (const char* part : parts) text += part;
+    std::string text = levelName(record.level);
+    text.append(" ").append(record.module).append(" ").append(record.sourceFile).append(line);
+    text.append(record.function).append(": ").append(record.message).append(error).append("\n");
     // One write, not a stream, so lines of several threads and processes do not mix.
     (void)!::write(STDERR_FILENO, text.data(), text.size());
 }
