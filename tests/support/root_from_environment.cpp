@@ -1,5 +1,4 @@
-// Linked into programs that are to run below another root than the machine's own, though they say nothing of
-// roots.
+// Linked into programs of the documents, so that they run below the root DEVICE_ROOT.
 
 #include <cstdlib>
 

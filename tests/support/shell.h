@@ -22,7 +22,7 @@ class ShellDevice : public Device {
     }
 
     /**
-     * Runs a command for the files "output" and "errors", with the flash area at $flash.
+     * Runs a command, with its output in the files "output" and "errors", and the flash directory in $flash.
      * @return its exit status, or -1 when a signal ended it
      */
     int run(const std::string& command) const {
@@ -33,7 +33,7 @@ class ShellDevice : public Device {
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    /** Runs a command that a table expects to give `exit status|standard output`; what it gives. */
+    /** What a command gives, as tables write it: `exit status|standard output`. */
     std::string outcome(const std::string& command) const {
         const int status = run(command);
         return std::to_string(status) + '|' + read("output");

@@ -1,4 +1,4 @@
-/** @file A fresh folder that is gone, with all that is in it, when the object is. */
+/** @file A fresh directory, removed with its content when the object is destroyed. */
 #pragma once
 
 #include <cstdlib>
@@ -23,7 +23,7 @@ class TemporaryFolder {
 
     const std::filesystem::path& path() const { return folder; }
 
-    /** Writes a file below the folder, with the folders on the way to it. */
+    /** Writes a file below the directory, creating the directories above it. */
     std::filesystem::path write(const std::string& name, const std::string& content) const {
         std::filesystem::path file = folder / name;
         std::filesystem::create_directories(file.parent_path());
