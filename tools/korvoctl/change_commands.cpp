@@ -109,8 +109,9 @@ Outcome tryOut(const Values& before, const Request& request) {
     Values values = before;
     for (const auto& [key, value] : request.changes) {
         if (isGroup(values, key) && !request.force) {
-            const std::string act = value ? "replace" : "remove";
-            return refused(request, key, key + " is a group of keys; use --force to " + act + " it");
+            const char* const reason = value ? " is a group of keys; use --force to replace it"
+                                             : " is a group of keys; use --force to remove it";
+            return refused(request, key, key + reason);
         }
         // A key that was removed with its group counts as found.
         if (!value && before.count(key) == 0 && !isGroup(before, key))

@@ -31,7 +31,7 @@ void printLine(const std::string& text) {
 void printRecord(korvo::variant::Variant record, bool asJson) {
     record.IsArray(false);
     if (asJson) return printJson(record);
-    for (const auto& [key, value] : valuesOf(record)) printLine(key + '=' + value);
+    for (const auto& [key, value] : valuesOf(record)) printLine(std::string(key).append("=").append(value));
 }
 
 }  // namespace korvoctl
