@@ -126,7 +126,8 @@ KORVO_VARIANT_UTILS_EXPORT std::string percentDecode(const std::string& text);
  * For schemas that begin with "rtmp", the document begins after the last "/" before the path's first ":" and
  * may itself contain "/". Bracketed IPv6 addresses are not supported.
  *
- * @param uri  loses what it held; receives all members but "ip", or nothing
+ * @param text  the URI
+ * @param uri   loses what it held; receives all members but "ip", or nothing
  * @return false, with one error logged, when the text is no URI; @p uri is then null
  */
 [[nodiscard]] KORVO_VARIANT_UTILS_EXPORT bool parseURI(std::string text, korvo::variant::URI& uri);
