@@ -361,9 +361,9 @@ class KORVO_VARIANT_EXPORT Variant {
      * blank and has no "=", a key with both a value and keys below it, a key of more than maxKeyComponents
      * components, a value that ends with a carriage return.
      *
-     * @param valuesAsStrings  true holds every value as a string. False holds it as a number when it is
-     *                         exactly the text that ToKVP() writes for that number (7, -3, 2.5; not 007, 1.50
-     *                         or 1e3): the first of int, long long, unsigned long long and double that fits
+     * With @p valuesAsStrings every value is held as a string; otherwise as a number when it is exactly the
+     * text that ToKVP() writes for that number (7, -3, 2.5; not 007, 1.50 or 1e3): the first of int, long
+     * long, unsigned long long and double that fits.
      */
     [[nodiscard]] bool FromKVP(const std::string& text, bool reserved, bool valuesAsStrings, bool reserved2);
 
