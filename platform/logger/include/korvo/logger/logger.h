@@ -66,8 +66,9 @@ KORVO_LOGGER_EXPORT void syslogSink(const Record& record);
 KORVO_LOGGER_EXPORT std::string escaped(std::string_view text);
 
 /**
- * Decodes the UTF-8 character at the beginning of @p text, which is not empty. @p code receives its code
- * point, and is undefined if there is no such character.
+ * Decodes the UTF-8 character at the beginning of a text.
+ * @param text  not empty
+ * @param code  receives the code point; undefined if there is no such character
  * @return the length of the character in bytes; 0 if there is none
  */
 KORVO_LOGGER_EXPORT std::size_t utf8Character(std::string_view text, char32_t& code);

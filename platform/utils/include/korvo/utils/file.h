@@ -67,8 +67,11 @@ class KORVO_UTILS_EXPORT File {
     [[nodiscard]] bool ReadStringAll(std::string& text);
 
     /**
-     * Reads the whole file at @p path into @p text. @p openMode is one of the two for reading. If @p access
-     * is not null, it receives the access of the very file that was read. A failure changes neither.
+     * Reads a whole file.
+     * @param path      its path
+     * @param text      receives the content; unchanged on failure
+     * @param openMode  one of the two for reading
+     * @param access    if not null, receives the access of the very file that was read; unchanged on failure
      */
     [[nodiscard]] static bool ReadStringAll(const std::string& path, std::string& text,
                                             FILE_OPEN_MODE openMode = FILE_OPEN_MODE_READ,

@@ -36,8 +36,10 @@ KORVO_UTILS_EXPORT std::string lowerCase(const std::string& text);
 KORVO_UTILS_EXPORT std::string format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /**
- * strtod() as in the "C" locale, whatever locale the host has set. If @p end is not null, it receives the
- * first character that is not part of the number, or @p text if there is no number.
+ * strtod() as in the "C" locale, whatever locale the host has set.
+ * @param text  a zero-terminated text
+ * @param end  if not null, receives the first character that is not part of the number, or @p text if there
+ *             is no number
  * @return the number; 0 if there is none, or if it is too small, which with the standard library of GCC 11
  *         begins at the subnormal numbers; plus or minus infinity if it is too large
  */
