@@ -203,7 +203,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
 
     /**
      * Finds the map for the last component of a key, which @p lastKey receives, and makes it and its parents
-     * where they are missing. Of a key that set() refuses it makes nothing: null and the empty text.
+     * where they are missing. For a key that set() refuses it makes nothing: null and the empty text.
      */
     void getLastNode(const std::string& key, korvo::variant::Variant*& node, std::string& lastKey);
 
@@ -215,8 +215,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
                                          korvo::variant::Variant** value);
 
     /** @name The life of a configuration
-     * Before there is a configuration to open, and after. Both wait for the lock, and fail where this thread
-     * has the store open. A failure is logged and leaves the file as it was.
+     * Power-up and factory settings. Both wait for the lock, and fail where this thread has the store open. A
+     * failure is logged and leaves the file as it was.
      * @{ */
 
     /**
@@ -241,16 +241,16 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      *
      * Taking @p defaults logs a warning if there is a flash copy or a damaged one.
      *
-     * Access: text from the flash copy comes with that file's owner, group and permission bits; if root owns
-     * it, with its directory's owner. Text from @p defaults keeps the access of a working copy of root's or
-     * of that owner; otherwise it gets owner and group of the directory, and the bits of the file @p defaults
+     * Access: text from the flash copy gets that file's owner, group and permission bits, but the directory's
+     * owner if root owns the file. Text from @p defaults keeps the access of a working copy that root or that
+     * owner owns; otherwise it gets owner and group of the directory, and the bits of the file @p defaults
      * without those for others. Each as far as the process may, see File::SetAccess().
      *
      * @param defaults  path of the factory settings, not below the device root; may be empty
-     * @param replace   replaces whatever is in the place of the working copy, but a directory
+     * @param replace   replaces the working copy, whatever that is, except a directory
      * @return whether a configuration that loads is in place, an untouched working copy included; false when
-     *         that does not load, cannot be read, is a link or has a second name, or when nothing can be put
-     *         in its place
+     *         the working copy does not load, cannot be read, is a link or has a second name, or when nothing
+     *         can be put in its place
      */
     [[nodiscard]] static bool restore(const std::string& defaults, bool replace);
 
@@ -269,8 +269,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
                                       korvo::Failure* flashCopy, korvo::Failure* failure);
 
     /**
-     * Factory settings: puts the file @p defaults in the place of "/tmp/system.cfg", whatever that is but a
-     * directory. Keeps only the count of flash writes and the access, as restore() does. The flash copy stays
+     * Factory settings: puts the file @p defaults in the place of "/tmp/system.cfg", whatever that is, except
+     * a directory. Keeps only the count of flash writes and the access, as restore() does. The flash copy stays
      * as it is until the configuration is saved.
      */
     [[nodiscard]] static bool reset(const std::string& defaults);
@@ -335,8 +335,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
  *
  * The configuration may have changed when its file is replaced, removed, or written in place, once the writer
  * closes it. Started before the first read, a watch misses no change; it reports several changes between two
- * calls of takeChange() as one. It may report a file that is made in place, where there was none, before its
- * writer closes it as well; so rename whole files.
+ * calls of takeChange() as one. It may report a file that is created in place twice: before its writer
+ * closes it, and then. So rename whole files.
  *
  * Takes no lock; needs read access to "/tmp" only. If the directory itself is removed, moved or unmounted,
  * that is a change too: the watch moves on to the directory that has the name then, or ends where there is
@@ -345,7 +345,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
  * Processes: a child made by fork shares the queue of events, and would take changes from its parent. It may
  * destroy the object and start a watch of its own. Threads: one at a time may use an object. No operation is
  * a cancellation point. The host must not close the descriptor: a daemon that closes all of them does so
- * before start(). Nothing is thrown but std::bad_alloc, which takes no change away.
+ * before start(). Nothing is thrown but std::bad_alloc, which loses no change.
  */
 class KORVO_VARIANT_UTILS_EXPORT SystemCfgWatch {
   public:

@@ -103,7 +103,7 @@ class KORVO_VARIANT_UTILS_EXPORT URI : public Variant {
 
     /**
      * As above; @p failure, which may be null, receives the reason: Step::Uri as from parseURI(), or
-     * Step::Resolve with the host. The host includes everything after the first "@" of a password.
+     * Step::Resolve with the host. A password with an "@" leaves its rest in the host.
      */
     [[nodiscard]] static bool FromString(const std::string& text, bool resolveHost, URI& target,
                                          Failure* failure);

@@ -17,7 +17,7 @@ namespace korvo::utils {
  *
  * Waits for the name service, however long that takes; no cancellation point. Call it from any thread with 14
  * KB of stack to spare for the C library's resolver. The resolver's sockets are its own: in a host that has
- * closed its standard streams, one may have such a number while it is open.
+ * closed its standard streams, one may have the number of such a stream.
  */
 [[nodiscard]] KORVO_UTILS_EXPORT std::string getHostByName(const std::string& name);
 

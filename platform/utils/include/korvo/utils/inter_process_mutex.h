@@ -23,14 +23,14 @@ struct NamedLock;
  * users of one lock must run as one user. A lock file is a regular file with one name, without access for
  * group and others, and owned by root, by the caller or, for root, by the store's owner, so nobody else can
  * hold it. Root gives its own empty lock file to the store's owner. An owner who comes before that retries
- * for a second; where root cannot give it, or was killed just then, it fails until root's next use. Root
+ * for a second; if root cannot give it, or was killed just then, the owner fails until root's next use. Root
  * replaces any other file, its own with content, and an empty directory; for everyone else acquire() fails.
  *
  * The lock is lost when somebody removes, moves or replaces the lock file, or when the host closes the
  * library's descriptor of it, as daemons do. held() reports this; a waiter or the next acquire() opens the
  * file anew, and the number of the closed descriptor is left alone.
  *
- * Two things go beyond it. A host that opens and closes the lock file itself releases the lock, unnoticed:
+ * Two things escape it. A host that opens and closes the lock file itself releases the lock, unnoticed:
  * such are the rules of record locks. And where fs.protected_hardlinks is 0, whoever may write to "/tmp" can
  * give the lock file a second name, and have root replace it.
  *
