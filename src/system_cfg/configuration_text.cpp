@@ -172,9 +172,9 @@ std::string addChange(const Lines& lines, Variant& place, std::vector<SystemCfgM
     auto& [key, value] = changes[static_cast<std::size_t>(static_cast<long long>(place))];
     value = std::string(lines.value);
     if (const char* const fault = SystemCfgManager::keyFault(key))
-        return std::string("the key is refused: ") + fault;
+        return utils::format("the key is refused: %s", fault);
     if (const char* const fault = SystemCfgManager::valueFault(*value))
-        return std::string("the value is refused: ") + fault;
+        return utils::format("the value is refused: %s", fault);
     return "";
 }
 

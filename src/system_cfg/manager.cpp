@@ -98,8 +98,9 @@ Variant* makeParent(Variant& root, bool escapeIndexKeys, const std::string& key,
     for (Components at{key}; at.next(); node = &(*node)[at.name]) {
         // Missing nodes have no obstacle, so nothing has been made before one.
         if (const char* const reason = obstacle(*node, at.name)) {
-            const std::string path = at.begin == 0 ? "the tree" : '"' + key.substr(0, at.begin - 1) + '"';
-            (void)fail(&failure, {Step::Key, 0, key, 0, utils::format("%s%s", path.c_str(), reason)});
+            const std::string path = key.substr(0, at.begin == 0 ? 0 : at.begin - 1);
+            const char* const format = path.empty() ? "the tree%s%s" : "\"%s\"%s";
+            (void)fail(&failure, {Step::Key, 0, key, 0, utils::format(format, path.c_str(), reason)});
             return nullptr;
         }
         if (!isContainer(*node)) node->IsArray(false);
@@ -294,10 +295,8 @@ void SystemCfgManager::markChanged() {
 
 void SystemCfgManager::getLastNode(const std::string& key, Variant*& node, std::string& lastKey) {
     node = makeParent(*variant, escapeIndexKeys, key, lastKey, lastFailure);
-    if (node == nullptr)
-        lastKey.clear();
-    else
-        (void)succeed();
+    if (node == nullptr) lastKey.clear();
+    if (node != nullptr) (void)succeed();
 }
 
 bool SystemCfgManager::getSystemCfgValue(const std::string& key, VariantType type, Variant** value) {

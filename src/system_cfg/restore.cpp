@@ -177,8 +177,8 @@ class Recovery {
             return call.fail({Step::Write, error, kept},
                              "Failed to set the damaged flash copy of system.cfg aside");
         if (!noFlash.reason.empty()) noFlash.reason += "; ";
-        noFlash.reason +=
-            error == 0 ? "it is kept as " + kept : "it stays in place, on a read-only file system";
+        noFlash.reason += error == 0 ? "it is kept as " : "it stays in place, on a read-only file system";
+        if (error == 0) noFlash.reason += kept;
         return true;
     }
 
@@ -222,7 +222,8 @@ class Recovery {
         if (copy == FlashCopy::Unreadable || !hasDefaults)
             return call.logFailure("Failed to restore system.cfg from flash or from %s", path.c_str());
         if (copy == FlashCopy::Missing && wasDamaged)
-            noFlash.reason = "an earlier one, damaged, is kept as " + damagedCopyPath();
+            noFlash.reason =
+                utils::format("an earlier one, damaged, is kept as %s", damagedCopyPath().c_str());
         if (!installDefaults(copy == FlashCopy::Damaged)) return false;
         restored = SystemCfgManager::Restored::Defaults;
         warnOfDefaults();
