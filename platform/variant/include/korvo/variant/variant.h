@@ -77,9 +77,9 @@ enum VariantType : std::uint16_t {
 };
 
 /**
- * How a value of the C++ type @p T is held: a tag for every arithmetic type and, as its underlying type, for
- * every enumeration. An integer gets the tag of its width or the next wider one, so that it keeps its value;
- * all floating types are held as double. For other types, pointers above all, it is TypeNull.
+ * The tag under which a C++ type @p T is held: an integer's own width or the next wider one, so that it
+ * keeps its value; double for every floating type; for an enumeration that of its underlying type; TypeNull
+ * for other types, pointers above all.
  */
 template <class T>
 constexpr VariantType numberTag() {
@@ -90,7 +90,7 @@ constexpr VariantType numberTag() {
         return TypeDouble;
     else if constexpr (std::is_enum<T>::value)
         return numberTag<std::underlying_type_t<T>>();
-    else if constexpr (!std::is_integral<T>::value || sizeof(T) > 8)
+    else if constexpr (!std::is_integral<T>::value || std::numeric_limits<T>::digits > 64)
         return TypeNull;
     else if constexpr (sizeof(T) > 4)
         return isSigned ? TypeInt64 : TypeUInt64;
