@@ -40,20 +40,18 @@ void trim(std::string& text) {
     text.erase(text.find_last_not_of(" \t\r\n") + 1);
     text.erase(0, text.find_first_not_of(" \t\r\n"));
 }
-void replaceAll(std::string& text, const std::string& search, const std::string& replacement) {
-    for (std::size_t at = 0; (at = text.find(search, at)) != std::string::npos; at += replacement.size())
-        text.replace(at, search.size(), replacement);
-}
 std::string lowerCase(const std::string& text) {
     std::string lower(text);
     for (char& c : lower) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
     return lower;
 }
 std::string format(const char* format, ...) {
-    char text[256];
-    std::va_list arguments;
+    std::va_list arguments, same;
     va_start(arguments, format);
-    (void)std::vsnprintf(text, sizeof text, format, arguments);
+    va_copy(same, arguments);
+    std::string text(static_cast<std::size_t>(std::vsnprintf(nullptr, 0, format, same)), '\0');
+    va_end(same);
+    (void)std::vsnprintf(text.data(), text.size() + 1, format, arguments);
     va_end(arguments);
     return text;
 }
