@@ -134,7 +134,16 @@ Variant& Variant::operator=(std::string_view value) {
     return *this;
 }
 
-Variant& Variant::operator=(std::string&& value) noexcept { return *this = Variant(std::move(value)); }
+Variant& Variant::operator=(std::string&& value) noexcept {
+    if (type == TypeString) {
+        payload.text = std::move(value);
+    } else {
+        Reset();
+        ::new (&payload.text) std::string(std::move(value));
+        type = TypeString;
+    }
+    return *this;
+}
 
 // Containers
 
