@@ -102,15 +102,16 @@ __attribute__((no_sanitize("float-divide-by-zero"))) double loadOf(double idleTi
     return true;
 }
 
-/** The form of a full firmware version; its first group is the protocol version. */
+/** The form of a full firmware version; its sixth group is the protocol version. */
 std::string versionPattern() {
-    // Written out, since in some locales a range such as a-z matches more than ASCII.
+    // Without the first group, regcomp() of glibc 2.36 frees twice when memory runs out. The sets are
+    // written out, since in some locales a range such as a-z matches more than ASCII.
     const char* const letter = "[abcdefghijklmnopqrstuvwxyz]";
     const char* const digit = "[0123456789]";
     const char* const either = "[ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789]";
     return utils::format(
-        "^%s+[.]%s+"  // model, second field
-        "[.]v%s+[.]%s+[.]%s+[.](%s+)"
+        "^(%s+)[.](%s+)"  // model, second field
+        "[.]v(%s+)[.](%s+)[.](%s+)[.](%s+)"
         "(-%s+[123456789]?)?"                            // suffix
         "[.](M_)?[abcdef0123456789]+[.]%s{6}[.]%s{4}$",  // build
         either, either, digit, digit, digit, digit, letter, digit, digit);
@@ -127,16 +128,16 @@ std::string versionPattern() {
     }
     const std::unique_ptr<regex_t, decltype(&::regfree)> compiled(&pattern, &::regfree);
     const std::string version = info.fullVersion();
-    regmatch_t groups[2];  // the match, the protocol version
+    regmatch_t groups[7];  // the match, and the groups up to the protocol version
     // regexec() stops at a zero byte, and would accept the text before it.
-    if (version.find('\0') != std::string::npos || ::regexec(&pattern, version.c_str(), 2, groups, 0) != 0) {
+    if (version.find('\0') != std::string::npos || ::regexec(&pattern, version.c_str(), 7, groups, 0) != 0) {
         KORVO_LOG("Init", logger::LevelError, errno, "Failed to match FW version regex, fw=%s",
                   version.c_str());
         return refuseFile(firmwareVersionFile, "it holds no firmware version, but '" + version + '\'',
                           failure);
     }
     constexpr unsigned long largest = std::numeric_limits<unsigned int>::max();
-    const unsigned long protocolVersion = std::strtoul(version.c_str() + groups[1].rm_so, nullptr, 10);
+    const unsigned long protocolVersion = std::strtoul(version.c_str() + groups[6].rm_so, nullptr, 10);
     info["protocolVer"] = static_cast<unsigned int>(std::min(protocolVersion, largest));
     return true;
 }
