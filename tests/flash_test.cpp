@@ -3,17 +3,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <thread>
 #include <tuple>
 
 #include "support/child_process.h"
-#include "support/descriptors.h"
 #include "support/device.h"
-
-static int syncs = 0;
-
-/** Stands in front of the C library's own. */
-extern "C" __attribute__((visibility("default"))) void sync() noexcept { ++syncs; }
 
 namespace {
 
@@ -37,36 +30,6 @@ class FlashTest : public testing::Test {
     const fs::path working = root.path() / "tmp/system.cfg", copy = root.path() / name;
     const fs::path directory = copy.parent_path();
 };
-
-TEST_F(FlashTest, SavesFollowOneAnotherAndReplaceTheCopy) {
-    const auto saveOften = [] {
-        for (int i = 0; i < 20; ++i) EXPECT_EQ(error(saveToFlashRaw(false)), 0);
-    };
-    const std::ptrdiff_t descriptors = test::openDescriptors();
-    for (const std::string& text : {std::string("a=1\n"), std::string(300000, 'x'), std::string()}) {
-        root.write("tmp/system.cfg", text);
-        std::thread other(saveOften);
-        saveOften();
-        other.join();
-        EXPECT_EQ(root.read(name), text);
-    }
-    EXPECT_EQ(test::openDescriptors(), descriptors);
-}
-
-TEST_F(FlashTest, SavesUnderAnyUmaskAndBelowADirectoryThatItMayNotOpen) {
-    root.write("tmp/system.cfg", "a=1\n");
-    test::ChildProcess process([this](const test::ChildProcess&) {
-        if (::geteuid() == 0) test::becomeOtherUser();
-        ::umask(0777);
-        if (!saveToFlashRaw(false)) return 99;  // which creates the directories
-        fs::permissions(directory.parent_path(), fs::perms(0311));
-        syncs = 0;
-        return saveToFlashRaw(false) ? syncs : 99;
-    });
-    EXPECT_EQ(process.exitStatus(), 1) << "it was to sync everything";
-    fs::permissions(directory.parent_path(), fs::perms(0755));
-    EXPECT_EQ(root.read(name), "a=1\n");
-}
 
 TEST_F(FlashTest, TheCopyHasTheAccessOfTheWorkingCopy) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can make files of other users";
