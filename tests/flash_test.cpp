@@ -62,6 +62,10 @@ TEST_F(FlashTest, TheCopyHasTheAccessOfTheWorkingCopy) {
 TEST_F(FlashTest, SetsTheCopyAsideWhateverItIsButFollowsNoLink) {
     std::string text = "kept";
     EXPECT_EQ(error(setFlashCopyAside()), ENOENT) << "no directory";
+    root.write("tmp/system.cfg", "a=1\n");
+    EXPECT_EQ(error(saveToFlashRaw(false)), 0) << "it creates the directories";
+    EXPECT_EQ(error(setFlashCopyAside()), 0);
+    fs::remove(working);
     for (const char* content : {"a=1", "b=2"}) {
         root.write(name, content);
         EXPECT_EQ(error(setFlashCopyAside()), 0);

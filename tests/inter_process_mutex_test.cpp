@@ -58,7 +58,6 @@ class InterProcessMutexTest : public testing::Test {
     }
 
     void makeTheStoreTheOtherUsers() const {
-        const fs::path flash = root.path() / fs::path(KORVO_FLASH_DIR).relative_path();
         fs::create_directories(flash);
         ASSERT_EQ(::chown(flash.c_str(), user, user), 0);
     }
@@ -71,6 +70,7 @@ class InterProcessMutexTest : public testing::Test {
 
     test::Device root;
     const fs::path lockFile = root.path() / "tmp/name.lock", elsewhere = root.path() / "elsewhere";
+    const fs::path flash = root.path() / fs::path(KORVO_FLASH_DIR).relative_path();
     InterProcessMutex mutex{"name", true};
 };
 
@@ -141,6 +141,9 @@ TEST_F(InterProcessMutexTest, RootGivesTheLockFileToTheStoresOwnerWhoWaitsASecon
         EXPECT_TRUE(expected != 0 || acquireAs(true) == 0);
         EXPECT_EQ(waiting.hear(), expected);
     }
+    fs::remove(flash);
+    fs::create_symlink(flash, flash);
+    EXPECT_EQ(mutex.acquire(), ELOOP) << "nobody knows whose the store is";
 }
 
 TEST_F(InterProcessMutexTest, NoticesALockFileThatWasReplacedOrRemovedWhileHeldOrWaitedFor) {

@@ -39,8 +39,8 @@ class Cases : public std::vector<std::pair<std::string, std::string>> {
         bool operator!=(const Iterator& end) const { return index != end.index; }
         void operator++() { ++index; }
         const auto& operator*() {
-            const bool isAdded = index >= cases.lines.size();
-            trace.emplace(cases.file.c_str(), isAdded ? 0 : cases.lines[index], cases[index].first);
+            const int line = index < cases.lines.size() ? cases.lines[index] : 0;  // 0: the test added it
+            trace.emplace(cases.file.c_str(), line, cases[index].first);
             return cases[index];
         }
     };
@@ -56,8 +56,7 @@ class Cases : public std::vector<std::pair<std::string, std::string>> {
                 lines.push_back(number);
             } else {
                 std::string& row = rows.at(rows.size() - 1);
-                const bool endsWithArrow = row.size() > 3 && row.compare(row.size() - 3, 3, " =>") == 0;
-                row += (endsWithArrow ? ' ' : '\n') + line.substr(4);
+                row += (row.rfind(" =>") + 3 == row.size() ? ' ' : '\n') + line.substr(4);
             }
         }
         for (const std::string& row : rows) {

@@ -14,9 +14,9 @@ namespace test {
 /** A user and a group that own nothing on the machine. */
 constexpr uid_t otherUser = 54321;
 
-/** Makes this process one of the other user, in the group @p more too; only root can. */
-inline void becomeOtherUser(gid_t more = otherUser) {
-    if (::setgroups(1, &more) != 0 || ::setgid(otherUser) != 0 || ::setuid(otherUser) != 0)
+/** Makes this process one of the other user; only root can. */
+inline void becomeOtherUser() {
+    if (::setgroups(0, nullptr) != 0 || ::setgid(otherUser) != 0 || ::setuid(otherUser) != 0)
         throw std::runtime_error("only root can become another user");
 }
 
