@@ -65,7 +65,9 @@ TEST_F(FlashTest, SetsTheCopyAsideWhateverItIsButFollowsNoLink) {
     root.write("tmp/system.cfg", "a=1\n");
     EXPECT_EQ(error(saveToFlashRaw(false)), 0) << "it creates the directories";
     EXPECT_EQ(error(setFlashCopyAside()), 0);
-    fs::remove(working);
+    fs::create_directory(copy);
+    EXPECT_EQ(error(saveToFlashRaw(false)), EISDIR);
+    fs::remove(copy), fs::remove(working);
     for (const char* content : {"a=1", "b=2"}) {
         root.write(name, content);
         EXPECT_EQ(error(setFlashCopyAside()), 0);
