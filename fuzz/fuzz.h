@@ -1,4 +1,4 @@
-/** @file What the fuzz targets share. */
+/** @file What the fuzz targets share: each defines check() for any input. */
 #pragma once
 
 #include <cstdint>
@@ -17,14 +17,11 @@
         }                                                                        \
     } while (false)
 
-namespace fuzz {
+void check(const std::string& input);
 
-/** Formats messages as always, and drops them. */
-inline void beSilent() {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    // Messages are formatted as always, and dropped.
     korvo::logger::setSink([](const korvo::logger::Record&) {});
+    check(std::string(reinterpret_cast<const char*>(data), size));
+    return 0;
 }
-
-/** A device tree of this process's own; scripts/fuzz has it made in memory. */
-using DeviceTree = test::Device;
-
-}  // namespace fuzz

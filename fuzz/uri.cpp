@@ -6,18 +6,17 @@
 
 using namespace korvo::variant;
 
-namespace {
-
-std::string member(URI& uri, const char* key) {
-    FUZZ_CHECK(VariantType(uri[key]) == TypeString);
-    return uri[key];
-}
-
-void checkRecord(URI& uri, const std::string& text) {
-    const std::string path = member(uri, "fullDocumentPath");
-    FUZZ_CHECK(member(uri, "fullUriWithAuth") == text);
-    FUZZ_CHECK(member(uri, "documentPath") + member(uri, "document") == path);
-    FUZZ_CHECK(member(uri, "fullDocumentPathWithParameters").compare(0, path.size(), path) == 0);
+void check(const std::string& input) {
+    URI uri;
+    uri["stale"] = 1;
+    if (!parseURI(input, uri)) {
+        FUZZ_CHECK(VariantType(uri) == TypeNull);
+        return;
+    }
+    const std::string path = uri["fullDocumentPath"], whole = uri["fullDocumentPathWithParameters"];
+    FUZZ_CHECK(uri["fullUriWithAuth"] == input);
+    FUZZ_CHECK(uri.documentPath() + uri["document"].As<std::string>() == path);
+    FUZZ_CHECK(whole.compare(0, path.size(), path) == 0);
     FUZZ_CHECK((uri.port() == 0) == (uri.schema() == "file"));
     FUZZ_CHECK(VariantType(uri["parameters"]) == TypeMap);
     for (const auto& [name, value] : uri["parameters"])
@@ -26,18 +25,4 @@ void checkRecord(URI& uri, const std::string& text) {
     FUZZ_CHECK(base.empty() == (uri.schema().empty() || uri.host().empty() || uri.documentPath().empty()));
     FUZZ_CHECK(uri.derivedURI("x", false) == base + "x");
     FUZZ_CHECK(uri.Size() == 16);
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    fuzz::beSilent();
-    const std::string text(reinterpret_cast<const char*>(data), size);
-    URI uri;
-    uri["stale"] = 1;
-    if (parseURI(text, uri))
-        checkRecord(uri, text);
-    else
-        FUZZ_CHECK(VariantType(uri) == TypeNull);
-    return 0;
 }

@@ -70,7 +70,7 @@ shutil.copytree(SOURCE / "examples/device", SCRATCH / "device")
 for name in ("var/lib/korvo/flash/system.cfg", "tmp/defaults.cfg"):  # what a device in use has
     (SCRATCH / "device" / name).parent.mkdir(parents=True, exist_ok=True)
     shutil.copy(SCRATCH / "device/tmp/system.cfg", SCRATCH / "device" / name)
-subprocess.run([SOURCE / "tests/program-in", COPY / "README.md", "1", COPY / "first.cpp"], check=True)
+(COPY / "first.cpp").write_bytes(subprocess.check_output([SOURCE / "tests/program-in", "first", COPY / "README.md"]))
 
 check_options((SOURCE / "README.md").read_text())
 for document in [SOURCE / "README.md", *sorted(SOURCE.glob("docs/*.md"))]:
