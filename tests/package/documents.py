@@ -1,9 +1,8 @@
 #!/usr/bin/env python3
 """documents.py SOURCE SCRATCH: does what README.md and docs/*.md tell the reader to type, and looks up what they name.
 
-The commands run in a copy of the sources, on a sample device: an sh block succeeds, a console block ("$ " before each
-command) prints what it shows. Scripts run in CI instead. Options, paths and links exist, and the README's table of options
-gives CMake's defaults.
+On a copy of the sources and a sample device, an sh block succeeds, and a console block ("$ " before each command) prints
+what it shows. Options, paths and links exist, and the README's table of options gives CMake's defaults.
 """
 import os, pathlib, re, shutil, subprocess, sys
 
