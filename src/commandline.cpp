@@ -109,7 +109,7 @@ Declaration findDeclaration(const Variant& definitions, std::string_view name) {
 Variant canonicalPath(const char* program) {
     Variant path;
     if (program == nullptr) return path;
-    // realpath() allocates none, since uClibc's would not check for failure.
+    // A buffer of ours, since uClibc's realpath() does not check its own allocation.
     std::string buffer(PATH_MAX, '\0');
     const char* found = ::realpath(program, buffer.data());
     if (found == nullptr && errno == ENOMEM) throw std::bad_alloc();

@@ -40,7 +40,7 @@ unsigned short defaultPort(std::string_view schema) {
     return 0;
 }
 
-/** The text before the first separator and the text after it; all and nothing if there is none. */
+/** The texts before and after the first separator; the whole text and an empty one if there is none. */
 std::pair<std::string_view, std::string_view> splitAt(std::string_view text, char separator) {
     const std::size_t end = std::min(text.find(separator), text.size());
     return {text.substr(0, end), text.substr(std::min(end + 1, text.size()))};
@@ -156,7 +156,7 @@ void storeParameters(std::string_view query, Variant& parameters) {
     }
 }
 
-/** Stores a text of two pieces. */
+/** Stores two pieces as one text. */
 void store(URI& uri, const char* key, std::string_view begin, std::string_view end = {}) {
     std::string text(begin);
     if (!end.empty()) text.append(end);

@@ -51,7 +51,7 @@ struct Lines {
 // Keys and values
 
 bool hasTooManyComponents(std::string_view key) {
-    // The size first: counting dots in every key would take a tenth of loading.
+    // Test the size first: counting the dots of every key takes a tenth of the loading time.
     constexpr std::size_t limit = korvo::variant::maxKeyComponents;
     return key.size() >= limit && std::count(key.begin(), key.end(), '.') >= std::ptrdiff_t{limit};
 }
@@ -313,7 +313,7 @@ const char* SystemCfgManager::keyFault(const std::string& key) {
 }
 
 const char* SystemCfgManager::valueFault(const std::string& value) {
-    // They would end the line, or what a host takes for the text.
+    // A line break would end the line; a zero byte, the text that a C string holds.
     if (value.find('\n') != std::string::npos || (!value.empty() && value.back() == '\r'))
         return "it holds a line break";
     if (value.find('\0') != std::string::npos) return "it holds a zero byte";

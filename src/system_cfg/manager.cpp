@@ -69,7 +69,7 @@ Variant* findMember(Variant& node, const std::string& component, VariantType typ
     return true;
 }
 
-/** Why a node cannot have a member of that name and still be written; null when it can. */
+/** Why the tree could not be written if a node had a member of that name; null if it could. */
 const char* obstacle(Variant& node, const std::string& name) {
     if (static_cast<VariantType>(node) == TypeNull) return nullptr;
     if (!isContainer(node)) return " has a value, so nothing can be below it";
@@ -96,7 +96,7 @@ Variant* makeParent(Variant& root, bool escapeIndexKeys, const std::string& key,
     }
     Variant* node = &root;
     for (Components at{key}; at.next(); node = &(*node)[at.name]) {
-        // Missing nodes have no obstacle, so nothing has been made before one.
+        // An obstacle is an existing node, so nothing has been made yet.
         if (const char* const reason = obstacle(*node, at.name)) {
             const std::string path = key.substr(0, at.begin == 0 ? 0 : at.begin - 1);
             const char* const format = path.empty() ? "the tree%s%s" : "\"%s\"%s";

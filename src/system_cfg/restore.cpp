@@ -68,7 +68,7 @@ class Recovery {
         if (!configuration::acquireLock(lock, call)) return false;
         const std::string target = configuration::path();
         const bool hasWorking = readWorkingCopy(target);
-        // A full disk leaves a configuration without a pair. A directory cannot be replaced.
+        // A full disk may have left an empty configuration. A directory cannot be replaced.
         const bool isFree = hasWorking ? replace || !configuration::contentsOf(working).pairs
                                        : errno == ENOENT || (replace && errno != EISDIR);
         if (isFree) return bringBack();

@@ -16,7 +16,7 @@ namespace configuration = korvo::configuration;
 
 namespace {
 
-/** Of the directory, since renaming replaces the file. The kernel reports its end unasked. */
+/** Events of the directory, since renaming replaces the file. The kernel reports its end unasked. */
 constexpr std::uint32_t eventsToSee =
     IN_MOVED_TO | IN_MOVED_FROM | IN_CREATE | IN_CLOSE_WRITE | IN_DELETE | IN_MOVE_SELF | IN_ONLYDIR;
 
@@ -67,14 +67,14 @@ bool SystemCfgWatch::start() {
     return queue >= 0 && follow(directoryOf(configuration::path()));
 }
 
-/** Watches the directory that has the name now, and no other; ends where there is none. */
+/** Watches only the directory that has the name now; ends if there is none. */
 bool SystemCfgWatch::follow(const std::string& directory) {
     const int found = ::inotify_add_watch(queue, directory.c_str(), eventsToSee);
     if (found < 0) {
         end();
         return false;
     }
-    // Fails where the old directory is gone.
+    // Fails if the old directory is gone.
     if (watched >= 0 && watched != found) (void)::inotify_rm_watch(queue, watched);
     watched = found;
     return true;

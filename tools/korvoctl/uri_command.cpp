@@ -12,7 +12,7 @@ using korvo::variant::URI;
 
 const char hidden[] = "***";
 
-/** Hides the first occurrence of a piece from a place on. */
+/** Hides the first occurrence of a piece at or after a position. */
 std::string hide(std::string text, const std::string& piece, std::size_t from) {
     return piece.empty() ? text : text.replace(text.find(piece, from), piece.size(), hidden);
 }

@@ -68,8 +68,8 @@ class KORVO_VARIANT_UTILS_EXPORT CameraInfo : public Variant {
      * version that does not fit is the largest unsigned int. Every locale gives the same record.
      *
      * @return false when a file cannot be read or the full version has another form. One error is logged,
-     *         unless the board file or /lib/version cannot be read. If it is the board file, the record stays
-     *         as it was.
+     *         unless the board file or /lib/version cannot be read. An unreadable board file leaves the
+     *         record as it was.
      */
     [[nodiscard]] bool Init();
 

@@ -14,8 +14,8 @@
  * "byShortName" and "byLongName" the last record declared under a name. A record is a map with "longName",
  * "shortName", "description" and "defaultValue".
  *
- * Threads: the functions keep no state; no other thread may use the values passed to them during a call. An
- * argument may be a text inside a value that the call changes. Errors: the only exception is std::bad_alloc.
+ * Threads: the functions keep no state; no other thread may use the values passed to them during a call. A
+ * text argument may alias a value that the call changes. Errors: the only exception is std::bad_alloc.
  */
 #pragma once
 
@@ -58,12 +58,12 @@ KORVO_VARIANT_UTILS_EXPORT void PrintHelp(const char* programName, Variant& defi
  * option is logged as a warning and collected, and the host decides what that means.
  *
  * An option is `-c`, `-c=VALUE`, `--name` or `--name=VALUE`, split at the first "=". Without a value, or with
- * an empty one, it receives a copy of its declared default. Given twice, the later value counts. The spelling
- * of a value alone determines its type, whatever the locale and the type of the default:
+ * an empty one, it receives a copy of its declared default. If given twice, the later value counts. The
+ * spelling of a value alone determines its type, whatever the locale and the type of the default:
  *
  * - Digits become an unsigned 64-bit integer, with "-" in front a signed one. They are hexadecimal after "0x"
- *   and octal after "0": `8080`, `-3`, `0x1F`, `010`. Beyond a signed 64-bit integer they become the nearest
- *   one: 18446744073709551615 becomes 9223372036854775807.
+ *   and octal after "0": `8080`, `-3`, `0x1F`, `010`. Beyond the signed 64-bit range they become its nearest
+ *   limit: 18446744073709551615 becomes 9223372036854775807.
  * - A number with a "." becomes a double, `2.5`, or a signed 64-bit integer if it is whole and fits: `1.0`,
  *   `1.5e3`. One too large for a double becomes infinity.
  * - Anything else is a string, even what is almost a number: `08`, `1e3`, `0X1F`, `0b11`, `1_000`, `inf`.
@@ -78,8 +78,8 @@ KORVO_VARIANT_UTILS_EXPORT void PrintHelp(const char* programName, Variant& defi
  * @param result       receives "parameters", a map from long names to values; "unknownParameters", an array
  *                     of the collected arguments, each whole; and "commandLine", a map with "executed", the
  *                     program's name as given, and "fullPath", its canonical path seen from the working
- *                     directory, or null where there is none (as for most programs found through PATH). Its
- *                     other members stay; "parameters" and "unknownParameters" are made only when needed.
+ *                     directory, or null where there is none (as for most programs found through PATH). Other
+ *                     members stay; "parameters" and "unknownParameters" are made only when needed.
  */
 KORVO_VARIANT_UTILS_EXPORT void ParseCommandLine(int argc, const char** argv, Variant& definitions,
                                                  Variant& result);

@@ -14,7 +14,7 @@ enum class Step {
     None,       ///< nothing failed
     State,      ///< the manager is not open, or open already; reason
     Lock,       ///< taking a lock; subject is the lock file, error
-    Unlock,     ///< giving a lock back; likewise
+    Unlock,     ///< releasing a lock; likewise
     Read,       ///< reading a file; subject is its path, error
     Load,       ///< a file was read, but its text is refused; subject is its path, line, reason
     Key,        ///< a key is refused; subject is the key, reason
@@ -34,7 +34,7 @@ struct Failure {
     Step step = Step::None;
     int error = 0;             ///< errno value, or 0
     std::string subject = {};  ///< path, key or host
-    std::size_t line = 0;      ///< of the file, counted from 1; 0 if it is no line
+    std::size_t line = 0;      ///< of the file, counted from 1; 0 if none
     std::string reason = {};   ///< such as `there is no "="`
 };
 

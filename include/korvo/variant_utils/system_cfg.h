@@ -9,8 +9,8 @@
  *        store.close(true, false);                             // saves to flash if it changed, unlocks
  * @endcode
  *
- * A service that only reads, and again after each change, starts a SystemCfgWatch before initReadOnly(), so
- * that it misses no change (an example is in docs/hosts.md).
+ * A service that reads, and reads again after each change, starts a SystemCfgWatch before initReadOnly(), so
+ * that it misses none (an example is in docs/hosts.md).
  */
 #pragma once
 
@@ -27,7 +27,7 @@
 class InterProcessMutex;
 
 /**
- * One use of the configuration file, exclusive between init() and close(), or a reader of it.
+ * Access to the configuration file: exclusive between init() and close(), or read-only.
  *
  * The file has one `key=value` line per value; each dot in a key opens a nested map. Loading turns a value of
  * exactly enabled, enable or on into 1, and of disabled, disable or off into 0. Every other pair is written
@@ -46,16 +46,16 @@ class InterProcessMutex;
  *   a key below a key that has a value, a key that looks like an indexed member of a tree that the host
  *   filled, and, with escaped index components, one that lacks its underscore.
  *
- * A refusal changes nothing. Loading takes every key, and apply() can remove it.
+ * A refusal changes nothing. Loading accepts any key, and apply() can remove it.
  *
  * Writing replaces the file in one step: every reader sees the whole old text or the whole new one, even if
  * the process is killed. It is not durable; the flash copy that close() makes is. Keep "/tmp" on a tmpfs,
  * since every set() wears flash. The new file keeps the old one's permission bits, and its group and owner
  * where the process may set them; where the group cannot be kept, the new group gets no access that others
  * lacked. A failed write leaves no temporary file. A killed process may leave one; its name holds the process
- * id, and the next process of that id replaces it. Any user who may write to "/tmp" can make writing fail, by
- * directories of such names. While the file is missing, whoever makes it first is believed: call restore()
- * before anything untrusted runs.
+ * id, and the next process of that id replaces it. Any user who may write to "/tmp" can make writing fail,
+ * with directories of such names. While the file is missing, whoever creates it first is trusted: call
+ * restore() before anything untrusted runs.
  *
  * Processes: the lock is the InterProcessMutex "system.cfg", which is free again when its holder dies. After
  * fork, a manager that init() opened is open in the parent only, one that initReadOnly() opened in both. When
@@ -66,11 +66,11 @@ class InterProcessMutex;
  * waits for another thread's object, and fails where the same thread has the store open. Cancelling a thread
  * inside a call leaves nothing half done.
  *
- * Signals: a configuration that outgrows RLIMIT_FSIZE raises SIGXFSZ, a message to a standard error that is a
- * broken pipe SIGPIPE. Either ends a host that does not ignore it.
+ * Signals: a configuration that outgrows RLIMIT_FSIZE raises SIGXFSZ; a message to a standard error that is a
+ * broken pipe raises SIGPIPE. Either ends a host that does not ignore it.
  *
  * Errors are logged and returned as false; failure() holds the reason as a value. Out-parameters may be null;
- * texts may be texts inside the tree or the failure. Nothing is thrown but std::bad_alloc.
+ * text arguments may alias the tree or the failure. Nothing is thrown but std::bad_alloc.
  */
 class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
   public:
@@ -110,19 +110,19 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     SystemCfgManager(const SystemCfgManager&) = delete;
     SystemCfgManager& operator=(const SystemCfgManager&) = delete;
 
-    /** Does close(false, false) if the manager is open, and gives the lock back in any case. */
+    /** Does close(false, false) if the manager is open, and releases the lock in any case. */
     ~SystemCfgManager();
 
     /**
      * Why the last call failed; Step::None after success. Static functions do not set it; they have overloads
-     * with a Failure. Step::Write has ESTALE when the lock was lost.
+     * with a Failure. Step::Write with ESTALE: the lock was lost.
      * @return lives as long as the manager; the next call replaces its content
      */
     const korvo::Failure& failure() const;
 
     /**
      * Waits for the lock, without a time limit, and loads the file, which must be a regular file. A failure
-     * gives the lock back; a manager that is open already stays open.
+     * releases the lock; a manager that was open already stays open.
      */
     [[nodiscard]] bool init();
 
@@ -155,11 +155,11 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * Reads an integer, -1 when there is none. @p notFound receives whether the key is missing or its value
      * is of another type.
      *
-     * From a value held as a string: its leading decimal digits, after white space and a sign; 0 without any,
-     * the nearest int beyond int. From a number: the number as int, losing the upper bits of a wider one.
+     * From a value held as a string: its leading decimal digits, after white space and a sign, as the nearest
+     * int; 0 without any. From a number: the number as int, losing the upper bits of a wider one.
      *
-     * @return true even if the key is missing; false when the manager is not open, which leaves the
-     *         out-parameters alone, or the key is refused, which leaves only @p notFound alone
+     * @return true even if the key is missing; false when the manager is not open (out-parameters left alone)
+     *         or the key is refused (only @p notFound left alone)
      */
     [[nodiscard]] bool get(const std::string& key, int* value, bool* notFound);
 
@@ -192,9 +192,9 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     /**
      * Ends the use of the store. Writes a tree that changed; with @p saveToFlash also copies it to flash.
      * @p forceSave does both in any case. Each copy is counted first, in the key "system.flash.cycles", up to
-     * the largest int. What apply() changed is in the file already: with it alone only the count is written.
+     * the largest int. What apply() changed is in the file already: alone, it leaves only the count to write.
      *
-     * After initReadOnly() it writes nothing, always ends the reading, and is false only with @p forceSave.
+     * After initReadOnly() it writes nothing, always ends the reading, and fails only with @p forceSave.
      *
      * @return false when something failed: the manager stays open and keeps the lock, unless only releasing
      *         that failed
@@ -202,13 +202,13 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     [[nodiscard]] bool close(bool saveToFlash, bool forceSave);
 
     /**
-     * Finds the map for the last component of a key, which @p lastKey receives, and makes it and its parents
-     * where they are missing. For a key that set() refuses it makes nothing: null and the empty text.
+     * Finds the map for the last component of a key, which @p lastKey receives, and makes it and its missing
+     * parents. For a key that set() refuses it makes nothing: null and the empty text.
      */
     void getLastNode(const std::string& key, korvo::variant::Variant*& node, std::string& lastKey);
 
     /**
-     * Finds a value of a type that Variant::GetKeyChain() takes; null when there is none.
+     * Finds a value that passes the filter @p type of Variant::GetKeyChain(); null when there is none.
      * @return false when the key is refused
      */
     [[nodiscard]] bool getSystemCfgValue(const std::string& key, korvo::variant::VariantType type,
@@ -220,13 +220,13 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * @{ */
 
     /**
-     * The way back after a power-up: where "/tmp/system.cfg" is missing, or a regular file without any pair,
+     * The way back after a power-up: if "/tmp/system.cfg" is missing, or a regular file without any pair,
      * puts the flash copy in its place, or else the file @p defaults. Call it before the services start and
      * before anything untrusted runs.
      *
-     * The whole text comes in one step, unchanged but for "system.flash.cycles": it becomes the largest count
-     * in the working copy, the flash copy, a damaged one and @p defaults. A text without any other pair holds
-     * no settings.
+     * The text replaces the file in one step, unchanged but for "system.flash.cycles": it becomes the largest
+     * count in the working copy, the flash copy, a damaged one and @p defaults. A text without any other pair
+     * holds no settings.
      *
      * @p defaults are taken when the flash copy
      * - is missing, as on a first start;
@@ -291,10 +291,10 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
                                    std::vector<Fault>* faults);
 
     /**
-     * Makes changes for apply() of the pairs of a text, in the order of the lines, with the values as
-     * written, boolean words too, and adds them to @p changes. The last line of a repeated key counts.
-     * Refuses a text that does not load, or has a key or a value that set() refuses: then all reasons are
-     * added to @p faults, in the order of the lines.
+     * Adds the pairs of a text to @p changes, for apply(), in the order of the lines, with the values as
+     * written, boolean words too. The last line of a repeated key counts. Refuses a text that does not load,
+     * or has a key or a value that set() refuses: then all reasons are added to @p faults, in the order of
+     * the lines.
      */
     [[nodiscard]] static bool parse(const std::string& text, std::vector<Change>& changes,
                                     std::vector<Fault>* faults);
@@ -333,14 +333,14 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
 /**
  * Reports changes of "/tmp/system.cfg", whoever makes them: korvoctl, a service, or an editor.
  *
- * The configuration may have changed when its file is replaced, removed, or written in place, once the writer
+ * The configuration may have changed when its file is replaced or removed, or when whoever wrote it in place
  * closes it. Started before the first read, a watch misses no change; it reports several changes between two
- * calls of takeChange() as one. It may report a file that is created in place twice: before its writer
- * closes it, and then. So rename whole files.
+ * calls of takeChange() as one. It may report a file that is created in place twice: before its writer closes
+ * it, and then. So rename whole files.
  *
  * Takes no lock; needs read access to "/tmp" only. If the directory itself is removed, moved or unmounted,
- * that is a change too: the watch moves on to the directory that has the name then, or ends where there is
- * none. It does not see what is mounted over the directory.
+ * that is a change too: the watch moves on to the directory that then has the name, or ends if there is none.
+ * It does not see what is mounted over the directory.
  *
  * Processes: a child made by fork shares the queue of events, and would take changes from its parent. It may
  * destroy the object and start a watch of its own. Threads: one at a time may use an object. No operation is

@@ -7,7 +7,7 @@ int openFile(const char* path, int flags, mode_t mode, int directory) {
     if (opened < 0 || opened > STDERR_FILENO) return opened;
 
     Descriptor moved(::fcntl(opened, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-    // Here, before anybody can lock the file: closing gives record locks back.
+    // Here, before anybody can lock the file: closing releases record locks.
     keepingErrno([&] { (void)closeFile(opened); });
     const bool isNew = (flags & O_EXCL) != 0;
     if (moved) {

@@ -50,9 +50,8 @@ void keepingErrno(CleanUp cleanUp) {
  * openat(2) through signals, close-on-exec, and never with the number of a standard stream; -1 with errno
  * set.
  *
- * In a host that has closed one, the file has its number for a moment, and receives what the host prints.
- * This empties a new file (O_EXCL) again, but no other, which may be anybody's: the caller does, once it
- * knows it.
+ * In a host that has closed one, the file has its number for a moment, and receives what the host prints. A
+ * new file (O_EXCL) is emptied here; any other may be anybody's: its caller empties it once it is trusted.
  */
 [[nodiscard]] int openFile(const char* path, int flags, mode_t mode = 0, int directory = AT_FDCWD);
 

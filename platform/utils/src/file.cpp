@@ -130,10 +130,10 @@ bool File::SetAccess(const FileAccess& wanted) {
         const bool groupKept = ownerKept || ::fchown(descriptor, static_cast<uid_t>(-1), wanted.group) == 0;
         if (ownerKept) access.owner = wanted.owner;
         if (groupKept) access.group = wanted.group;
-        // The members of any other group count as others to the wanted access.
+        // Members of any other group are "others" in the wanted access.
         if (access.group != wanted.group) bits = limitGroup(bits);
     }
-    // Last, so that nobody has access in between whom it does not suit.
+    // Last, so that nobody gets access in between that `wanted` denies.
     if (bits != access.bits && ::fchmod(descriptor, bits) != 0) return false;
     access.bits = bits;
     return true;

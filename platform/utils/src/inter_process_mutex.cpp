@@ -55,7 +55,7 @@ int openTrusted(const char* path, uid_t owner, bool create, struct stat& status)
         openFile(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK | (create ? O_CREAT | O_EXCL : 0), ownerOnly));
     if (!file) {
         const int error = errno;
-        // A link, a directory, a socket and another user's file cannot be opened to be judged.
+        // A link, a directory, a socket or another user's file does not open: judge it by lstat().
         const bool isRefused = error != ENOENT && ::lstat(path, &status) == 0 && !isTrusted(status, owner);
         errno = isRefused ? EPERM : error;
         return -1;
@@ -75,7 +75,7 @@ int openTrusted(const char* path, uid_t owner, bool create, struct stat& status)
 /** Removes what stands where the lock file belongs; false if this process may not. */
 [[nodiscard]] bool clearTheWay(const char* path, uid_t owner, int error) {
     const bool isRoot = ::geteuid() == 0;
-    // Root may replace anything; an owner, a file of his that an odd umask has left without access.
+    // Root may replace anything; others, only a file of theirs that an odd umask has left inaccessible.
     if (error != EACCES && !(isRoot && error == EPERM)) return false;
     struct stat status {};
     if (::lstat(path, &status) != 0) return errno == ENOENT;
@@ -159,7 +159,7 @@ class LockFile {
             const int state = check();
             if (state != 0) return state;
             if (error == EDEADLK) {
-                // The kernel takes a process's locks and waits as one thread's: this is no real deadlock.
+                // The kernel takes a process's threads for one, and sees deadlocks where there are none.
                 sleepFor(pause);
                 pause = std::min(pause * 2, 50 * millisecond);
             } else if (error != EINTR) {

@@ -18,8 +18,8 @@ namespace {
 constexpr char whiteSpace[] = " \t\n\v\f\r";
 
 /**
- * Whether a number outside the range of double is too large, not too small: its first significant digit
- * stands before the point once the exponent has moved that.
+ * Whether a number outside the range of double is too large, not too small: its first significant digit is
+ * before the point once the exponent has moved the point.
  */
 bool isTooLarge(std::string_view number, bool hexadecimal) {
     const std::string_view digits = number.substr(0, number.find_first_of(hexadecimal ? "pP" : "eE"));

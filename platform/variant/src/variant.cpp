@@ -11,7 +11,7 @@
 namespace korvo::variant {
 namespace {
 
-/** A double as an integer with so many value bits and perhaps a sign bit; modulo 2^64. */
+/** The nearest integer of @p valueBits bits and perhaps a sign bit, towards 0; modulo 2^64. */
 std::uint64_t saturated(double value, int valueBits, bool isSigned) {
     const std::uint64_t largest = ~0ULL >> (64 - valueBits);
     const double bound = 2.0 * static_cast<double>(1ULL << (valueBits - 1));  // largest + 1

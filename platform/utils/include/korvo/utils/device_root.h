@@ -21,8 +21,8 @@ inline constexpr char flashLock[] = "system.cfg.flash";         ///< held while 
 /**
  * Puts @p directory in front of every fixed device path; the empty text, the default, means the real paths.
  * Holds for the whole process: call it once, before anything else of these libraries and before starting
- * threads. Absolute links below it are followed on the running system. No environment variable can set it, so
- * no user can redirect a service.
+ * threads. Absolute links below it resolve on the running system. No environment variable can set it, so no
+ * user can redirect a service.
  */
 KORVO_UTILS_EXPORT void setDeviceRoot(const std::string& directory);
 

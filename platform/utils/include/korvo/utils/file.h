@@ -18,7 +18,7 @@ enum FILE_OPEN_MODE {
     FILE_OPEN_MODE_READ = 0,
     /** The same, but refuses a symbolic link (ELOOP) and a file with a second name (EMLINK). */
     FILE_OPEN_MODE_READ_NOFOLLOW = 1,
-    /** A new, empty file of mode 0600, for writing, in place of what has the name. */
+    /** A new, empty file of mode 0600, for writing; replaces whatever has the name. */
     FILE_OPEN_MODE_TRUNCATE = 2
 };
 
@@ -53,8 +53,8 @@ class KORVO_UTILS_EXPORT File {
      * For reading it must be a regular file; anything else is refused at once, a directory with EISDIR, the
      * rest (pipes, devices) with ENOTSUP.
      *
-     * For writing, what has the name is removed and a new file created, of mode 0600 whatever the umask. So a
-     * guessable name in a world-writable directory is safe: a planted link is not followed, and a file that
+     * For writing, removes whatever has the name and creates a new file, of mode 0600 whatever the umask. So
+     * a guessable name in a world-writable directory is safe: a planted link is not followed, and a file that
      * somebody has open is not written to. What cannot be removed (a directory, or another user's file in a
      * sticky directory) is refused and left alone.
      */
@@ -92,15 +92,15 @@ class KORVO_UTILS_EXPORT File {
     [[nodiscard]] bool SetAccess(const FileAccess& wanted);
 
     /**
-     * SetAccess() as the file at @p path has it. Does nothing if that is missing or anything but a regular
-     * file with one name: a link could lend the access of any file.
+     * SetAccess() with the access of the file at @p path. Does nothing if that is missing or anything but a
+     * regular file with one name: a link could lend the access of any file.
      */
     [[nodiscard]] bool CopyAccess(const std::string& path);
 
-    /** Waits until everything written has reached the storage device; that excludes the file's name. */
+    /** Waits until everything written has reached the storage device, the file's name excepted. */
     [[nodiscard]] bool Sync();
 
-    /** Closes the file. False if the system reports only now that something written was lost. */
+    /** Closes the file. False if the system reports only now that written data was lost. */
     [[nodiscard]] bool Close();
 
   private:

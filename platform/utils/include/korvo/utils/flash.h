@@ -20,12 +20,12 @@ KORVO_UTILS_EXPORT std::string flashCopyPath();
 /**
  * Copies "/tmp/system.cfg" to "system.cfg" in the flash directory, which the build fixes as KORVO_FLASH_DIR,
  * and which is created with its parents. The copy gets the access of the working copy, as File::SetAccess()
- * gives it, but no owner other than root and the store's owner: it would look planted. A working copy that is
- * a symbolic link or has a second name is refused (ELOOP, EMLINK).
+ * gives it, but only root or the store's owner as its owner: with another it would look planted. A working
+ * copy that is a symbolic link or has a second name is refused (ELOOP, EMLINK).
  *
- * After true the copy is on the storage device. After false, or a power cut at any moment, the flash
- * directory holds the old copy or the new one, never a mix. A failure leaves no temporary file; one that a
- * power cut leaves is replaced by the next save. Saves wait for one another.
+ * Once it returns true, the copy is on the storage device. After false, or a power cut at any moment, the
+ * flash directory holds the old copy or the new one, never a mix. A failure leaves no temporary file; one
+ * that a power cut leaves is replaced by the next save. Saves wait for one another.
  *
  * @param reserved  not used
  * @return false, with errno set, if the configuration cannot be read or the copy cannot be made durable

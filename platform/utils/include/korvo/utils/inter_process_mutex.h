@@ -27,18 +27,18 @@ struct NamedLock;
  * replaces any other file, its own with content, and an empty directory; for everyone else acquire() fails.
  *
  * The lock is lost when somebody removes, moves or replaces the lock file, or when the host closes the
- * library's descriptor of it, as daemons do. held() reports this; a waiter or the next acquire() opens the
+ * library's descriptor for it, as daemons do. held() reports this; a waiter or the next acquire() opens the
  * file anew, and the number of the closed descriptor is left alone.
  *
  * Two things escape it. A host that opens and closes the lock file itself releases the lock, unnoticed:
  * such are the rules of record locks. And where fs.protected_hardlinks is 0, whoever may write to "/tmp" can
  * give the lock file a second name, and have root replace it.
  *
- * Threads: call all operations from any thread. The lock belongs to the object that acquired it, not to the
+ * Threads: any thread may call any operation. The lock belongs to the object that acquired it, not to the
  * thread, so another thread may release it. Threads waiting for one name get it in order of arrival. Objects
- * of one name share an open file, which closes at the latest with the last of them. No operation is a
- * cancellation point: a thread cancelled while it waits ends once it has the lock. A signal handler must not
- * call fork(): it may wait forever for the thread that it interrupted.
+ * of one name share one open file, closed with the last of them if not before. No operation is a cancellation
+ * point: a thread cancelled while it waits ends once it has the lock. A signal handler must not call fork():
+ * it may wait forever for the thread that it interrupted.
  *
  * Results are 0 or an errno value. The constructor and, for root, acquire() and holder() may throw
  * std::bad_alloc; nothing else is thrown.

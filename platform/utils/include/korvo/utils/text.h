@@ -23,8 +23,8 @@ KORVO_UTILS_EXPORT void split(const std::string& text, const std::string& separa
 KORVO_UTILS_EXPORT void trim(std::string& text);
 
 /**
- * Replaces every occurrence of @p search in @p text, from left to right, without searching what a replacement
- * brings in. An empty search text changes nothing.
+ * Replaces every occurrence of @p search in @p text, from left to right, without searching the replacements.
+ * An empty search text changes nothing.
  */
 KORVO_UTILS_EXPORT void replaceAll(std::string& text, const std::string& search,
                                    const std::string& replacement);
@@ -40,8 +40,8 @@ KORVO_UTILS_EXPORT std::string format(const char* format, ...) __attribute__((fo
  * @param text  a zero-terminated text
  * @param end  if not null, receives the first character that is not part of the number, or @p text if there
  *             is no number
- * @return the number; 0 if there is none, or if it is too small, which with the standard library of GCC 11
- *         begins at the subnormal numbers; plus or minus infinity if it is too large
+ * @return the number; 0 if there is none, or it is too small (with GCC 11's standard library, any subnormal
+ *         number); plus or minus infinity if it is too large
  */
 KORVO_UTILS_EXPORT double toDouble(const char* text, const char** end = nullptr);
 

@@ -77,9 +77,9 @@ enum VariantType : std::uint16_t {
 };
 
 /**
- * The tag under which a C++ type @p T is held: an integer's own width or the next wider one, so that it
- * keeps its value; double for every floating type; for an enumeration that of its underlying type; TypeNull
- * for other types, pointers above all.
+ * The tag under which a C++ type @p T is held: an integer's own width or the next wider one, so that it keeps
+ * its value; double for every floating type; for an enumeration, the tag of its underlying type; TypeNull for
+ * other types, such as pointers.
  */
 template <class T>
 constexpr VariantType numberTag() {
@@ -134,7 +134,7 @@ inline constexpr bool isComparedText =
     !std::is_base_of<Variant, T>::value && (std::is_convertible<const T&, const char*>::value ||
                                             std::is_convertible<const T&, std::string_view>::value);
 
-/** Converts to a type that may be narrower; a finite number beyond its range becomes its largest one. */
+/** Converts to a type that may be narrower; a finite number beyond its range becomes its nearest one. */
 template <class To, class From>
 To narrowed(From value) {
     if constexpr (std::numeric_limits<From>::max_exponent > std::numeric_limits<To>::max_exponent) {
@@ -286,7 +286,7 @@ class KORVO_VARIANT_EXPORT Variant {
     /** @} */
 
     /** @name Members of a constant value
-     * The member under a key, or a shared null value when there is none; -1 is none.
+     * The member under a key, or a shared null value when there is none; -1 finds none.
      * @{ */
     const Variant& operator[](const char* key) const { return orNull(find(detail::memberKey(key))); }
     const Variant& operator[](std::string_view key) const { return orNull(find(key)); }
@@ -299,15 +299,15 @@ class KORVO_VARIANT_EXPORT Variant {
     /** The number of members of both kinds; 0 unless the value is a container. */
     std::size_t Size() const noexcept { return count(false) + count(true); }
 
-    /** Whether there is a member under a key, a text or an index; -1 is none. */
+    /** Whether there is a member under a key, a text or an index; -1 finds none. */
     template <class Key>
     bool Contains(const Key& key) const noexcept {
         return find(detail::memberKey(key)) != nullptr;
     }
 
     /**
-     * Removes the member under a key, a text or an index, and returns whether there was one; -1 is none. The
-     * value stays a map or an array even if that was its last member.
+     * Removes the member under a key, a text or an index, and returns whether there was one; -1 finds none.
+     * The value stays a map or an array even if that was its last member.
      */
     template <class Key>
     bool Remove(const Key& key) noexcept {
@@ -383,8 +383,8 @@ class KORVO_VARIANT_EXPORT Variant {
      * a carriage return, an index and a text key that look the same, more than maxKeyComponents levels, and
      * this value itself unless it is a container or null. A member that has no line may have any key.
      *
-     * With other separators a line is refused unless the first key separator in it stands behind the key and
-     * the first line separator behind the value; an empty separator is never refused.
+     * With other separators a line is refused unless its first key separator comes right after the key and
+     * its first line separator right after the value; an empty separator is never refused.
      *
      * @param text           receives the text; must not be a text inside this value. Its capacity is reserved
      *                       for the new text too, which saves reallocations
