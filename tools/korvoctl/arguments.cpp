@@ -138,9 +138,10 @@ bool Arguments::checkOperands() {
     // An empty key has a message of its own.
     if (!areKeys && std::find(words.begin(), words.end(), "") != words.end())
         return refuse(name + ": empty argument", chosen);
+    const bool arePairs = operands.find('=') != std::string::npos;
     std::set<std::string> keys;
     for (const std::string& word : words) {
-        const std::string key = word.substr(0, word.find('='));
+        const std::string key = arePairs ? word.substr(0, word.find('=')) : word;
         if (!keys.insert(key).second) return refuse("key '" + key + "' given twice", chosen);
     }
     return true;
