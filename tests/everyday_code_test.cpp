@@ -49,6 +49,7 @@ static_assert(none(std::is_convertible<Variant&, wchar_t>::value,
 static_assert(none(std::is_convertible<Variant&, Mode>::value, COMPILES(v.template As<Plain>())));
 static_assert(!COMPILES(v["x"] == TypeMap));
 
+static_assert(none(COMPILES(v[v["x"]]), COMPILES(c[c["x"]])), "a value as a key: a text or an index?");
 static_assert(!COMPILES(c["x"] = 1), "a constant value keeps its members");
 static_assert(!COMPILES(std::move(v).Indexed()), "a loop over it would walk what is gone");
 
@@ -116,6 +117,7 @@ TEST(EverydayCode, MembersHaveKeysOfEveryKind) {
     EXPECT_TRUE(c["k"] == 1 && c[std::string("l")] == 1 && c[""] == 1 && c[5] == 2 && c[4U] == 2);
     EXPECT_TRUE(c["x"]["deeper"] == nullptr && c[9] == nullptr && v.Size() == 9);
     EXPECT_TRUE(v.Contains("k") && v.Contains(std::string_view("m")) && v.Contains(none) && v.Contains(4U));
+    EXPECT_TRUE(c[high] == 2 && v.Remove(high) && (v[high] = 2) == 2);
     EXPECT_TRUE(!v.Contains("x") && !v.Contains(-1) && !v.Remove(-1) && !v.Remove("x") && v.Size() == 9);
     EXPECT_TRUE(v.Remove("k") && v.Remove(std::string("l")) && v.Remove(none) && v.Remove(4LL) &&
                 v.Size() == 5);

@@ -111,7 +111,9 @@ template <class T>
 inline constexpr bool isNumber = numberTag<T>() != TypeNull;
 
 template <class T>
-inline constexpr bool isIndex = std::is_integral<T>::value && !std::is_same<T, bool>::value;
+inline constexpr bool isIndex =
+    (std::is_integral<T>::value || std::is_enum<T>::value) && std::is_convertible<T, long long>::value &&
+    !std::is_same<T, bool>::value;
 
 /** Whether an enumeration has a fixed underlying type, so that every number of that type is a valid value. */
 template <class T, class = void>
@@ -279,6 +281,8 @@ class KORVO_VARIANT_EXPORT Variant {
      * @{ */
     Variant& operator[](const char* key) { return member(detail::memberKey(key)); }
     Variant& operator[](std::string_view key) { return member(key); }
+    Variant& operator[](const std::string& key) { return member(std::string_view(key)); }
+    Variant& operator[](long long index) { return member(index); }
     template <class Integer, std::enable_if_t<detail::isIndex<Integer>, int> = 0>
     Variant& operator[](Integer index) {
         return member(detail::memberKey(index));
@@ -290,6 +294,8 @@ class KORVO_VARIANT_EXPORT Variant {
      * @{ */
     const Variant& operator[](const char* key) const { return orNull(find(detail::memberKey(key))); }
     const Variant& operator[](std::string_view key) const { return orNull(find(key)); }
+    const Variant& operator[](const std::string& key) const { return orNull(find(std::string_view(key))); }
+    const Variant& operator[](long long index) const { return orNull(find(index)); }
     template <class Integer, std::enable_if_t<detail::isIndex<Integer>, int> = 0>
     const Variant& operator[](Integer index) const {
         return orNull(find(detail::memberKey(index)));
