@@ -17,9 +17,8 @@ inline const char* typeName(VariantType type) {
         {TypeBool, "bool"},     {TypeInt8, "int8"},     {TypeInt32, "int32"},   {TypeInt64, "int64"},
         {TypeUInt16, "uint16"}, {TypeUInt32, "uint32"}, {TypeUInt64, "uint64"}, {TypeDouble, "double"},
     };
-    for (const auto& [named, name] : names) {
+    for (const auto& [named, name] : names)
         if (named == type) return name;
-    }
     return "a type that no value has:";
 }
 
