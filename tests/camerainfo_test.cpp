@@ -66,9 +66,9 @@ TEST(CameraInfo, GathersWhatEachDeviceHasInEveryLocale) {
 }
 
 TEST(CameraInfo, TheFirmwareVersionMustHaveItsFormInEveryLocale) {
-    const CompleteDevice device;
-    test::inEveryLocale([&] {
+    test::inEveryLocale([] {
         for (const auto& [version, expected] : test::readCases("firmware_versions.txt")) {
+            const CompleteDevice device;
             device.write("lib/version", version);
             EXPECT_EQ(outcomeOfInit()["protocolVer"], expected == "no match" ? "" : expected);
         }
@@ -87,8 +87,7 @@ TEST(CameraInfo, ReturnsTheMemberOrLeavesADefaultInItsPlace) {
     EXPECT_EQ(info.fullVersion() + std::to_string(info.upTime() + info.idleTime()), "AB16.000000");
     info.IsArray(true);
     EXPECT_EQ(info.feature_ir(), 0);
-    EXPECT_EQ(info.fullVersion(), "");
-    EXPECT_EQ(test::shown(info), "map feature_ir=0\nfullVersion=");
+    EXPECT_EQ(test::shown(info), "map feature_ir=0");
 }
 
 }  // namespace

@@ -51,15 +51,15 @@ TEST(CommandLine, ParsesAWholeCommandLineAndKeepsWhatTheResultHeld) {
     before["byShortName"].IsArray(false);
     result["mine"] = 1;
     result["unknownParameters"][-1] = "earlier, and too long for the small string optimisation";
-    const std::string program = "/proc/self/exe", earlier = result["unknownParameters"][0].As<std::string>();
+    const auto earlier = result["unknownParameters"][0].As<std::string>();
     const char* arguments[] = {
-        program.c_str(), "--port=8080", nullptr, "-v", "-p=9", result["unknownParameters"][0]};
+        "/proc/self/exe", "-p=8", nullptr, "-v", "-p=9", result["unknownParameters"][0]};
     ParseCommandLine(6, arguments, options, result);
     EXPECT_EQ(log.messages(), "unknown parameter detected: `" + earlier + "`");
     EXPECT_EQ(options, before) << "but for the kind of byShortName";
     EXPECT_EQ(test::shown(result),
-              "map commandLine.executed=" + program +
-                  "\ncommandLine.fullPath=" + std::filesystem::read_symlink(program).string() +
+              "map commandLine.executed=/proc/self/exe\ncommandLine.fullPath=" +
+                  std::filesystem::read_symlink("/proc/self/exe").string() +
                   "\nmine=1\nparameters.port=9\nparameters.verbose=1\nunknownParameters.0=" + earlier +
                   "\nunknownParameters.1=" + earlier);
     ParseCommandLine(0, arguments, options, result);

@@ -43,8 +43,8 @@ static_assert(none(COMPILES(v["x"] + 1), COMPILES(v["x"] < 1), COMPILES(v["x"] <
 static_assert(none(COMPILES(n += v["x"]), COMPILES(std::declval<std::ostream&>() << v["x"])));
 
 // No character comes unasked, no enumeration that might not have the number; a type tag is no number.
-static_assert(none(isGiven<char>, isGiven<wchar_t>, isGiven<char16_t>, isGiven<Mode>));
-static_assert(none(COMPILES(v.template As<Plain>()), COMPILES(v["x"] == TypeMap)));
+static_assert(none(isGiven<char>, isGiven<Mode>, COMPILES(v.template As<Plain>()),
+                   COMPILES(v["x"] == TypeMap)));
 
 static_assert(none(COMPILES(v[v["x"]]), COMPILES(c[c["x"]])), "a value as a key: a text or an index?");
 static_assert(!COMPILES(c["x"] = 1), "a constant value keeps its members");
@@ -68,12 +68,11 @@ TEST(EverydayCode, NumbersOfEveryTypeKeepTheirValueUnderATagThatHoldsIt) {
 TEST(EverydayCode, ConvertsWithoutAWordWhereOnlyOneThingCanBeMeant) {
     const Variant number = 1e300, text = "text";
     const float real = number;
-    std::size_t size{number};
+    const std::size_t size{number};
     EXPECT_TRUE(number && real == std::numeric_limits<float>::max() && size == ~std::size_t{0});
-    size = Variant(5);
-    const std::string copy = text, again(text);  // NOLINT(performance-unnecessary-copy-initialization)
+    const std::string copy(text);
     const char* const pointer = text;
-    EXPECT_TRUE(size == 5 && copy == "text" && again == copy && pointer == copy);
+    EXPECT_TRUE(copy == "text" && pointer == copy);
 }
 
 TEST(EverydayCode, ComparesByValueWithNumbersAndTexts) {
@@ -82,12 +81,10 @@ TEST(EverydayCode, ComparesByValueWithNumbersAndTexts) {
     EXPECT_TRUE(Variant(~0ULL) != -1 && Variant(-0x1p63) == std::numeric_limits<long long>::min());
     EXPECT_TRUE(Variant(0.5) == 0.5F && Variant(1.5) != 1 && Variant(-1.0) == -1 && Variant(-1) == -1.0);
     EXPECT_TRUE(Variant() != 0 && Variant() != 0.0 && Variant() != false && Variant() != "");
-    EXPECT_TRUE(Variant("12") != 12 && Variant("0") != 0.0 && Variant("12") == "12" && "1" != Variant("12"));
-    EXPECT_TRUE(Variant("a") == std::string("a") && std::string_view("a") == Variant("a"));
-    const char* const none = nullptr;
-    EXPECT_TRUE(Variant(none) == none && Variant() == nullptr && Variant("") != none);
-    const Variant text = std::string_view("a\0b", 3), nan = std::numeric_limits<double>::quiet_NaN();
-    EXPECT_TRUE(text.As<std::string>().size() == 3 && nan == Variant(nan) && nan != nan.As<double>());
+    EXPECT_TRUE(Variant("12") != 12 && Variant("0") != 0.0 && std::string_view("a") == Variant("a"));
+    EXPECT_TRUE(Variant() == nullptr && Variant("") != nullptr);
+    const Variant nan = std::numeric_limits<double>::quiet_NaN();
+    EXPECT_TRUE(nan == Variant(nan) && nan != nan.As<double>());
 }
 
 TEST(EverydayCode, MembersHaveKeysOfEveryKindAndLoopsShowTheMembersThemselves) {
@@ -96,8 +93,7 @@ TEST(EverydayCode, MembersHaveKeysOfEveryKindAndLoopsShowTheMembersThemselves) {
     const char* const none = nullptr;
     EXPECT_TRUE(c["x"]["y"] == nullptr && c[9] == nullptr && !v.Contains("x") && !v.Remove(-1) &&
                 v.Size() == 0);
-    v["a"] = v[std::string("b")] = v[std::string_view("c")] = v[none] = v[2U] = v[std::size_t{3}] = v[4LL] =
-        2;
+    v["a"] = v[std::string("b")] = v[std::string_view("c")] = v[none] = v[2U] = v[3UL] = v[4LL] = 2;
     EXPECT_TRUE(c[""] == 2 && c[std::string("b")] == 2 && c[4U] == 2 && v.Contains(std::string_view("c")));
     EXPECT_TRUE(v.Remove(none) && v.Contains(4U) && v.Remove(4LL) && v.Size() == 5);
     EXPECT_TRUE((v[high] = 2) == 2 && v.Contains(high) && v.Remove(high));

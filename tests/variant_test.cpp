@@ -123,7 +123,6 @@ TEST(Variant, KeyChainsFindWhatTheyName) {
         const Variant* found = tree.GetKeyChain(TypeAny, path.c_str(), false);
         EXPECT_EQ(found != nullptr ? test::shown(*found) : "nothing", expected);
     }
-    EXPECT_EQ(tree.GetKeyChain(TypeNumeric, "a/x", true), &tree["a"]["x"]);
     EXPECT_EQ(tree.GetKeyChain(TypeDouble, "a/b", true), nullptr);
 }
 
