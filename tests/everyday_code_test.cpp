@@ -70,9 +70,9 @@ TEST(EverydayCode, ConvertsWithoutAWordWhereOnlyOneThingCanBeMeant) {
     const float real = number;
     const std::size_t size{number};
     EXPECT_TRUE(number && real == std::numeric_limits<float>::max() && size == ~std::size_t{0});
-    const std::string copy(text);
-    const char* const pointer = text;
-    EXPECT_TRUE(copy == "text" && pointer == copy);
+    std::string copy(text);
+    copy += static_cast<const char*>(text);
+    EXPECT_EQ(copy, "texttext");
 }
 
 TEST(EverydayCode, ComparesByValueWithNumbersAndTexts) {

@@ -66,15 +66,9 @@ TEST(KeyValueText, IsNotWrittenWhereItWouldReadBackAsAnotherTree) {
         tree[key] = "";
         EXPECT_EQ(exported(tree), "refused") << key;
     }
-}
-
-TEST(KeyValueText, IsWrittenOnlyWithSeparatorsAtWhichItCanBeSplit) {
-    Variant tree;
-    tree["a:"] = "1;";
-    EXPECT_EQ(exported(tree, "", ""), "a:1;");
-    EXPECT_EQ(exported(tree, ".", "\n"), "a:.1;\n");
-    EXPECT_EQ(exported(tree, "::", "\n"), "refused");
-    EXPECT_EQ(exported(tree, "=", ";;"), "refused");
+    EXPECT_EQ(exported(dotted["a.b"], "c", "\n"), "refused");
+    EXPECT_EQ(exported(dotted["a.b"], "::", "1"), "refused");
+    EXPECT_EQ(exported(dotted["a.b"], "::", ""), "c::1");
 }
 
 }  // namespace

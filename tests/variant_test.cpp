@@ -104,16 +104,6 @@ TEST(Variant, CompactsAllBelow) {
         EXPECT_LT(static_cast<const std::string&>(group["text"]).capacity(), sizeof longText - 1) << name;
 }
 
-TEST(Variant, AppendsAfterTheLastIndex) {
-    Variant value;
-    value[-5] = "negative";
-    value[-1] = "zero";
-    value[-1] = "one";
-    EXPECT_EQ(test::shown(value), "array -5=negative\n0=zero\n1=one");
-    Variant& last = value[std::numeric_limits<long long>::max()];
-    EXPECT_EQ(&value[-1], &last) << "there is no index after the largest";
-}
-
 TEST(Variant, KeyChainsFindWhatTheyName) {
     Variant tree;
     ASSERT_TRUE(tree.FromKVP("a.=empty name\na.5=digits\na.b=1\na.x=2.5\n", true, false, true));
