@@ -37,6 +37,7 @@ std::map<std::string, std::string> outcomeOfInit() {
         outcome["fails"] =
             std::filesystem::path(failure.subject).filename().string() + ": " +
             (failure.step == korvo::Step::Read ? std::to_string(failure.error) : failure.reason);
+    EXPECT_EQ(failure.line, 0);
     EXPECT_EQ(failure.step == korvo::Step::None, outcome.empty());
     for (const test::LogLine& line : log.take())
         outcome[line.function] = line.message + " " + std::to_string(line.errorCode);
