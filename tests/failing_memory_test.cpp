@@ -108,27 +108,6 @@ void useAllButTheStore() {
     counting = fails;
 }
 
-TEST(Memory, IsFreeAsSoonAsMembersAreRemovedAndTheirListsAreWithCompact) {
-    Variant value;
-    liveObjects = 0;
-    allocationsLeft = 1000000;
-    counting = true;
-    for (const std::string name : {"members with a long name ", "member "}) {
-        for (int i = 0; i < 10000; ++i) value[name + std::to_string(i)] = i;
-        for (int i = 10; i < 10000; ++i) value.Remove(name + std::to_string(i));
-    }
-    EXPECT_EQ(liveObjects, 20 + 2) << "what is left: 20 members, their list and what holds that";
-    const long before = allocationsLeft;
-    value.Compact();
-    counting = false;
-    EXPECT_EQ(before - allocationsLeft, 1) << "the shorter list";
-    EXPECT_EQ(value.Size(), 20);
-    EXPECT_EQ(value["member 9"], Variant(9));
-    value["again"] = longText;
-    const std::vector<std::string> others(1000, std::string(4000, 'x'));  // in whatever memory is free
-    EXPECT_EQ(value["again"], Variant(longText));
-}
-
 TEST(FailingMemory, LeavesNoLeakAndNoHalfCopy) {
     const test::Device device(SAMPLE_DEVICE);
     failEachAllocation([] {}, useAllButTheStore);

@@ -13,11 +13,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <filesystem>
-#include <new>
 #include <string>
 
 #include "korvo/utils/device_root.h"
@@ -30,31 +28,25 @@ enum Fault : int { NoFault = 0, CutShort = -1, KilledAfter = -2 };
 /** A call on a file of the device. */
 struct Call {
     char name[16];   ///< one for all functions that do the same
-    int flags;       ///< of open
-    char data[200];  ///< what is written, or the new name of what is renamed
     char path[200];  ///< on the device
-    int result;      ///< -1 when the call failed
+    char data[200];  ///< what is written, or the new name of what is renamed
+    bool failed;
 };
 
 /** What a watched process and its parent tell each other. */
 struct Watch {
-    std::size_t brokenCall;  ///< counted from 0
     int fault;
-    bool lasting;  ///< all later calls of that kind on that file are broken too
+    std::size_t brokenCall;  ///< counted from 0
+    bool lasting;            ///< all later calls of that kind on that file are broken too
     std::size_t count;
     std::array<Call, 300> calls;
     std::array<int, 8> messages;  ///< so many were logged, by level
-
-    /** In memory that forked processes share, until the program ends. */
-    static Watch& shared() {
-        const int access = PROT_READ | PROT_WRITE;
-        void* memory = ::mmap(nullptr, sizeof(Watch), access, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        if (memory == MAP_FAILED) throw std::bad_alloc();
-        return *::new (memory) Watch{};
-    }
 };
 
-inline Watch* watch = nullptr;  ///< while this process is watched
+/** In memory that forked processes share. */
+inline Watch& watch = *static_cast<Watch*>(
+    ::mmap(nullptr, sizeof(Watch), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+inline bool isWatched = false;  ///< this process
 
 /** The path on the device of an open file, or of what is below it; empty for what is not on the device. */
 inline std::string onDevice(int file, const char* below) {
@@ -63,9 +55,8 @@ inline std::string onDevice(int file, const char* below) {
     if (file != AT_FDCWD)
         path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file), ignored) / path;
     const std::string root = korvo::utils::devicePath("/"), name = path.lexically_normal() / "";
-    return name.compare(0, root.size(), root) != 0 ? ""
-           : name == root                          ? "/"
-                                                   : name.substr(root.size() - 1, name.size() - root.size());
+    if (name.compare(0, root.size(), root) != 0) return "";
+    return std::filesystem::path(name.substr(root.size() - 1)).parent_path();
 }
 
 /** The parameters of a function, each of which is as wide as a register. */
@@ -78,38 +69,35 @@ inline const char* textAt(long parameter) { return reinterpret_cast<const char*>
 /** Makes a call. A watched process records it, and breaks it when its turn has come. */
 inline int pass(std::string name, Function next, Parameters given, bool hasFile, bool hasPath) {
     const auto make = [&] { return static_cast<int>(next(given[0], given[1], given[2], given[3])); };
-    if (watch == nullptr) return make();
-    if (name == "nap") return 0;  // what is watched need not wait until something changes
-    const int file = hasFile ? static_cast<int>(given[0]) : AT_FDCWD, command = static_cast<int>(given[1]);
-    if (name == "fcntl" && command == F_SETLKW) name += ", waiting";
-    if (name == "fcntl" && command != F_SETLK) return make();  // of its commands those for locks are broken
+    if (!isWatched) return make();
+    if (name == "wait") return 0;  // here nothing changes meanwhile
+    const int file = hasFile ? static_cast<int>(given[0]) : AT_FDCWD, option = static_cast<int>(given[1]);
+    if (name == "openat") name = (static_cast<int>(given[2]) & O_CREAT) != 0 ? "create" : "open";
+    if (name == "fcntl" && option == F_SETLKW) name = "fcntl, waiting";
+    if (name == "fcntl" && option != F_SETLK) return make();  // of its commands those for locks are broken
     const std::string path =
         name == "sync" ? "/" : onDevice(file, hasPath ? textAt(given[hasFile ? 1 : 0]) : "");
     if (path.empty()) return make();
-    Call& recorded = watch->calls.at(watch->count++) = Call{};
-    const Call& first = watch->calls.at(watch->brokenCall);
+    Call& call = watch.calls.at(watch.count++) = Call{};
+    name.copy(call.name, sizeof call.name - 1);
+    path.copy(call.path, sizeof call.path - 1);
+    const Call& broken = watch.calls.at(watch.brokenCall);
+    const bool isAnother =
+        watch.lasting && watch.count > watch.brokenCall && name == broken.name && path == broken.path;
+    const int fault = &call == &broken || isAnother ? watch.fault : NoFault;
+    if (fault == CutShort) given[2] = (given[2] + 1) / 2;
     std::string data = name == "rename" ? onDevice(AT_FDCWD, textAt(given[1])) : "";
     if (name == "write") data.assign(textAt(given[1]), static_cast<std::size_t>(given[2]));
-    name.copy(recorded.name, sizeof recorded.name - 1);
-    data.copy(recorded.data, sizeof recorded.data);
-    path.copy(recorded.path, sizeof recorded.path - 1);
-    recorded.flags = static_cast<int>(given[hasFile ? 2 : 1]);
-    recorded.result = -1;
-    const bool isAnother =
-        watch->lasting && watch->count > watch->brokenCall && name == first.name && path == first.path;
-    const int fault = &recorded == &first || isAnother ? watch->fault : NoFault;
-    if (fault == CutShort) given[2] = (given[2] + 1) / 2;
+    data.copy(call.data, sizeof call.data - 1);
     // What was written and is only now found to be lost; and the descriptor is gone even if close() fails.
     if (name == "close" && fault == EIO) (void)!::ftruncate(file, 0);
     const bool isSync = name == "fsync" || name == "sync";  // nothing on a test's device has to last
     const int result = isSync || (fault > 0 && name != "close") ? 0 : make();
-    if (fault > 0) {
-        errno = fault;
-        return -1;
-    }
-    recorded.result = result;
+    call.failed = fault > 0 || result < 0;
     if (fault == KilledAfter) (void)::raise(SIGKILL);
-    return result;
+    if (fault <= 0) return result;
+    errno = fault;
+    return -1;
 }
 
 }  // namespace test
@@ -131,17 +119,14 @@ inline int pass(std::string name, Function next, Parameters given, bool hasFile,
 #define BELOW(function, name) FRONT(function, name, true, true)
 
 // clang-format off
-ON_PATH(open, "open") ON_PATH(open64, "open") ON_PATH(__open_2, "open") ON_PATH(__open64_2, "open")
-BELOW(openat, "open") BELOW(openat64, "open") BELOW(__openat_2, "open") BELOW(__openat64_2, "open")
-ON_PATH(stat, "stat") ON_PATH(stat64, "stat") ON_PATH(__stat64_time64, "stat") ON_PATH(access, "stat")
+BELOW(openat, "openat") BELOW(openat64, "openat") BELOW(__openat_2, "openat") BELOW(__openat64_2, "openat")
+ON_PATH(stat, "stat") ON_PATH(stat64, "stat") ON_PATH(__stat64_time64, "stat")
 ON_PATH(lstat, "stat") ON_PATH(lstat64, "stat") ON_PATH(__lstat64_time64, "stat")
 ON_FILE(fstat, "fstat") ON_FILE(fstat64, "fstat") ON_FILE(__fstat64_time64, "fstat")
-BELOW(fstatat, "stat") BELOW(fstatat64, "stat") BELOW(__fstatat64_time64, "stat")
 ON_FILE(fcntl, "fcntl") ON_FILE(fcntl64, "fcntl") ON_FILE(__fcntl_time64, "fcntl")
 ON_FILE(read, "read") ON_FILE(__read_chk, "read") ON_FILE(write, "write")
 ON_FILE(close, "close") ON_FILE(fsync, "fsync")
 ON_PATH(rename, "rename") ON_PATH(unlink, "unlink") ON_PATH(mkdir, "mkdir") ON_PATH(rmdir, "rmdir")
 ON_PATH(chmod, "chmod") ON_FILE(fchmod, "chmod") ON_FILE(fchown, "chown")
-FRONT(sync, "sync", false, false)
-FRONT(nanosleep, "nap", false, false) FRONT(__nanosleep64, "nap", false, false)
+ON_PATH(sync, "sync") ON_PATH(nanosleep, "wait") ON_PATH(__nanosleep64, "wait")
     // clang-format on

@@ -11,7 +11,7 @@ namespace test {
 
 class ReplacementCount {
   public:
-    /** @param directory  that of the configuration */
+    /** @param directory  that of the configuration, where nothing else is renamed meanwhile */
     explicit ReplacementCount(const std::filesystem::path& directory)
         : queue(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
         // The temporary name too: equal events in a row become one.
@@ -23,13 +23,12 @@ class ReplacementCount {
     /** The number since the last call. */
     int take() const {
         int count = 0;
-        alignas(inotify_event) char events[4096];
+        inotify_event event{};
+        char events[4096];
         for (ssize_t length = 0; (length = ::read(queue, events, sizeof events)) > 0;) {
-            inotify_event event{};
             for (const char* at = events; at < events + length; at += sizeof event + event.len) {
                 std::memcpy(&event, at, sizeof event);
-                if ((event.mask & IN_MOVED_TO) != 0 && std::strcmp(at + sizeof event, "system.cfg") == 0)
-                    ++count;
+                if ((event.mask & IN_MOVED_TO) != 0) ++count;
             }
         }
         return count;
