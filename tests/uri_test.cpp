@@ -35,6 +35,7 @@ TEST(ParseUri, TakesEachPieceFromItsPlace) {
     for (auto [text, expected] : test::readCases("uri.txt")) {
         URI uri = parsed(text);
         EXPECT_EQ(uri.Size(), 16);
+        EXPECT_STREQ(typeName(uri["parameters"]), "map");
         EXPECT_EQ(uri["fullUriWithAuth"], text);
         uri["base"] = uri.baseURI();
         korvo::utils::replaceAll(expected, "\n", "");

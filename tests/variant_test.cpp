@@ -106,9 +106,9 @@ TEST(Variant, CompactsAllBelow) {
 
 TEST(Variant, KeyChainsFindWhatTheyName) {
     Variant tree;
-    ASSERT_TRUE(tree.FromKVP("a.=empty name\na.5=digits\na.b=1\na.x=2.5\n", true, false, true));
-    tree["a"][5] = "index";
+    ASSERT_TRUE(tree.FromKVP("a.=empty name\na.0=digits\na.b=1\na.x=2.5\n", true, false, true));
     tree["a"][-5] = "negative";
+    tree["a"][-1] = "the first after it";
     for (const auto& [path, expected] : test::readCases("key_chains.txt")) {
         const Variant* found = tree.GetKeyChain(TypeAny, path.c_str(), false);
         EXPECT_EQ(found != nullptr ? test::shown(*found) : "nothing", expected);
@@ -120,8 +120,8 @@ TEST(Variant, EqualsOnlyTheSameValueOfTheSameType) {
     Variant list = sampleTree(), longer = list;
     list.IsArray(true);
     longer[0] = 1;
-    const Variant different[] = {
-        Variant(), 0, 0LL, false, nan, "", longText, list, longer, sampleTree(), sampleTree()["empty"]};
+    const Variant different[] = {Variant(), 0,        0LL,  false,  0.5,          nan,
+                                 "",        longText, list, longer, sampleTree(), sampleTree()["empty"]};
     for (const Variant& left : different)
         for (const Variant& right : different)
             EXPECT_EQ(left == right, &left == &right) << test::shown(left) << ", " << test::shown(right);
