@@ -181,17 +181,18 @@ std::string addChange(const Lines& lines, Variant& place, std::vector<SystemCfgM
 /** Loads a text into @p changes, or into the tree if there are none. */
 bool loadLines(const std::string& text, Variant& tree, std::vector<SystemCfgManager::Change>* changes,
                std::vector<SystemCfgManager::Fault>* faults) {
-    bool accepted = true;
+    std::vector<SystemCfgManager::Fault> found;
     std::string reason;
     tree.IsArray(false);
-    for (Lines lines{text}; lines.next() && (accepted || faults != nullptr);) {
+    for (Lines lines{text}; lines.next() && (found.empty() || faults != nullptr);) {
         Variant* const place = makePlace(lines, text, tree, reason);
         if (place != nullptr && changes == nullptr) *place = std::string(loadedValue(lines.value));
         if (place != nullptr && changes != nullptr) reason = addChange(lines, *place, *changes);
-        if (reason.empty()) continue;
-        accepted = false;
-        if (faults != nullptr) faults->push_back({lines.number, reason});
+        if (!reason.empty()) found.push_back({lines.number, reason});
     }
+    const bool accepted = found.empty();
+    if (faults == nullptr) return accepted;
+    for (SystemCfgManager::Fault& fault : found) faults->push_back(std::move(fault));  // may hold the text
     return accepted;
 }
 
