@@ -156,6 +156,9 @@ TEST_F(SystemCfgTest, WhatCannotBeLoadedAgainIsNotWrittenNorParsed) {
     std::vector<SystemCfgManager::Change> changes;
     EXPECT_FALSE(SystemCfgManager::parse({"a=1\nb=\0", 7}, changes, nullptr) || !changes.empty());
     EXPECT_FALSE(SystemCfgManager::load("torn", tree = "old", nullptr));
+    std::vector<SystemCfgManager::Fault> faults = {{0, "torn\ntoo"}};
+    EXPECT_FALSE(SystemCfgManager::load(faults[0].reason, tree, &faults));
+    EXPECT_EQ(faults.size(), 3U);
     EXPECT_EQ(tree, Variant());
     ASSERT_TRUE(store.init());
     Variant twice, below;
