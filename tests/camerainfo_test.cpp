@@ -58,7 +58,8 @@ TEST(CameraInfo, GathersWhatEachDeviceHasInEveryLocale) {
             for (const auto& [name, fact] : usual)
                 if (outcome.count(name) == 0) differences += '-' + name + '|';
             for (const auto& [name, fact] : outcome)
-                if (usual.count(name) == 0 || usual[name] != fact) differences += name + '=' + fact + '|';
+                if (usual.count(name) == 0 || usual[name] != fact)
+                    differences.append(name).append("=").append(fact).append("|");
             korvo::utils::replaceAll(expected, "\n", "");
             EXPECT_EQ(differences, expected);
             if (usual.empty()) usual = outcome;

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "korvo/utils/device_root.h"
+#include "korvo/utils/text.h"
 #include "korvo/variant_utils/system_cfg.h"
 
 int main(int argumentCount, char** arguments) {
@@ -24,14 +25,15 @@ int main(int argumentCount, char** arguments) {
             const std::string id = ' ' + std::to_string(::getpid()) + ':' + std::to_string(++number);
             // One call a line, so that the lines of several processes do not mix.
             const auto note = [&](const std::string& step, const std::string& numbers = "") {
-                const std::string line = step + id + numbers + '\n';
+                const std::string line =
+                    korvo::utils::format("%s%s%s\n", step.c_str(), id.c_str(), numbers.c_str());
                 require(::write(file, line.data(), line.size()) > 0);
             };
             SystemCfgManager store;
             std::string value, saves;
             require(store.init() && store.get("count", &value, nullptr) &&
                     store.get("system.flash.cycles", &saves, nullptr));
-            note("begin", ' ' + value + ' ' + saves);
+            note("begin", korvo::utils::format(" %s %s", value.c_str(), saves.c_str()));
             require(argumentCount == 2 || (store.close(false, false) && store.init()));
             require(store.set("count", std::stoi(value) + 1, nullptr));
             note("set");
