@@ -35,7 +35,7 @@ constexpr char firmwareVersionFile[] = "/lib/version";
  * | "hwaddr"        | string       | hardware address as written in the board file: 021b2ca1b2c3     |
  * | others          | any          | the rest of the board file's group "board": numbers, strings,   |
  * |                 |              | and a map for each group in it                                  |
- * | "hwaddrColons"  | string       | its first 12 characters, or fewer, in pairs: 02:1b:2c:a1:b2:c3  |
+ * | "hwaddrColons"  | string       | hwaddr, cut after 12 characters, in pairs: 02:1b:2c:a1:b2:c3    |
  * | "feature_mic"   | signed char  | board file: 0 without a microphone; likewise "feature_ir",      |
  * |                 |              | "feature_rtc", "feature_wifi", "feature_sdmmc", "feature_video" |
  * | "hostName"      | string       | first line of /proc/sys/kernel/hostname                         |

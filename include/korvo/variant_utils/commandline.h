@@ -102,7 +102,7 @@ KORVO_VARIANT_UTILS_EXPORT Variant OptionValue(const Variant& definitions, const
 
 /**
  * The values typed for an option by its long or short name, in order and byte for byte; empty where it had
- * none. ParseCommandLine() makes the number 8 of `--user=010`, this returns the text `010`. The parameters
+ * none. ParseCommandLine() turns `--user=010` into the number 8; this returns `010`. The parameters
  * are those of ParseCommandLine() and OptionValue().
  */
 KORVO_VARIANT_UTILS_EXPORT std::vector<std::string> OptionTexts(int argc, const char* const* argv,

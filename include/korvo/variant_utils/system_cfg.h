@@ -192,7 +192,7 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     /**
      * Ends the use of the store. Writes a tree that changed; with @p saveToFlash also copies it to flash.
      * @p forceSave does both in any case. Each copy is counted first, in the key "system.flash.cycles", up to
-     * the largest int. What apply() changed is in the file already: alone, it leaves only the count to write.
+     * the largest int. apply() has written its changes: after it alone, only the count is left to write.
      *
      * After initReadOnly() it writes nothing, always ends the reading, and fails only with @p forceSave.
      *
@@ -202,8 +202,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
     [[nodiscard]] bool close(bool saveToFlash, bool forceSave);
 
     /**
-     * Finds the map for the last component of a key, which @p lastKey receives, and makes it and its missing
-     * parents. For a key that set() refuses it makes nothing: null and the empty text.
+     * Finds the map for the last component of a key, which @p lastKey receives; makes it and its parents if
+     * missing. For a key that set() refuses it makes nothing: null and the empty text.
      */
     void getLastNode(const std::string& key, korvo::variant::Variant*& node, std::string& lastKey);
 
@@ -220,9 +220,9 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
      * @{ */
 
     /**
-     * The way back after a power-up: if "/tmp/system.cfg" is missing, or a regular file without any pair,
-     * puts the flash copy in its place, or else the file @p defaults. Call it before the services start and
-     * before anything untrusted runs.
+     * For power-up: if "/tmp/system.cfg" is missing, or a regular file without any pair, puts the flash copy
+     * in its place, or else the file @p defaults. Call it before the services start and before anything
+     * untrusted runs.
      *
      * The text replaces the file in one step, unchanged but for "system.flash.cycles": it becomes the largest
      * count in the working copy, the flash copy, a damaged one and @p defaults. A text without any other pair
@@ -335,8 +335,8 @@ class KORVO_VARIANT_UTILS_EXPORT SystemCfgManager {
  *
  * The configuration may have changed when its file is replaced or removed, or when whoever wrote it in place
  * closes it. Started before the first read, a watch misses no change; it reports several changes between two
- * calls of takeChange() as one. It may report a file that is created in place twice: before its writer closes
- * it, and then. So rename whole files.
+ * calls of takeChange() as one. It may report a file created in place twice, first before its writer closes
+ * it. So rename whole files.
  *
  * Takes no lock; needs read access to "/tmp" only. If the directory itself is removed, moved or unmounted,
  * that is a change too: the watch moves on to the directory that then has the name, or ends if there is none.

@@ -103,7 +103,7 @@ class KORVO_VARIANT_UTILS_EXPORT URI : public Variant {
 
     /**
      * As above; @p failure, which may be null, receives the reason: Step::Uri as from parseURI(), or
-     * Step::Resolve with the host. If a password holds an "@", its rest is in the host.
+     * Step::Resolve with the host. The rest of a password after an "@" is in the host.
      */
     [[nodiscard]] static bool FromString(const std::string& text, bool resolveHost, URI& target,
                                          Failure* failure);

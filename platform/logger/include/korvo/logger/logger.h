@@ -50,8 +50,7 @@ KORVO_LOGGER_EXPORT void standardErrorSink(const Record& record);
 
 /**
  * A sink for syslog(3). The host may call openlog() first, to choose name and facility. A host that closes
- * its standard streams must call it before that, with LOG_NDELAY, so syslog's socket does not get the number
- * of one.
+ * its standard streams must first call it with LOG_NDELAY, so syslog's socket gets none of their numbers.
  */
 KORVO_LOGGER_EXPORT void syslogSink(const Record& record);
 

@@ -20,7 +20,7 @@ KORVO_UTILS_EXPORT std::string flashCopyPath();
 /**
  * Copies "/tmp/system.cfg" to "system.cfg" in the flash directory, which the build fixes as KORVO_FLASH_DIR,
  * and which is created with its parents. The copy gets the access of the working copy, as File::SetAccess()
- * gives it, but only root or the store's owner as its owner: with another it would look planted. A working
+ * gives it, but belongs only to root or the store's owner: otherwise it would look planted. A working
  * copy that is a symbolic link or has a second name is refused (ELOOP, EMLINK).
  *
  * Once it returns true, the copy is on the storage device. After false, or a power cut at any moment, the

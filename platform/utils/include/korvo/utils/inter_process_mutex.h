@@ -30,7 +30,7 @@ struct NamedLock;
  * library's descriptor for it, as daemons do. held() reports this; a waiter or the next acquire() opens the
  * file anew, and the number of the closed descriptor is left alone.
  *
- * Two things escape it. A host that opens and closes the lock file itself releases the lock, unnoticed:
+ * Two gaps remain. A host that opens and closes the lock file itself releases the lock, unnoticed:
  * such are the rules of record locks. And where fs.protected_hardlinks is 0, whoever may write to "/tmp" can
  * give the lock file a second name, and have root replace it.
  *
